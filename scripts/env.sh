@@ -1,0 +1,40 @@
+# Sourced by the scripts: build folders and a project-local Wine prefix.
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build_win="$root/build/win"
+build_native="$root/build/native"
+export WINEPREFIX="$root/build/wine-prefix"
+export WINEDEBUG="${WINEDEBUG:--all}"
+# No Mono or Gecko install prompts in a headless prefix.
+export WINEDLLOVERRIDES="mscoree,mshtml="
+export WINEARCH=win64
+wineserver=/usr/lib/wine/wineserver
+jobs=$(nproc)
+
+configure_and_build() {  # configure_and_build <build dir> [cmake args...] -- [targets...]
+  local dir=$1; shift
+  local args=() targets=()
+  while [ $# -gt 0 ] && [ "$1" != "--" ]; do args+=("$1"); shift; done
+  [ $# -gt 0 ] && shift
+  targets=("$@")
+  cmake -S "$root" -B "$dir" "${args[@]}" >/dev/null
+  if [ ${#targets[@]} -gt 0 ]; then
+    cmake --build "$dir" -j "$jobs" --target "${targets[@]}"
+  else
+    cmake --build "$dir" -j "$jobs"
+  fi
+}
+
+build_windows() { configure_and_build "$build_win" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- "$@"; }
+build_native() { configure_and_build "$build_native" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- "$@"; }
+
+start_wine() {
+  mkdir -p "$WINEPREFIX"
+  if [ ! -f "$WINEPREFIX/system.reg" ]; then
+    echo "wine: creating the prefix in $WINEPREFIX"
+    /usr/lib/wine/wine64 wineboot -i >/dev/null 2>&1 || true
+    "$wineserver" -w || true
+  fi
+  # A persistent server makes each test program start in a fraction of a second.
+  "$wineserver" -p
+  trap '"$wineserver" -k 2>/dev/null || true' EXIT
+}

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds the Windows and the native (sanitized) trees, and runs every test:
+# the Windows programs under Wine's real Media Foundation, the portable parts natively as well.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+source scripts/env.sh
+build_native
+build_windows
+start_wine
+status=0
+echo "== native tests (AddressSanitizer, UndefinedBehaviorSanitizer) =="
+ctest --test-dir "$build_native" --output-on-failure -j "$jobs" || status=1
+echo "== Windows tests under Wine =="
+ctest --test-dir "$build_win" --output-on-failure -j "$jobs" || status=1
+exit $status

@@ -1,0 +1,22 @@
+// Every Windows test program runs inside one COM apartment and one Media Foundation session.
+#include <gtest/gtest.h>
+
+#include "platform/WindowsSdk.h"
+
+namespace {
+
+class MfTestEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
+    ASSERT_EQ(S_OK, MFStartup(MF_VERSION, MFSTARTUP_FULL));
+  }
+  void TearDown() override {
+    MFShutdown();
+    CoUninitialize();
+  }
+};
+
+const auto *const environment = ::testing::AddGlobalTestEnvironment(new MfTestEnvironment);
+
+}  // namespace

@@ -1,0 +1,168 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "user_space_frameworks/Callback.h"
+#include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/ExceptionGuard.h"
+#include "user_space_frameworks/FpsMonitor.h"
+#include "user_space_frameworks/RollingAverage.h"
+
+namespace user_space_frameworks {
+namespace {
+
+struct GuardCase {
+  const char *name;
+  void (*thrower)();
+  HRESULT expected;
+  const char *message;
+};
+
+const GuardCase kGuardCases[] = {
+    {"com", [] { throw _com_error(MF_E_NO_MORE_TYPES); }, MF_E_NO_MORE_TYPES, "Caught Com Exception error"},
+    {"alloc", [] { throw std::bad_alloc(); }, E_OUTOFMEMORY, "Bad allocation exception trapped"},
+    {"range", [] { throw std::out_of_range("x"); }, MF_E_INVALIDINDEX, "Out of range exception trapped"},
+    {"std", [] { throw std::invalid_argument("unsupported order"); }, E_FAIL, "Standard exception trapped: unsupported order"},
+    {"other", [] { throw 42; }, E_FAIL, "General exception trapped"},
+};
+
+class GuardTest : public ::testing::TestWithParam<GuardCase> {};
+
+TEST_P(GuardTest, MapsEachKindOnceAndTracesIt) {
+  auto sink = std::make_shared<CapturingTraceSink>();
+  trace::ScopedSink scoped(sink, TraceLevel::Verbose);
+  const GuardCase &c = GetParam();
+  const HRESULT hr = WQ_GUARDED([&]() -> HRESULT {
+    c.thrower();
+    return S_OK;
+  });
+  EXPECT_EQ(c.expected, hr);
+  EXPECT_EQ(1u, sink->Count(c.message));
+  EXPECT_TRUE(sink->Contains("==>"));
+  EXPECT_TRUE(sink->Contains("<== " + trace::HrText(c.expected)));
+}
+
+INSTANTIATE_TEST_SUITE_P(AllKinds, GuardTest, ::testing::ValuesIn(kGuardCases),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+struct Probe {
+  HRESULT Fails() { return E_ACCESSDENIED; }
+  HRESULT CallsFailing() {
+    RETURN_IF_FAILED(Fails());
+    return S_OK;
+  }
+  HRESULT RefusesNull(int *value) {
+    RETURN_IF_NULL(value);
+    return S_OK;
+  }
+  int Seen(int value) { return value * 2; }
+};
+
+TEST(CheckTest, TracesQualifiedNameExpressionAndCodeOnce) {
+  auto sink = std::make_shared<CapturingTraceSink>();
+  trace::ScopedSink scoped(sink, TraceLevel::Error);
+  Probe probe;
+  EXPECT_EQ(E_ACCESSDENIED, probe.CallsFailing());
+  ASSERT_EQ(1u, sink->Lines().size());
+  const auto line = sink->Lines()[0];
+  EXPECT_EQ("user_space_frameworks::{anonymous}::Probe::CallsFailing", line.function);
+  EXPECT_NE(std::string::npos, line.message.find("Fails()"));
+  EXPECT_NE(std::string::npos, line.message.find("0x80070005"));
+
+  sink->Clear();
+  EXPECT_EQ(E_POINTER, probe.RefusesNull(nullptr));
+  ASSERT_EQ(1u, sink->Lines().size());
+  EXPECT_NE(std::string::npos, sink->Lines()[0].message.find("value is nullptr, expected valid pointer"));
+}
+
+TEST(CheckTest, DisabledTracingWritesNothing) {
+  auto sink = std::make_shared<CapturingTraceSink>();
+  trace::ScopedSink scoped(sink, TraceLevel::Off);
+  Probe probe;
+  EXPECT_EQ(E_ACCESSDENIED, probe.CallsFailing());
+  EXPECT_TRUE(sink->Lines().empty());
+}
+
+TEST(QualifiedNameTest, StripsReturnTypeArgumentsAndLambdaSuffix) {
+  EXPECT_EQ("mft_core::MFDeviceTransform::CheckShutdown",
+            trace::QualifiedName("virtual HRESULT mft_core::MFDeviceTransform::CheckShutdown()"));
+  EXPECT_EQ("mft_core::A::Get",
+            trace::QualifiedName("std::vector<std::pair<int, int> > mft_core::A::Get(int) const"));
+  EXPECT_EQ("ns::X::Run",
+            trace::QualifiedName("ns::X::Run(DWORD)::<lambda()>"));
+  EXPECT_EQ("ns::X::operator()", trace::QualifiedName("long int ns::X::operator()(int)"));
+}
+
+TEST(CallbackTest, InvokesMemberAndRefusesEmpty) {
+  Probe probe;
+  Callback<Probe, int, int> callback(&probe, &Probe::Seen);
+  EXPECT_EQ(14, callback(7));
+  Callback<Probe, int, int> empty;
+  try {
+    empty(1);
+    FAIL() << "an empty callback must throw";
+  } catch (const std::exception &e) {
+    EXPECT_STREQ("no callback function or instance", e.what());
+  }
+}
+
+TEST(RollingAverageTest, AveragesTheLastWindowOnly) {
+  RollingAverage<uint64_t, 4> average;
+  EXPECT_EQ(0u, average.Average());
+  average.Add(10);
+  average.Add(20);
+  EXPECT_EQ(15u, average.Average());
+  for (uint64_t v : {100, 100, 100, 100}) average.Add(v);
+  EXPECT_EQ(100u, average.Average());
+}
+
+struct FpsProbe {
+  int calls = 0;
+  void OnFps(const FpsMonitor &) { ++calls; }
+};
+
+TEST(FpsMonitorTest, ResetRefusesZero) {
+  FpsMonitor monitor("input", 30000, 1);
+  try {
+    monitor.Reset(0);
+    FAIL();
+  } catch (const std::invalid_argument &e) {
+    EXPECT_STREQ("FPS must be > 0", e.what());
+  }
+}
+
+TEST(FpsMonitorTest, SteadyRateAtThresholdDoesNotNotify) {
+  FpsProbe probe;
+  FpsMonitor monitor("topology", 0, 1);
+  monitor.SetCallback(std::make_shared<Callback<FpsProbe, const FpsMonitor &>>(&probe, &FpsProbe::OnFps));
+  monitor.Reset(30);
+  monitor.SetThreshold(1);
+  for (uint64_t i = 0; i < 100; ++i) monitor.OnSample(1000000 + i * 33333);
+  EXPECT_EQ(0, probe.calls);
+  EXPECT_NEAR(30.0, monitor.GetMeasuredFps(), 0.01);
+}
+
+TEST(FpsMonitorTest, SuddenChangeIsFollowedOneThresholdStepPerSample) {
+  FpsProbe probe;
+  FpsMonitor monitor("topology", 0, 1);
+  monitor.SetCallback(std::make_shared<Callback<FpsProbe, const FpsMonitor &>>(&probe, &FpsProbe::OnFps));
+  monitor.Reset(30);
+  monitor.SetThreshold(2);
+  // 15 fps from the start: the reported rate walks 30 -> 28 -> ... -> 16 and then holds.
+  for (uint64_t i = 0; i < 40; ++i) monitor.OnSample(i * 66666);
+  EXPECT_EQ(7, probe.calls);
+  EXPECT_DOUBLE_EQ(16.0, monitor.GetCurrentFps());
+}
+
+TEST(FpsMonitorTest, PeriodicReportEveryPeriod) {
+  FpsProbe probe;
+  FpsMonitor monitor("input", 1000, 1);
+  monitor.SetCallback(std::make_shared<Callback<FpsProbe, const FpsMonitor &>>(&probe, &FpsProbe::OnFps));
+  monitor.Reset(10);
+  monitor.SetThreshold(1);
+  for (uint64_t i = 0; i <= 50; ++i) monitor.OnSample(i * 100000);  // 5 s at 10 fps
+  EXPECT_EQ(5, probe.calls);
+}
+
+}  // namespace
+}  // namespace user_space_frameworks

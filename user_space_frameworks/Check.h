@@ -1,0 +1,62 @@
+// Check-and-return: a failing call is traced once, by the function that saw it, with the function's
+// qualified name, the source text of the failing expression and the code; the code is returned unchanged.
+#pragma once
+
+#include "platform/WindowsSdk.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace user_space_frameworks {
+
+// Traces "<expression> failed: 0x...." at the error level.
+void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr);
+// Traces "<name>" "nullptr" where a "valid pointer" was expected.
+void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);
+
+}  // namespace user_space_frameworks
+
+#define RETURN_IF_FAILED(expression)                                               \
+  do {                                                                             \
+    const HRESULT wqHr_ = (expression);                                            \
+    if (FAILED(wqHr_)) {                                                           \
+      ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #expression, wqHr_);     \
+      return wqHr_;                                                                \
+    }                                                                              \
+  } while (0)
+
+// Refuses a missing pointer with E_POINTER.
+#define RETURN_IF_NULL(pointer) RETURN_HR_IF_NULL(E_POINTER, pointer)
+
+// Refuses a missing pointer with the given code.
+#define RETURN_HR_IF_NULL(hr, pointer)                                       \
+  do {                                                                       \
+    if ((pointer) == nullptr) {                                              \
+      ::user_space_frameworks::ReportNull(WQ_FUNCTION, #pointer, (hr));      \
+      return (hr);                                                           \
+    }                                                                        \
+  } while (0)
+
+// Returns `hr` (traced with the condition's text) when `condition` holds.
+#define RETURN_HR_IF(hr, condition)                                                \
+  do {                                                                             \
+    if (condition) {                                                               \
+      ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #condition, (hr));       \
+      return (hr);                                                                 \
+    }                                                                              \
+  } while (0)
+
+// Traces a failure without returning; evaluates to the code. For results deliberately not checked.
+#define LOG_IF_FAILED(expression)                                                                \
+  ([&](HRESULT wqHr_, const char *wqFunction_) {                                                 \
+    if (FAILED(wqHr_)) ::user_space_frameworks::ReportFailure(wqFunction_, #expression, wqHr_); \
+    return wqHr_;                                                                                \
+  }((expression), WQ_FUNCTION))
+
+// Inside code that may throw (constructors, lambdas run under the exception guard).
+#define THROW_IF_FAILED(expression)                                            \
+  do {                                                                         \
+    const HRESULT wqHr_ = (expression);                                        \
+    if (FAILED(wqHr_)) {                                                       \
+      ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #expression, wqHr_); \
+      throw _com_error(wqHr_);                                                 \
+    }                                                                          \
+  } while (0)

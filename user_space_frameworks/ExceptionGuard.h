@@ -1,0 +1,52 @@
+// Runs a body that returns an HRESULT so that no exception crosses a COM boundary, and writes the
+// entry "==>" and exit "<==" marks of the public method at the verbose level.
+#pragma once
+
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include "platform/WindowsSdk.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace user_space_frameworks {
+
+void TraceCaught(const char *prettyFunction, const char *message, const std::string &detail);
+std::string ComErrorText(const _com_error &error);
+
+template <typename Body>
+HRESULT ExceptionGuard(const char *prettyFunction, Body &&body) noexcept {
+  try {
+    return body();
+  } catch (const _com_error &error) {
+    TraceCaught(prettyFunction, "Caught Com Exception error", ComErrorText(error));
+    return error.Error();
+  } catch (const std::bad_alloc &) {
+    TraceCaught(prettyFunction, "Bad allocation exception trapped", std::string());
+    return E_OUTOFMEMORY;
+  } catch (const std::out_of_range &error) {
+    TraceCaught(prettyFunction, "Out of range exception trapped", error.what());
+    return MF_E_INVALIDINDEX;
+  } catch (const std::exception &error) {
+    TraceCaught(prettyFunction, "Standard exception trapped", error.what());
+    return E_FAIL;
+  } catch (...) {
+    TraceCaught(prettyFunction, "General exception trapped", std::string());
+    return E_FAIL;
+  }
+}
+
+// Entry mark, guarded body, exit mark with the result.
+template <typename Body>
+HRESULT Guarded(const char *prettyFunction, Body &&body) noexcept {
+  const bool verbose = trace::IsEnabled(TraceLevel::Verbose);
+  if (verbose) trace::Write(TraceLevel::Verbose, prettyFunction, "==>");
+  const HRESULT hr = ExceptionGuard(prettyFunction, std::forward<Body>(body));
+  if (verbose) trace::Write(TraceLevel::Verbose, prettyFunction, "<== " + trace::HrText(hr));
+  return hr;
+}
+
+}  // namespace user_space_frameworks
+
+// return WQ_GUARDED([&] { ... return S_OK; });
+#define WQ_GUARDED(body) ::user_space_frameworks::Guarded(WQ_FUNCTION, body)

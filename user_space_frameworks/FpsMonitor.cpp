@@ -1,0 +1,53 @@
+#include "user_space_frameworks/FpsMonitor.h"
+
+#include <cmath>
+#include <stdexcept>
+
+namespace user_space_frameworks {
+
+FpsMonitor::FpsMonitor(std::string name, uint64_t reportPeriodMs, double fps)
+    : name(std::move(name)), reportPeriod(reportPeriodMs), nominalFps(fps) {}
+
+void FpsMonitor::Reset(double fps) {
+  if (!(fps > 0)) throw std::invalid_argument("FPS must be > 0");
+  nominalFps = fps;
+  currentFps = fps;
+  isFirstSample = true;
+  lastTimestamp = 0;
+  nextReportTime = 0;
+  intervals.Clear();
+}
+
+double FpsMonitor::GetMeasuredFps() const {
+  const uint64_t average = intervals.Average();
+  return average == 0 ? 0.0 : 1000000.0 / static_cast<double>(average);
+}
+
+void FpsMonitor::Notify() {
+  if (callback) callback->Invoke(*this);
+}
+
+void FpsMonitor::OnSample(uint64_t timeUs) {
+  const uint64_t nowMs = timeUs / 1000;
+  if (isFirstSample) {
+    lastTimestamp = timeUs;
+    isFirstSample = false;
+    nextReportTime = nowMs + reportPeriod;
+    return;
+  }
+  intervals.Add(timeUs - lastTimestamp);
+  lastTimestamp = timeUs;
+  const double measured = GetMeasuredFps();
+  if (std::fabs(currentFps - measured) > threshold) {
+    nextReportTime += reportPeriod;
+    Notify();
+    currentFps += measured > currentFps ? threshold : -threshold;
+    return;
+  }
+  if (reportPeriod != 0 && nowMs >= nextReportTime) {
+    nextReportTime += reportPeriod;
+    Notify();
+  }
+}
+
+}  // namespace user_space_frameworks

@@ -1,0 +1,126 @@
+// Tracing: levels, a process-wide sink, entry/exit marks and structured per-frame events.
+// A disabled trace costs one relaxed atomic load and a branch; nothing is formatted or allocated.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace user_space_frameworks {
+
+enum class TraceLevel : int { Off = 0, Error = 1, Warning = 2, Info = 3, Verbose = 4 };
+
+class TraceSink {
+ public:
+  virtual ~TraceSink() = default;
+  // One trace line of `function` (qualified name).
+  virtual void Write(TraceLevel level, const std::string &function, const std::string &message) = 0;
+  // One structured event ("SampleTime", "No Sample", ...), with its fields as text.
+  virtual void Event(const char *name, const std::string &fields) = 0;
+};
+
+// Keeps every line in memory; tests assert on the quoted texts.
+class CapturingTraceSink : public TraceSink {
+ public:
+  struct Line {
+    TraceLevel level;
+    std::string function;
+    std::string message;
+  };
+  void Write(TraceLevel level, const std::string &function, const std::string &message) override;
+  void Event(const char *name, const std::string &fields) override;
+  std::vector<Line> Lines() const;
+  std::vector<std::string> Events() const;
+  bool Contains(const std::string &text) const;  // in any message, function or event
+  size_t Count(const std::string &text) const;
+  void Clear();
+
+ private:
+  mutable std::mutex mutex;
+  std::vector<Line> lines;
+  std::vector<std::string> events;
+};
+
+// Writes lines to a file, or to stderr when the path is empty.
+class TextTraceSink : public TraceSink {
+ public:
+  explicit TextTraceSink(const std::string &path);
+  ~TextTraceSink() override;
+  void Write(TraceLevel level, const std::string &function, const std::string &message) override;
+  void Event(const char *name, const std::string &fields) override;
+
+ private:
+  std::mutex mutex;
+  FILE *file;
+  bool ownsFile;
+};
+
+namespace trace {
+
+extern std::atomic<int> currentLevel;
+extern std::atomic<bool> eventsEnabled;
+
+inline bool IsEnabled(TraceLevel level) {
+  return currentLevel.load(std::memory_order_relaxed) >= static_cast<int>(level);
+}
+inline bool EventsEnabled() { return eventsEnabled.load(std::memory_order_relaxed); }
+
+// Installs `sink` at `level` (Off or a null sink switches tracing off). Returns the previous sink.
+std::shared_ptr<TraceSink> SetSink(std::shared_ptr<TraceSink> sink, TraceLevel level, bool events = true);
+// Reads WQ400_TRACE ("error", "warning", "info", "verbose") and WQ400_TRACE_FILE once; the host and
+// the module call it at start-up.
+void ConfigureFromEnvironment();
+
+void Write(TraceLevel level, const char *prettyFunction, const std::string &message);
+void WriteEvent(const char *name, const std::string &fields);
+
+// "HRESULT mft_core::MFDeviceTransform::CheckShutdown()" -> "mft_core::MFDeviceTransform::CheckShutdown"
+std::string QualifiedName(const char *prettyFunction);
+std::string HrText(long hr);  // "0x80004005"
+
+// Restores the previous sink and level on destruction (tests).
+class ScopedSink {
+ public:
+  ScopedSink(std::shared_ptr<TraceSink> sink, TraceLevel level);
+  ~ScopedSink();
+  ScopedSink(const ScopedSink &) = delete;
+  ScopedSink &operator=(const ScopedSink &) = delete;
+
+ private:
+  std::shared_ptr<TraceSink> previous;
+  int previousLevel;
+  bool previousEvents;
+};
+
+}  // namespace trace
+}  // namespace user_space_frameworks
+
+#if defined(_MSC_VER)
+#define WQ_FUNCTION __FUNCTION__
+#else
+#define WQ_FUNCTION __PRETTY_FUNCTION__
+#endif
+
+// WQ_TRACE(Info, "Found matching media type: " << description);
+#define WQ_TRACE(level, streamExpression)                                                          \
+  do {                                                                                             \
+    if (::user_space_frameworks::trace::IsEnabled(::user_space_frameworks::TraceLevel::level)) {   \
+      std::ostringstream wqTraceStream_;                                                           \
+      wqTraceStream_ << streamExpression;                                                          \
+      ::user_space_frameworks::trace::Write(::user_space_frameworks::TraceLevel::level, WQ_FUNCTION, \
+                                            wqTraceStream_.str());                                 \
+    }                                                                                              \
+  } while (0)
+
+// Structured per-frame event: WQ_TRACE_EVENT("SampleTime", "stream=" << id << " time=" << t);
+#define WQ_TRACE_EVENT(name, streamExpression)                  \
+  do {                                                          \
+    if (::user_space_frameworks::trace::EventsEnabled()) {      \
+      std::ostringstream wqTraceStream_;                        \
+      wqTraceStream_ << streamExpression;                       \
+      ::user_space_frameworks::trace::WriteEvent(name, wqTraceStream_.str()); \
+    }                                                           \
+  } while (0)
