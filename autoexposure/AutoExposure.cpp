@@ -170,7 +170,8 @@ Statistics AutoExposure::ComputeStatistics(const std::uint32_t h[256], std::uint
     s.deviation = variance > 0.0 ? static_cast<float>(std::sqrt(variance)) : 0.0f;
 
     const double brightMinusDark = static_cast<double>(s.bright) - static_cast<double>(s.dark);
-    s.score = static_cast<float>(((mean - 128.0) / 255.0 + 5.0 * brightMinusDark / total) * -0.3);
+    // Adding 0 turns the -0 of a perfectly exposed frame into 0 for the log.
+    s.score = static_cast<float>(((mean - 128.0) / 255.0 + 5.0 * brightMinusDark / total) * -0.3 + 0.0);
     return s;
 }
 
