@@ -69,21 +69,6 @@ INSTANTIATE_TEST_SUITE_P(
         ScoreCase{"quarter64Rest192", 64, 64, 192, 0, 0, 160.0f, -0.0376471f}),
     [](const ::testing::TestParamInfo<ScoreCase>& info) { return std::string(info.param.name); });
 
-TEST(AnalyzeImageTest, DeviationEdgesAndQuartiles) {
-    AutoExposure engine;
-    float target = 0.0f;
-    ASSERT_TRUE(engine.AnalyzeImage(aetest::SplitImage(16, 16, 128, 64, 192).View(), target));
-    EXPECT_NEAR(engine.LastStatistics().deviation, 64.0f, 1e-3);
-
-    ASSERT_TRUE(engine.AnalyzeImage(aetest::UniformImage(16, 16, 128).View(), target));
-    const autoexposure::Statistics& s = engine.LastStatistics();
-    EXPECT_EQ(s.deviation, 0.0f);
-    EXPECT_EQ(s.darkEdge, 127);    // empty bins 6..127 extend the dark edge
-    EXPECT_EQ(s.brightEdge, 129);  // empty bins 249..129 extend the bright edge
-    EXPECT_EQ(s.lowQuartileOffset, 122);
-    EXPECT_EQ(s.highQuartileOffset, 121);
-}
-
 // The unrolled histogram must count every pixel of odd widths exactly once and
 // never read the padding between rows.
 TEST(AnalyzeImageTest, HistogramMatchesDirectCountWithPaddingAndOddWidths) {

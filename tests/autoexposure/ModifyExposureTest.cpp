@@ -17,20 +17,6 @@ namespace {
 // Exposure of a whole number of sensor lines, as the engine computes it.
 float Lines(float lines) { return lines * autoexposure::kLineTimeUs / 1000.0f; }
 
-TEST(RoundByModeTest, ThreeModes) {
-    struct Case {
-        float value;
-        std::int32_t mode;
-        float expected;
-    } cases[] = {
-        {2.4f, 1, 3.0f},  {2.6f, 2, 2.0f},   {2.0f, 1, 2.0f},   {2.0f, 2, 2.0f},   {2.5f, 0, 3.0f},
-        {2.49f, 0, 2.0f}, {-2.5f, 0, -3.0f}, {-2.4f, 7, -2.0f}, {-2.4f, 1, -2.0f}, {-2.4f, 2, -3.0f},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(autoexposure::RoundByMode(c.value, c.mode), c.expected) << c.value << " mode " << c.mode;
-    }
-}
-
 struct SplitCase {
     float total;
     float exposure;
