@@ -3,7 +3,7 @@
 #include <atomic>
 #include <thread>
 
-#include "StreamTestSupport.h"
+#include "mft_core_streams/StreamTestSupport.h"
 #include "user_space_frameworks/MediaEventNames.h"
 #include "user_space_frameworks/Trace.h"
 

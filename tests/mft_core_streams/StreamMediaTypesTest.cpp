@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "MediaTypes.h"
-#include "StreamTestSupport.h"
+#include "common/MediaTypes.h"
+#include "mft_core_streams/StreamTestSupport.h"
 #include "mft_core/streams/OutputStream.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "StreamTestSupport.h"
+#include "mft_core_streams/StreamTestSupport.h"
 
 namespace test_support {
 
@@ -39,8 +39,8 @@ FrameServerStandIn::FrameServerStandIn(mft_core::MediaEventGenerator &generator,
         states.push_back(state);
       }
       this->inputStream->SetCurrentMediaType(preferredType.Get());
+      ++answered;  // before the answer, which releases the requester
       this->inputStream->SetState(state);
-      ++answered;
     }
   });
 }
