@@ -108,8 +108,7 @@ constexpr GUID VELDARA_SAMPLE_WQ400_COLOR_CONTROL = {
 // UINT32: first word of the frame's USB video payload header.
 constexpr GUID VELDARA_SAMPLE_WQ400_HW_TIMESTAMP = {
     0xd3c6abac, 0x291a, 0x4c75, {0x9f, 0x47, 0xd7, 0xb2, 0x84, 0xa5, 0x26, 0x19}};
-// UINT32: the frame counter of the capture-timing record.
-constexpr GUID VELDARA_SAMPLE_WQ400_FRAME_COUNTER = {
-    0x7ccf1517, 0xdb56, 0x4c60, {0x85, 0x3b, 0x1d, 0x41, 0x05, 0x39, 0xb4, 0x7f}};
+// The frame counter read back from the capture-timing record goes under WQ400_MF_FRAME_COUNTER, which
+// the frame-drop monitor reads.
 
 }  // namespace mft_core

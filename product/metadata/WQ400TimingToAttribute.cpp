@@ -1,5 +1,7 @@
 #include "product/metadata/WQ400TimingToAttribute.h"
 
+#include "mft_core/streams/FrameDropMonitor.h"
+
 namespace mft_core {
 
 void WQ400HwTimestampToAttribute::ExtractDataToAttribute(IMFSample *sample) {
@@ -30,7 +32,7 @@ void WQ400MetaDataCaptureTimingToAttribute::Process(Microsoft::WRL::ComPtr<IMFSa
       blobSize != sizeof(timing)) {
     return;
   }
-  LOG_IF_FAILED(sample->SetUINT32(VELDARA_SAMPLE_WQ400_FRAME_COUNTER, timing.frameCounter));
+  LOG_IF_FAILED(sample->SetUINT32(WQ400_MF_FRAME_COUNTER, timing.frameCounter));
 }
 
 }  // namespace mft_core

@@ -16,7 +16,7 @@ class WQ400HwTimestampToAttribute : public IMetadataToAttribute {
 class WQ400MetaDataCaptureTimingToAttribute : public MetadataToAttribute<VeldaraWQ400MetaDataTavixCaptureTiming> {
  public:
   WQ400MetaDataCaptureTimingToAttribute(std::string name, bool keepLast);
-  // The capture-timing blob, then VELDARA_SAMPLE_WQ400_FRAME_COUNTER from whatever capture-timing
+  // The capture-timing blob, then WQ400_MF_FRAME_COUNTER from whatever capture-timing
   // blob the sample carries afterwards.
   void Process(Microsoft::WRL::ComPtr<IMFSample> sample) override;
 };
