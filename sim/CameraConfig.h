@@ -1,0 +1,110 @@
+// What a simulated camera looks like to the transform: its streams and their formats, its topology
+// nodes and extension units, and the controls the driver answers.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/WindowsSdk.h"
+
+namespace sim {
+
+// Camera formats that applications never see (the transform hides them) and their published peers.
+extern const GUID kSubtypeZ16;  // "Z16 "
+extern const GUID kSubtypeY8;   // "Y8  "
+
+// The camera's extension units and its firmware-condition event.
+extern const GUID kDepthXuSet;
+extern const GUID kColorXuSet;
+extern const GUID kFisheyeXuSet;
+extern const GUID kMsXuSet;
+extern const GUID kAutoUpdateEventSet;
+constexpr ULONG kAutoUpdateEventId = 1;
+
+struct VideoFormat {
+  GUID subtype;
+  UINT32 width;
+  UINT32 height;
+  UINT32 fps;
+  UINT32 bytesPerPixel;
+};
+
+struct StreamConfig {
+  DWORD id;
+  std::string name;
+  UINT32 frameSourceType;  // MFFrameSourceTypes
+  std::vector<VideoFormat> formats;
+};
+
+// The range the driver reports for a 32-bit control (basic support and default values).
+struct ControlRange {
+  LONG minimum;
+  LONG maximum;
+  LONG step;
+  LONG defaultValue;
+};
+
+// One control of an extension unit: a raw byte value of fixed size (0 = any size, kept as written).
+struct ControlConfig {
+  ULONG id;
+  std::vector<BYTE> value;
+  bool hasRange = false;
+  ControlRange range = {};
+  size_t fixedSize = 0;
+};
+
+struct ExtensionUnitConfig {
+  GUID set;
+  DWORD nodeId;
+  std::string name;
+  std::vector<ControlConfig> controls;
+};
+
+// A standard (filter-scope) control answered with the KSPROPERTY_*_S layouts.
+struct StandardControlConfig {
+  GUID set;
+  ULONG id;
+  LONG value;
+  ControlRange range;
+};
+
+// Where the sensor's exposure (microseconds) and gain live, so frame brightness follows them.
+struct SensorControls {
+  GUID exposureSet = GUID_NULL;  // extension-unit control holding the exposure in microseconds
+  ULONG exposureId = 0;
+  LONG defaultExposureUs = 8000;
+  GUID gainSet = GUID_NULL;  // standard control holding the gain
+  ULONG gainId = 0;
+  LONG defaultGain = 16;
+};
+
+struct CameraConfig {
+  std::string name;
+  std::vector<StreamConfig> streams;
+  std::vector<GUID> nodeTypes;  // IKsTopologyInfo nodes, by index
+  std::vector<ExtensionUnitConfig> extensionUnits;
+  std::vector<StandardControlConfig> standardControls;
+  SensorControls sensor;
+  // The extension-unit property that carries firmware commands (set GUID_NULL: none).
+  GUID firmwareCommandSet = GUID_NULL;
+  ULONG firmwareCommandId = 1;
+  // Driver personality.
+  bool reportsStreamIds = true;      // false: GetStreamIDs answers E_NOTIMPL
+  bool exposesKsControl = true;      // false: no IKsControl on the filter
+  bool exposesTopologyInfo = true;   // false: no IKsTopologyInfo on the filter
+};
+
+// Formats of one stream: every listed subtype at every listed size and rate.
+std::vector<VideoFormat> FormatGrid(const std::vector<std::pair<GUID, UINT32>> &subtypesWithBytesPerPixel,
+                                    const std::vector<std::pair<UINT32, UINT32>> &sizes,
+                                    const std::vector<UINT32> &rates);
+
+// The stereo depth camera: depth (stream 0) and two infrared streams (1, 2).
+CameraConfig DepthCamera();
+CameraConfig ColorCamera();
+CameraConfig FisheyeCamera();
+// Picks a camera by name ("depth", "color", "fisheye"); false for an unknown name.
+bool CameraByName(const std::string &name, CameraConfig &camera);
+
+}  // namespace sim
