@@ -55,7 +55,7 @@ class InputStream : public Stream {
   // Guarded by the stream lock.
   Microsoft::WRL::ComPtr<IMFMediaType> preferredMediaType;
   DeviceStreamState preferredState = DeviceStreamState_Stop;
-  std::shared_ptr<ITopologyNode> nextNode;
+  std::shared_ptr<ITopologyNode> firstNode;  // the node this stream feeds, while connected
   std::shared_ptr<IMetadataParser> metadataParser;
   user_space_frameworks::FpsMonitor fpsMonitor;
   bool isStarted = false;

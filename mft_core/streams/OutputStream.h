@@ -63,7 +63,7 @@ class OutputStream : public Stream {
  private:
   OutputStreamConfiguration configuration;
   // Guarded by the stream lock.
-  std::deque<IMFSample *> sampleQueue;  // each entry holds one reference
+  std::deque<Microsoft::WRL::ComPtr<IMFSample>> sampleQueue;
   user_space_frameworks::FpsMonitor topologyFpsMonitor;
   user_space_frameworks::FpsMonitor processOutputFpsMonitor;
 };
