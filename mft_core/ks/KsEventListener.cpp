@@ -111,8 +111,11 @@ HRESULT KsEventListener::Start() {
 }
 
 HRESULT KsEventListener::WaitAsyncForNotification() {
-  // The result is reused for every wait; a cancelled wait leaves its status behind.
-  asyncResult->SetStatus(S_OK);
+  // Each wait gets its own result so that Invoke can tell the current wait from an earlier one that
+  // the platform still delivers (a wait that fired while being cancelled may be invoked twice).
+  Microsoft::WRL::ComPtr<IMFAsyncResult> nextResult;
+  RETURN_IF_FAILED(MFCreateAsyncResult(nullptr, this, nullptr, &nextResult));
+  asyncResult = nextResult;
   RETURN_IF_FAILED(workItemWrapper->WaitAsync(kseventdata.EventHandle.Event, asyncResult.Get(), this));
   return S_OK;
 }
@@ -134,7 +137,9 @@ void KsEventListener::Stop() {
       return;
     }
     state = Stopping;
-    // Only a completion of this stop may end the wait below.
+    // Only one completion of this stop may end the wait below: a wait that fires while it is being
+    // cancelled can be invoked once for the signal and once more for the cancellation.
+    stopCompletionPending = true;
     ResetEvent(stopCompleted.Get());
     LOG_IF_FAILED(workItemWrapper->Cancel());
   }
@@ -148,10 +153,11 @@ void KsEventListener::Stop() {
     WQ_TRACE(Error, name << ": waiting for the stop failed, " << waitResult << ", error " << GetLastError());
   }
   AutoLock lock(critSec);
-  if (waitResult != WAIT_OBJECT_0 && ksControl) {
+  if (stopCompletionPending && ksControl) {
     ULONG bytesReturned = 0;
     LOG_IF_FAILED(ksControl->KsEvent(nullptr, 0, &kseventdata, sizeof(kseventdata), &bytesReturned));
   }
+  stopCompletionPending = false;
   state = Stopped;
 }
 
@@ -200,8 +206,15 @@ STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
       recorder->RecordCall("mft_core::KsEventListener::Invoke",
                            KsIdentifierText(KsIdentifierKind::Event, &identifier));
     }
+    {
+      AutoLock lock(critSec);
+      if (pAsyncResult == nullptr || pAsyncResult != asyncResult.Get()) {
+        WQ_TRACE(Warning, name << ": completion of an earlier wait ignored in state " << StateText(state));
+        return S_OK;
+      }
+    }
     // A cancelled wait is not a driver notification.
-    const HRESULT status = pAsyncResult != nullptr ? pAsyncResult->GetStatus() : S_OK;
+    const HRESULT status = pAsyncResult->GetStatus();
     const bool signalled = SUCCEEDED(status);
     if (signalled) NotifyObservers();
 
@@ -209,12 +222,14 @@ STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
     switch (state) {
       case Active:
         if (!signalled) {
-          WQ_TRACE(Warning, name << ": stale wait completed with " << user_space_frameworks::trace::HrText(status));
+          WQ_TRACE(Warning, name << ": wait completed with " << user_space_frameworks::trace::HrText(status));
           return S_OK;
         }
         RETURN_IF_FAILED(WaitAsyncForNotification());
         return S_OK;
       case Stopping: {
+        if (!stopCompletionPending) return S_OK;
+        stopCompletionPending = false;
         ULONG bytesReturned = 0;
         LOG_IF_FAILED(ksControl->KsEvent(nullptr, 0, &kseventdata, sizeof(kseventdata), &bytesReturned));
         SetEvent(stopCompleted.Get());

@@ -83,6 +83,7 @@ class KsEventListener : public user_space_frameworks::ComObject<IMFAsyncCallback
   std::shared_ptr<IDeviceEventsRecorder> recorder;
   std::shared_ptr<mft_utils::WaitWorkItemWrapper> workItemWrapper;
   LONG startCount = 0;
+  bool stopCompletionPending = false;
   std::shared_ptr<const WorkQueueAssignment> workQueue;
 };
 
