@@ -22,8 +22,9 @@ std::vector<BYTE> LongBytes(uint32_t value, size_t size) {
 
 template <typename T>
 void Append(std::vector<BYTE> &bytes, const T &value) {
-  const auto *begin = reinterpret_cast<const BYTE *>(&value);
-  bytes.insert(bytes.end(), begin, begin + sizeof(T));
+  const size_t offset = bytes.size();
+  bytes.resize(offset + sizeof(T));
+  std::memcpy(bytes.data() + offset, &value, sizeof(T));
 }
 
 // The calibration table layout the camera uses: a count byte, then per entry the sensor index, a

@@ -4,6 +4,7 @@
 
 #include "mft_core/transform/MediaEventGenerator.h"
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/FrameClock.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace mft_core {
@@ -142,7 +143,7 @@ HRESULT InputStream::ProcessSample(IMFSample *sample) {
   std::shared_ptr<IMetadataParser> parser;
   {
     user_space_frameworks::AutoLock guard(streamLock);
-    fpsMonitor.OnSample(NowUs());
+    fpsMonitor.OnSample(user_space_frameworks::FrameClock::NowUs());
     nextNode = firstNode;
     parser = metadataParser;
   }

@@ -5,6 +5,7 @@
 
 #include "mft_core/transform/MediaEventGenerator.h"
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/FrameClock.h"
 #include "user_space_frameworks/MFAttributesParser.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -109,7 +110,7 @@ HRESULT OutputStream::ProcessSample(IMFSample *sample) {
   size_t queueLength = 0;
   {
     user_space_frameworks::AutoLock guard(streamLock);
-    topologyFpsMonitor.OnSample(NowUs());
+    topologyFpsMonitor.OnSample(user_space_frameworks::FrameClock::NowUs());
     if (theState != DeviceStreamState_Run) {
       WQ_TRACE(Verbose, traceName << ": not running, sample dropped");
       return S_OK;
@@ -131,7 +132,7 @@ HRESULT OutputStream::ProcessOutput(MFT_OUTPUT_DATA_BUFFER &buffer, DWORD stream
   user_space_frameworks::AutoLock guard(streamLock);
   // A stopped stream counts as served and its buffer stays as it was.
   if (theState != DeviceStreamState_Run) return S_OK;
-  processOutputFpsMonitor.OnSample(NowUs());
+  processOutputFpsMonitor.OnSample(user_space_frameworks::FrameClock::NowUs());
   if (sampleQueue.empty()) {
     buffer.dwStatus = MFT_OUTPUT_DATA_BUFFER_NO_SAMPLE;
     buffer.pSample = nullptr;

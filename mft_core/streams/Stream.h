@@ -62,8 +62,6 @@ class Stream : public ITopologyNode {
   // Appends to the supported list (initialisation only).
   void AddMediaType(Microsoft::WRL::ComPtr<IMFMediaType> mediaType);
   void TraceSupportedMediaTypes();
-  // Microseconds of the platform clock, for the FPS monitors.
-  static uint64_t NowUs();
 
   const DWORD id;
   MediaEventGenerator *const eventGenerator;
