@@ -6,6 +6,7 @@
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ExceptionGuard.h"
 #include "user_space_frameworks/FpsMonitor.h"
+#include "user_space_frameworks/FrameClock.h"
 #include "user_space_frameworks/RollingAverage.h"
 
 namespace user_space_frameworks {
@@ -162,6 +163,36 @@ TEST(FpsMonitorTest, PeriodicReportEveryPeriod) {
   monitor.SetThreshold(1);
   for (uint64_t i = 0; i <= 50; ++i) monitor.OnSample(i * 100000);  // 5 s at 10 fps
   EXPECT_EQ(5, probe.calls);
+}
+
+}  // namespace
+}  // namespace user_space_frameworks
+
+namespace user_space_frameworks {
+namespace {
+
+uint64_t SystemUs() {
+  FILETIME now;
+  GetSystemTimePreciseAsFileTime(&now);
+  return ((static_cast<uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime) / 10;
+}
+
+TEST(FrameClockTest, FollowsTheSystemClockAndNeverStepsBack) {
+  const uint64_t clockStart = FrameClock::NowUs();
+  const uint64_t systemStart = SystemUs();
+  // Near the system time at all, not on some other epoch.
+  EXPECT_LT(clockStart > systemStart ? clockStart - systemStart : systemStart - clockStart, 1000000u);
+  uint64_t previous = clockStart;
+  for (int i = 0; i < 100000; ++i) {
+    const uint64_t now = FrameClock::NowUs();
+    ASSERT_GE(now, previous);
+    previous = now;
+  }
+  Sleep(200);
+  const double clockElapsed = static_cast<double>(FrameClock::NowUs() - clockStart);
+  const double systemElapsed = static_cast<double>(SystemUs() - systemStart);
+  // A wrongly measured counter rate shows as a proportional error.
+  EXPECT_NEAR(systemElapsed, clockElapsed, systemElapsed * 0.02 + 2000);
 }
 
 }  // namespace
