@@ -109,6 +109,12 @@ HRESULT InputStream::SetPreferredState(DeviceStreamState state, IMFMediaType *me
 
 HRESULT InputStream::SetState(DeviceStreamState theState) {
   user_space_frameworks::AutoLock guard(streamLock);
+  // Releases a pending SetPreferredState whatever the state, and even when a type with a zero rate
+  // makes the FPS monitor refuse its reset.
+  struct SignalOnExit {
+    user_space_frameworks::Event &event;
+    ~SignalOnExit() { event.Set(); }
+  } signal{stateChangedEvent};
   this->theState = theState;
   if (theState == DeviceStreamState_Run) {
     isStarted = true;
@@ -121,8 +127,6 @@ HRESULT InputStream::SetState(DeviceStreamState theState) {
     WQ_TRACE(Info, traceName << ": " << fpsMonitor.GetCurrentFps() << " fps; " << frameDropMonitor.GetStatisics());
   }
   frameDropMonitor.Reset(1);
-  // Releases a pending SetPreferredState, whatever the state.
-  stateChangedEvent.Set();
   return S_OK;
 }
 
