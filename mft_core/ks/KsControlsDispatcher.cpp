@@ -1,0 +1,138 @@
+#include "mft_core/ks/KsControlsDispatcher.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/ExceptionGuard.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace mft_core {
+
+namespace {
+
+constexpr ULONG kIdentifierDumpBytes = sizeof(KSIDENTIFIER);
+
+std::string HexDump(const void *bytes, ULONG length) {
+  if (bytes == nullptr) return "null";
+  std::string text = "0x";
+  const auto *p = static_cast<const unsigned char *>(bytes);
+  char pair[3];
+  for (ULONG i = 0; i < length; ++i) {
+    std::snprintf(pair, sizeof(pair), "%02X", p[i]);
+    text += pair;
+  }
+  return text;
+}
+
+KsIdentifierKind KindOf(KsControlType type) {
+  switch (type) {
+    case KsControlType::Event: return KsIdentifierKind::Event;
+    case KsControlType::Method: return KsIdentifierKind::Method;
+    case KsControlType::Property: break;
+  }
+  return KsIdentifierKind::Property;
+}
+
+}  // namespace
+
+STDMETHODIMP KsControlsDispatcher::KsProperty(PKSPROPERTY pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
+                                              ULONG ulDataLength, ULONG *pBytesReturned) {
+  return WQ_GUARDED([&]() -> HRESULT {
+    return OnKsProperty(pProperty, ulPropertyLength, pPropertyData, ulDataLength, pBytesReturned);
+  });
+}
+
+STDMETHODIMP KsControlsDispatcher::KsMethod(PKSMETHOD pMethod, ULONG ulMethodLength, LPVOID pMethodData,
+                                            ULONG ulDataLength, ULONG *pBytesReturned) {
+  return WQ_GUARDED([&]() -> HRESULT {
+    return OnKsMethod(pMethod, ulMethodLength, pMethodData, ulDataLength, pBytesReturned);
+  });
+}
+
+STDMETHODIMP KsControlsDispatcher::KsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData,
+                                           ULONG ulDataLength, ULONG *pBytesReturned) {
+  return WQ_GUARDED([&]() -> HRESULT {
+    return OnKsEvent(pEvent, ulEventLength, pEventData, ulDataLength, pBytesReturned);
+  });
+}
+
+HRESULT KsControlsDispatcher::OnKsProperty(PKSPROPERTY pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
+                                           ULONG ulDataLength, ULONG *pBytesReturned) {
+  return Dispatch(propertiesDispathcer, KsControlType::Property, pProperty, ulPropertyLength, pPropertyData,
+                  ulDataLength, pBytesReturned);
+}
+
+HRESULT KsControlsDispatcher::OnKsMethod(PKSMETHOD pMethod, ULONG ulMethodLength, LPVOID pMethodData,
+                                         ULONG ulDataLength, ULONG *pBytesReturned) {
+  return Dispatch(methodsDispathcer, KsControlType::Method, pMethod, ulMethodLength, pMethodData, ulDataLength,
+                  pBytesReturned);
+}
+
+HRESULT KsControlsDispatcher::OnKsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,
+                                        ULONG *pBytesReturned) {
+  if (pEvent == nullptr) {
+    // Disable form: the event data names the event to disable.
+    return eventsDispathcer.ResetRegularEvent(pEventData);
+  }
+  return Dispatch(eventsDispathcer, KsControlType::Event, pEvent, ulEventLength, pEventData, ulDataLength,
+                  pBytesReturned);
+}
+
+template <typename T>
+HRESULT KsControlsDispatcher::Dispatch(const KsControlDispatcher<T> &dispatcher, KsControlType type,
+                                       PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,
+                                       ULONG dataLength, ULONG *bytesReturned) {
+  // An identifier too short to hold (set, id) cannot be routed; the default handler decides.
+  const KSIDENTIFIER *routable =
+      (identifier != nullptr && identifierLength >= sizeof(KSIDENTIFIER)) ? identifier : nullptr;
+  if (user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose)) {
+    WQ_TRACE(Verbose, "identifier " << HexDump(identifier, std::min(identifierLength, kIdentifierDumpBytes))
+                                    << " data " << HexDump(data, dataLength));
+  }
+
+  OnKsControlEntry(type, identifier, identifierLength, data, dataLength, bytesReturned);
+  T *handler = dispatcher.Find(routable);
+  const HRESULT hr = handler != nullptr ? handler->Run(identifier, identifierLength, data, dataLength, bytesReturned)
+                                        : HRESULT_FROM_WIN32(ERROR_SET_NOT_FOUND);
+  OnKsControlExit(type, identifier, identifierLength, data, dataLength, bytesReturned, hr);
+
+  if (hr != S_OK) {
+    WQ_TRACE(Error, KsIdentifierText(KindOf(type), routable)
+                        << " failed: " << user_space_frameworks::trace::HrText(hr) << ", bytes returned "
+                        << (bytesReturned != nullptr ? std::to_string(*bytesReturned) : std::string("null")));
+  }
+  return hr;
+}
+
+HRESULT KsControlsDispatcher::RegisterKsPropertyHandler(std::shared_ptr<KsPropHandler> handler) {
+  RETURN_IF_FAILED(propertiesDispathcer.RegisterHandler(handler));
+  return S_OK;
+}
+
+HRESULT KsControlsDispatcher::RegisterKsEventHandler(std::shared_ptr<KsEventHandler> handler) {
+  RETURN_IF_FAILED(eventsDispathcer.RegisterHandler(handler));
+  return S_OK;
+}
+
+HRESULT KsControlsDispatcher::RegisterKsMethodHandler(std::shared_ptr<KsMethodHandler> handler) {
+  RETURN_IF_FAILED(methodsDispathcer.RegisterHandler(handler));
+  return S_OK;
+}
+
+HRESULT KsControlsDispatcher::RegisterKsPropertyDefaultHandler(std::shared_ptr<KsPropHandler> handler) {
+  RETURN_IF_FAILED(propertiesDispathcer.RegisterDefaultHandler(handler));
+  return S_OK;
+}
+
+HRESULT KsControlsDispatcher::RegisterKsEventDefaultHandler(std::shared_ptr<KsEventHandler> handler) {
+  RETURN_IF_FAILED(eventsDispathcer.RegisterDefaultHandler(handler));
+  return S_OK;
+}
+
+HRESULT KsControlsDispatcher::RegisterKsMethodDefaultHandler(std::shared_ptr<KsMethodHandler> handler) {
+  RETURN_IF_FAILED(methodsDispathcer.RegisterDefaultHandler(handler));
+  return S_OK;
+}
+
+}  // namespace mft_core

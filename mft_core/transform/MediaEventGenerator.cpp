@@ -1,0 +1,131 @@
+#include "mft_core/transform/MediaEventGenerator.h"
+
+#include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/ExceptionGuard.h"
+#include "user_space_frameworks/GuidText.h"
+#include "user_space_frameworks/MediaEventNames.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace mft_core {
+
+namespace {
+
+HRESULT CreatePlatformQueue(IMFMediaEventQueue **queue) { return MFCreateEventQueue(queue); }
+
+}  // namespace
+
+MediaEventGenerator::MediaEventGenerator() : MediaEventGenerator(&CreatePlatformQueue) {}
+
+MediaEventGenerator::MediaEventGenerator(QueueFactory createQueue) {
+  WQ_TRACE(Verbose, "==>");
+  // A missing queue does not fail construction: every later call answers E_OUTOFMEMORY instead.
+  const HRESULT hr = createQueue(pQueue.ReleaseAndGetAddressOf());
+  if (FAILED(hr) || !pQueue) {
+    ::user_space_frameworks::ReportFailure(WQ_FUNCTION, "MFCreateEventQueue(&pQueue)", FAILED(hr) ? hr : E_POINTER);
+    pQueue.Reset();
+  } else {
+    isQueueCreated = 1;
+  }
+  WQ_TRACE(Verbose, "<==");
+}
+
+MediaEventGenerator::~MediaEventGenerator() = default;
+
+STDMETHODIMP MediaEventGenerator::GetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) {
+  return WQ_GUARDED([&]() -> HRESULT {
+    if (isQueueCreated != 1) return E_OUTOFMEMORY;
+    RETURN_IF_FAILED(OnGetEvent(dwFlags, ppEvent));
+    return S_OK;
+  });
+}
+
+STDMETHODIMP MediaEventGenerator::BeginGetEvent(IMFAsyncCallback *pCallback, IUnknown *punkState) {
+  return WQ_GUARDED([&]() -> HRESULT {
+    if (isQueueCreated != 1) return E_OUTOFMEMORY;
+    RETURN_IF_FAILED(OnBeginGetEvent(pCallback, punkState));
+    return S_OK;
+  });
+}
+
+STDMETHODIMP MediaEventGenerator::EndGetEvent(IMFAsyncResult *pResult, IMFMediaEvent **ppEvent) {
+  return WQ_GUARDED([&]() -> HRESULT {
+    if (isQueueCreated != 1) return E_OUTOFMEMORY;
+    RETURN_IF_FAILED(OnEndGetEvent(pResult, ppEvent));
+    return S_OK;
+  });
+}
+
+STDMETHODIMP MediaEventGenerator::QueueEvent(MediaEventType met, REFGUID guidExtendedType, HRESULT hrStatus,
+                                             const PROPVARIANT *pvValue) {
+  return WQ_GUARDED([&]() -> HRESULT {
+    if (isQueueCreated != 1) return E_OUTOFMEMORY;
+    RETURN_IF_FAILED(OnQueueEvent(met, guidExtendedType, hrStatus, pvValue));
+    return S_OK;
+  });
+}
+
+HRESULT MediaEventGenerator::OnGetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) {
+  Microsoft::WRL::ComPtr<IMFMediaEventQueue> local_pQueue;
+  {
+    user_space_frameworks::AutoLock guard(lock);
+    local_pQueue = pQueue;
+  }
+  if (!local_pQueue) {
+    WQ_TRACE(Error, "no event queue");
+    return MF_E_SHUTDOWN;
+  }
+  // May block until an event arrives: the lock is not held, so QueueEvent and Shutdown go on.
+  RETURN_IF_FAILED(local_pQueue->GetEvent(dwFlags, ppEvent));
+  return S_OK;
+}
+
+HRESULT MediaEventGenerator::OnBeginGetEvent(IMFAsyncCallback *pCallback, IUnknown *punkState) {
+  user_space_frameworks::AutoLock guard(lock);
+  RETURN_IF_FAILED(pQueue->BeginGetEvent(pCallback, punkState));
+  return S_OK;
+}
+
+HRESULT MediaEventGenerator::OnEndGetEvent(IMFAsyncResult *pResult, IMFMediaEvent **ppEvent) {
+  user_space_frameworks::AutoLock guard(lock);
+  RETURN_IF_FAILED(pQueue->EndGetEvent(pResult, ppEvent));
+  return S_OK;
+}
+
+HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtendedType, HRESULT hrStatus,
+                                          const PROPVARIANT *pvValue) {
+  user_space_frameworks::AutoLock guard(lock);
+  // METransformHaveOutput comes with every frame: verbose only.
+  if (met == METransformHaveOutput) {
+    WQ_TRACE(Verbose, user_space_frameworks::MediaEventTypeName(met)
+                          << " extended type " << user_space_frameworks::GuidText(guidExtendedType)
+                          << " status " << user_space_frameworks::trace::HrText(hrStatus));
+  } else {
+    WQ_TRACE(Info, user_space_frameworks::MediaEventTypeName(met)
+                       << " extended type " << user_space_frameworks::GuidText(guidExtendedType)
+                       << " status " << user_space_frameworks::trace::HrText(hrStatus));
+  }
+  RETURN_IF_FAILED(pQueue->QueueEventParamVar(met, guidExtendedType, hrStatus, pvValue));
+  return S_OK;
+}
+
+HRESULT MediaEventGenerator::QueueEvent(IMFMediaEvent *event) {
+  if (isQueueCreated != 1) return E_OUTOFMEMORY;
+  RETURN_IF_FAILED(pQueue->QueueEvent(event));
+  return S_OK;
+}
+
+HRESULT MediaEventGenerator::Shutdown() {
+  if (isQueueCreated != 1) return E_OUTOFMEMORY;
+  HRESULT hr = MF_E_SHUTDOWN;
+  {
+    user_space_frameworks::AutoLock guard(lock);
+    if (!isShutdown.load(std::memory_order_relaxed)) {
+      hr = pQueue ? pQueue->Shutdown() : S_OK;
+      isShutdown.store(true, std::memory_order_release);
+    }
+  }
+  RETURN_IF_FAILED(hr);
+  return hr;
+}
+
+}  // namespace mft_core

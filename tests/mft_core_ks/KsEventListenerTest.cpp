@@ -1,0 +1,265 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "common/FakeKsControl.h"
+#include "mft_core/ks/KsEventListener.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace mft_core {
+namespace {
+
+using Microsoft::WRL::ComPtr;
+using test_support::FakeKsControl;
+using user_space_frameworks::Event;
+
+constexpr DWORD kGenerousMs = 10000;
+
+class CountingObserver : public KsEventsObserver {
+ public:
+  void OnEvent(REFGUID eventSet, ULONG eventId) override {
+    lastSetMatches = IsEqualGUID(eventSet, KSEVENTSETID_VIDCAPTOSTI) && eventId == KSEVENT_VIDCAP_AUTO_UPDATE;
+    ++count;
+    notified.Set();
+  }
+  std::atomic<int> count{0};
+  std::atomic<bool> lastSetMatches{false};
+  Event notified;
+};
+
+class ThrowingObserver : public KsEventsObserver {
+ public:
+  void OnEvent(REFGUID, ULONG) override { throw std::runtime_error("observer failed"); }
+};
+
+// Unregisters itself the first time it is told.
+class OneTimeObserver : public KsEventsObserver, public std::enable_shared_from_this<OneTimeObserver> {
+ public:
+  explicit OneTimeObserver(KsEventListener *listener) : listener(listener) {}
+  void OnEvent(REFGUID, ULONG) override {
+    ++count;
+    listener->UnregisterObserver(shared_from_this());
+  }
+  KsEventListener *listener;
+  std::atomic<int> count{0};
+};
+
+// Queues nothing and never calls back, as a platform that does not invoke cancelled work items.
+class SilentWorkItems : public mft_utils::WaitWorkItemWrapper {
+ public:
+  HRESULT WaitAsync(HANDLE, IMFAsyncResult *, IMFAsyncCallback *) override {
+    ++waits;
+    return S_OK;
+  }
+  HRESULT Cancel() override {
+    ++cancels;
+    return S_OK;
+  }
+  std::atomic<int> waits{0}, cancels{0};
+};
+
+class KsEventListenerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    driver = user_space_frameworks::MakeComObject<FakeKsControl>();
+    listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE);
+    ASSERT_TRUE(listener);
+    ASSERT_EQ(S_OK, listener->Init(driver.Get()));
+  }
+
+  // The driver's side: the event handle it was given when the event was enabled.
+  HANDLE DriverEvent() {
+    for (const auto &request : driver->Requests()) {
+      if (request.hasIdentifier && request.type == KsControlType::Event) return request.eventHandle;
+    }
+    return nullptr;
+  }
+  // Signals from another thread, as the driver does.
+  void SignalFromDriver() {
+    HANDLE handle = DriverEvent();
+    std::thread([handle] { SetEvent(handle); }).join();
+  }
+
+  ComPtr<FakeKsControl> driver;
+  std::shared_ptr<KsEventListener> listener;
+};
+
+TEST_F(KsEventListenerTest, EnablesTheEventAndNotifiesOnEverySignal) {
+  auto observer = std::make_shared<CountingObserver>();
+  listener->RegisterObserver(observer);
+  ASSERT_EQ(S_OK, listener->Start());
+  EXPECT_EQ(KsEventListener::Active, listener->GetState());
+
+  const auto requests = driver->Requests();
+  ASSERT_EQ(1u, requests.size());
+  EXPECT_TRUE(IsEqualGUID(KSEVENTSETID_VIDCAPTOSTI, requests[0].set));
+  EXPECT_EQ(ULONG(KSEVENT_VIDCAP_AUTO_UPDATE), requests[0].id);
+  EXPECT_EQ(ULONG(KSEVENT_TYPE_ENABLE), requests[0].flags);
+  EXPECT_EQ(sizeof(KSEVENT), requests[0].identifierLength);
+  EXPECT_EQ(sizeof(KSEVENTDATA), requests[0].dataLength);
+  EXPECT_EQ(ULONG(KSEVENTF_EVENT_HANDLE), static_cast<KSEVENTDATA *>(requests[0].data)->NotificationType);
+
+  for (int i = 1; i <= 3; ++i) {
+    SignalFromDriver();
+    ASSERT_EQ(WAIT_OBJECT_0, observer->notified.Wait(kGenerousMs)) << "signal " << i;
+    EXPECT_EQ(i, observer->count.load());
+  }
+  EXPECT_TRUE(observer->lastSetMatches);
+
+  listener->Stop();
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+  EXPECT_EQ(1u, driver->DisableCount());
+}
+
+TEST_F(KsEventListenerTest, StartsAndStopsAreCounted) {
+  ASSERT_EQ(S_OK, listener->Start());
+  ASSERT_EQ(S_OK, listener->Start());
+  EXPECT_EQ(1u, driver->EnableCount());
+  listener->Stop();
+  EXPECT_EQ(KsEventListener::Active, listener->GetState());
+  EXPECT_EQ(0u, driver->DisableCount());
+  listener->Stop();
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+  EXPECT_EQ(1u, driver->DisableCount());
+  // A stop too many changes nothing, and the next start subscribes again.
+  listener->Stop();
+  EXPECT_EQ(0, listener->GetStartCount());
+  ASSERT_EQ(S_OK, listener->Start());
+  EXPECT_EQ(2u, driver->EnableCount());
+  listener->Stop();
+  EXPECT_EQ(2u, driver->DisableCount());
+}
+
+TEST_F(KsEventListenerTest, FailingEnableIsReturnedAndTheStopStillCompletes) {
+  driver->Script({E_ACCESSDENIED});
+  EXPECT_EQ(E_ACCESSDENIED, listener->Start());
+  EXPECT_EQ(KsEventListener::Active, listener->GetState());
+  listener->Stop();
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+}
+
+TEST(KsEventListenerInitTest, StartBeforeInitIsRefused) {
+  auto sink = std::make_shared<user_space_frameworks::CapturingTraceSink>();
+  user_space_frameworks::trace::ScopedSink scoped(sink, user_space_frameworks::TraceLevel::Error);
+  auto listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE);
+  EXPECT_EQ(E_OUTOFMEMORY, listener->Start());
+  EXPECT_TRUE(sink->Contains("stopCompletedEvent is nullptr"));
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+  listener->Uninit();
+  EXPECT_EQ(E_OUTOFMEMORY, listener->Start());
+}
+
+TEST_F(KsEventListenerTest, ObserversAreCalledOutsideTheLockAndIsolated) {
+  auto throwing = std::make_shared<ThrowingObserver>();
+  auto oneTime = std::make_shared<OneTimeObserver>(listener.get());
+  auto counting = std::make_shared<CountingObserver>();
+  listener->RegisterObserver(throwing);
+  listener->RegisterObserver(oneTime);
+  listener->RegisterObserver(counting);
+  ASSERT_EQ(S_OK, listener->Start());
+
+  SignalFromDriver();
+  ASSERT_EQ(WAIT_OBJECT_0, counting->notified.Wait(kGenerousMs));
+  SignalFromDriver();
+  ASSERT_EQ(WAIT_OBJECT_0, counting->notified.Wait(kGenerousMs));
+  EXPECT_EQ(1, oneTime->count.load());
+  EXPECT_EQ(2, counting->count.load());
+  listener->Stop();
+}
+
+TEST_F(KsEventListenerTest, ReportsAFastCallbackOnARealQueue) {
+  DWORD flags = 0, queue = 0;
+  ASSERT_EQ(S_OK, listener->GetParameters(&flags, &queue));
+  EXPECT_EQ(DWORD(MFASYNC_FAST_IO_PROCESSING_CALLBACK), flags);
+  EXPECT_EQ(DWORD(MFASYNC_CALLBACK_QUEUE_STANDARD), queue);
+  EXPECT_EQ(E_POINTER, listener->GetParameters(nullptr, &queue));
+
+  // The frame server's queue, once assigned, carries the notifications.
+  DWORD workQueue = 0;
+  ASSERT_EQ(S_OK, MFAllocateWorkQueue(&workQueue));
+  auto assignment = std::make_shared<WorkQueueAssignment>();
+  listener->SetWorkQueue(assignment);
+  ASSERT_EQ(S_OK, listener->GetParameters(&flags, &queue));
+  EXPECT_EQ(DWORD(MFASYNC_CALLBACK_QUEUE_STANDARD), queue);
+  assignment->Assign(workQueue, 2);
+  ASSERT_EQ(S_OK, listener->GetParameters(&flags, &queue));
+  EXPECT_EQ(workQueue, queue);
+
+  auto observer = std::make_shared<CountingObserver>();
+  listener->RegisterObserver(observer);
+  ASSERT_EQ(S_OK, listener->Start());
+  SignalFromDriver();
+  EXPECT_EQ(WAIT_OBJECT_0, observer->notified.Wait(kGenerousMs));
+  listener->Stop();
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+  EXPECT_EQ(1u, driver->DisableCount());
+  listener->Uninit();
+  EXPECT_EQ(S_OK, MFUnlockWorkQueue(workQueue));
+}
+
+TEST(KsEventListenerSilentCancelTest, StopEndsAfterTheTimeoutWhenCancelDoesNotCallBack) {
+  auto driver = user_space_frameworks::MakeComObject<FakeKsControl>();
+  auto workItems = std::make_shared<SilentWorkItems>();
+  auto listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE,
+                                          nullptr, workItems);
+  ASSERT_EQ(S_OK, listener->Init(driver.Get()));
+  ASSERT_EQ(S_OK, listener->Start());
+  listener->Stop();
+  EXPECT_EQ(1, workItems->cancels.load());
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+  // The driver lets go of the event even though no callback completed the stop.
+  EXPECT_EQ(1u, driver->DisableCount());
+  ASSERT_EQ(S_OK, listener->Start());
+  EXPECT_EQ(2, workItems->waits.load());
+}
+
+TEST_F(KsEventListenerTest, StartAndStopRacingNotificationsStayBalanced) {
+  auto observer = std::make_shared<CountingObserver>();
+  listener->RegisterObserver(observer);
+  std::atomic<bool> done{false};
+  ASSERT_EQ(S_OK, listener->Start());
+  HANDLE handle = DriverEvent();
+  std::thread signaller([&] {
+    while (!done) {
+      SetEvent(handle);
+      Sleep(0);
+    }
+  });
+  for (int i = 0; i < 40; ++i) {
+    listener->Stop();
+    ASSERT_EQ(S_OK, listener->Start());
+  }
+  done = true;
+  signaller.join();
+  // Still exactly one wait armed: one signal, one notification.
+  observer->notified.Reset();
+  const int before = observer->count.load();
+  SignalFromDriver();
+  ASSERT_EQ(WAIT_OBJECT_0, observer->notified.Wait(kGenerousMs));
+  listener->Stop();
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+  EXPECT_EQ(driver->EnableCount(), driver->DisableCount());
+  EXPECT_EQ(41u, driver->EnableCount());
+  EXPECT_GE(observer->count.load(), before + 1);
+}
+
+TEST(KsEventListenerLifetimeTest, ReleasingAStartedListenerStopsItWithoutLeaks) {
+  auto driver = user_space_frameworks::MakeComObject<FakeKsControl>();
+  DWORD before = 0, after = 0;
+  ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &before));
+  {
+    auto listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE);
+    ASSERT_EQ(S_OK, listener->Init(driver.Get()));
+    ASSERT_EQ(S_OK, listener->Start());
+    ASSERT_EQ(S_OK, listener->Start());
+  }
+  EXPECT_EQ(1u, driver->DisableCount());
+  // Let the work queue drop its last references.
+  Sleep(100);
+  ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &after));
+  EXPECT_LE(after, before);
+}
+
+}  // namespace
+}  // namespace mft_core
