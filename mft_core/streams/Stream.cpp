@@ -223,6 +223,11 @@ void Stream::TraceSupportedMediaTypes() {
   WQ_TRACE(Info, text.str());
 }
 
-uint64_t Stream::NowUs() { return static_cast<uint64_t>(MFGetSystemTime()) / 10; }
+uint64_t Stream::NowUs() {
+  // The precise system time: the coarse clocks cost several times more per call on some systems.
+  FILETIME now;
+  GetSystemTimePreciseAsFileTime(&now);
+  return ((static_cast<uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime) / 10;
+}
 
 }  // namespace mft_core

@@ -1,0 +1,99 @@
+// Converters from one kind of camera metadata record to one blob attribute on the sample.
+#pragma once
+
+#include <cstring>
+#include <string>
+
+#include "platform/WindowsSdk.h"
+#include "product/metadata/UvcMetaDataWrapper.h"
+#include "product/metadata/WQ400MetadataRecords.h"
+#include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/Object.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace mft_core {
+
+class IMetadataToAttribute : public user_space_frameworks::Object {
+ public:
+  explicit IMetadataToAttribute(std::string name) : name(std::move(name)) {}
+  const char *GetTraceName() const override { return name.c_str(); }
+  const std::string &GetName() const { return name; }
+
+  // Copies this converter's record from the sample's metadata onto the sample. Failures are traced,
+  // never returned: one converter's failure must not keep the others from running.
+  virtual void Process(Microsoft::WRL::ComPtr<IMFSample> sample);
+  virtual void ExtractDataToAttribute(IMFSample *sample) = 0;
+
+ private:
+  std::string name;
+};
+
+// The name traces give MetadataToAttribute<T>::Process, one per record type.
+template <typename T>
+struct MetadataRecordTypeName;
+#define WQ_METADATA_RECORD_TYPE_NAME(T)                              \
+  template <>                                                        \
+  struct MetadataRecordTypeName<T> {                                 \
+    static constexpr const char *processFunction =                   \
+        "mft_core::MetadataToAttribute<struct " #T ">::Process";     \
+  }
+WQ_METADATA_RECORD_TYPE_NAME(_MFPinholeCameraIntrinsics);
+WQ_METADATA_RECORD_TYPE_NAME(_MFCameraExtrinsics);
+WQ_METADATA_RECORD_TYPE_NAME(STMFCameraFishEyeExtrinsics);
+WQ_METADATA_RECORD_TYPE_NAME(VeldaraWQ400MetaDataTavixDepthControl);
+WQ_METADATA_RECORD_TYPE_NAME(VeldaraWQ400MetaDataTavixCaptureTiming);
+WQ_METADATA_RECORD_TYPE_NAME(VeldaraWQ400MetaDataTavixConfiguration);
+WQ_METADATA_RECORD_TYPE_NAME(VeldaraWQ400MetaDataTavixStat);
+WQ_METADATA_RECORD_TYPE_NAME(VeldaraWQ400MetaDataTavixFishEyeControl);
+WQ_METADATA_RECORD_TYPE_NAME(VeldaraWQ400MetaDataTavixColorControl);
+#undef WQ_METADATA_RECORD_TYPE_NAME
+
+// Stores the item `metadataId` whose payload is exactly sizeof(T) as the blob `attributeId`. With
+// keepLast, a frame without the item gets the last record seen again (records that change only with
+// calibration, such as intrinsics).
+template <typename T>
+class MetadataToAttribute : public IMetadataToAttribute {
+ public:
+  MetadataToAttribute(std::string name, const GUID &attributeId, uint32_t metadataId, bool keepLast)
+      : IMetadataToAttribute(std::move(name)), attributeId(attributeId), metadataId(metadataId),
+        keepLast(keepLast) {}
+
+  void Process(Microsoft::WRL::ComPtr<IMFSample> sample) override {
+    const char *function = MetadataRecordTypeName<T>::processFunction;
+    const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
+    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "==>");
+    ExtractDataToAttribute(sample.Get());
+    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "<==");
+  }
+
+  void ExtractDataToAttribute(IMFSample *sample) override {
+    if (sample == nullptr) return;
+    constexpr UINT32 size = static_cast<UINT32>(sizeof(T));
+    UvcMetaDataWrapper wrapper;
+    const MetadataItemView item =
+        SUCCEEDED(wrapper.Init(sample)) ? wrapper.GetMetadataItem(metadataId, size, size) : MetadataItemView{};
+    if (item) {
+      const void *data = item.data;
+      LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(data), size));
+      if (keepLast) {
+        std::memcpy(&lastData, data, size);
+        hasLastData = true;
+      }
+    } else if (keepLast && hasLastData) {
+      LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(&lastData), size));
+    }
+  }
+
+  const GUID &GetAttributeId() const { return attributeId; }
+  uint32_t GetMetadataId() const { return metadataId; }
+  bool KeepsLast() const { return keepLast; }
+
+ protected:
+  bool hasLastData = false;
+  T lastData{};
+  const GUID attributeId;
+  const uint32_t metadataId;
+  const bool keepLast;
+};
+
+}  // namespace mft_core

@@ -1,0 +1,129 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "mft_core_streams/StreamTestSupport.h"
+#include "user_space_frameworks/MediaEventNames.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace {
+
+using Microsoft::WRL::ComPtr;
+using test_support::TestEventGenerator;
+using user_space_frameworks::CapturingTraceSink;
+using user_space_frameworks::TraceLevel;
+namespace trace = user_space_frameworks::trace;
+
+ComPtr<TestEventGenerator> MakeGenerator() { return user_space_frameworks::MakeComObject<TestEventGenerator>(); }
+
+TEST(MediaEventGeneratorTest, WithoutAQueueEveryEntryPointAnswersOutOfMemory) {
+  auto generator = user_space_frameworks::MakeComObject<TestEventGenerator>(
+      [](IMFMediaEventQueue **) -> HRESULT { return E_OUTOFMEMORY; });
+  ComPtr<IMFMediaEvent> event;
+  EXPECT_EQ(E_OUTOFMEMORY, generator->GetEvent(MF_EVENT_FLAG_NO_WAIT, event.GetAddressOf()));
+  EXPECT_EQ(E_OUTOFMEMORY, generator->BeginGetEvent(nullptr, nullptr));
+  EXPECT_EQ(E_OUTOFMEMORY, generator->EndGetEvent(nullptr, event.GetAddressOf()));
+  EXPECT_EQ(E_OUTOFMEMORY, generator->QueueEvent(MEError, GUID_NULL, S_OK, nullptr));
+  ASSERT_EQ(S_OK, MFCreateMediaEvent(MEUnknown, GUID_NULL, S_OK, nullptr, event.ReleaseAndGetAddressOf()));
+  EXPECT_EQ(E_OUTOFMEMORY, generator->QueueEvent(event.Get()));
+  EXPECT_EQ(E_OUTOFMEMORY, generator->Shutdown());
+  EXPECT_FALSE(generator->IsShutdown());
+}
+
+TEST(MediaEventGeneratorTest, ShutdownOnceThenRefusedByThePlatformQueue) {
+  auto generator = MakeGenerator();
+  EXPECT_FALSE(generator->IsShutdown());
+  EXPECT_EQ(S_OK, generator->Shutdown());
+  EXPECT_TRUE(generator->IsShutdown());
+  EXPECT_EQ(MF_E_SHUTDOWN, generator->Shutdown());
+  EXPECT_EQ(MF_E_SHUTDOWN, generator->QueueEvent(METransformHaveOutput, GUID_NULL, S_OK, nullptr));
+  ComPtr<IMFMediaEvent> event;
+  EXPECT_EQ(MF_E_SHUTDOWN, generator->GetEvent(MF_EVENT_FLAG_NO_WAIT, event.GetAddressOf()));
+}
+
+TEST(MediaEventGeneratorTest, BlockingGetEventDoesNotHoldUpQueueEventOrShutdown) {
+  auto generator = MakeGenerator();
+  std::atomic<HRESULT> firstResult{E_PENDING}, secondResult{E_PENDING};
+  std::atomic<MediaEventType> firstType{MEUnknown};
+  std::thread reader([&] {
+    ComPtr<IMFMediaEvent> event;
+    firstResult = generator->GetEvent(0, event.GetAddressOf());
+    if (event) {
+      MediaEventType type = MEUnknown;
+      event->GetType(&type);
+      firstType = type;
+    }
+    secondResult = generator->GetEvent(0, event.ReleaseAndGetAddressOf());
+  });
+  Sleep(50);  // let the reader block
+  EXPECT_EQ(S_OK, generator->QueueEvent(METransformHaveOutput, GUID_NULL, S_OK, nullptr));
+  for (int i = 0; i < 500 && firstResult == E_PENDING; ++i) Sleep(10);
+  EXPECT_EQ(S_OK, firstResult.load());
+  EXPECT_EQ(static_cast<MediaEventType>(METransformHaveOutput), firstType.load());
+  // The reader is blocked again; shutting down must not wait for it, and releases it.
+  EXPECT_EQ(S_OK, generator->Shutdown());
+  reader.join();
+  EXPECT_EQ(MF_E_SHUTDOWN, secondResult.load());
+}
+
+class EventCallback : public user_space_frameworks::ComObject<IMFAsyncCallback> {
+ public:
+  explicit EventCallback(IMFMediaEventGenerator *generator) : generator(generator) {}
+  STDMETHODIMP GetParameters(DWORD *, DWORD *) override { return E_NOTIMPL; }
+  STDMETHODIMP Invoke(IMFAsyncResult *result) override {
+    ComPtr<IMFMediaEvent> event;
+    endResult = generator->EndGetEvent(result, event.GetAddressOf());
+    if (event) event->GetType(&type);
+    done.Set();
+    return S_OK;
+  }
+  IMFMediaEventGenerator *generator;
+  HRESULT endResult = E_PENDING;
+  MediaEventType type = MEUnknown;
+  user_space_frameworks::Event done;
+};
+
+TEST(MediaEventGeneratorTest, AsynchronousPullDeliversTheQueuedEvent) {
+  auto generator = MakeGenerator();
+  auto callback = user_space_frameworks::MakeComObject<EventCallback>(generator.Get());
+  ASSERT_EQ(S_OK, generator->BeginGetEvent(callback.Get(), nullptr));
+  ASSERT_EQ(S_OK, generator->QueueEvent(MEDeviceThermalStateChanged, GUID_NULL, S_OK, nullptr));
+  ASSERT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), callback->done.Wait(10000));
+  EXPECT_EQ(S_OK, callback->endResult);
+  EXPECT_EQ(static_cast<MediaEventType>(MEDeviceThermalStateChanged), callback->type);
+  generator->Shutdown();
+}
+
+TEST(MediaEventGeneratorTest, PerFrameEventIsTracedOnlyAtVerboseLevel) {
+  auto sink = std::make_shared<CapturingTraceSink>();
+  trace::ScopedSink scoped(sink, TraceLevel::Info);
+  auto generator = MakeGenerator();
+  ASSERT_EQ(S_OK, generator->QueueEvent(METransformHaveOutput, GUID_NULL, S_OK, nullptr));
+  EXPECT_FALSE(sink->Contains("METransformHaveOutput"));
+  ASSERT_EQ(S_OK, generator->QueueEvent(METransformInputStreamStateChanged, GUID_NULL, S_OK, nullptr));
+  EXPECT_TRUE(sink->Contains("METransformInputStreamStateChanged"));
+  generator->Shutdown();
+}
+
+TEST(MediaEventGeneratorTest, AFailingPlatformCallIsReportedWithItsExpression) {
+  auto sink = std::make_shared<CapturingTraceSink>();
+  trace::ScopedSink scoped(sink, TraceLevel::Error);
+  auto generator = MakeGenerator();
+  ComPtr<IMFMediaEvent> event;
+  EXPECT_EQ(MF_E_NO_EVENTS_AVAILABLE, generator->GetEvent(MF_EVENT_FLAG_NO_WAIT, event.GetAddressOf()));
+  EXPECT_EQ(1u, sink->Count("local_pQueue->GetEvent(dwFlags, ppEvent)"));
+  EXPECT_EQ(1u, sink->Count("OnGetEvent(dwFlags, ppEvent)"));
+  generator->Shutdown();
+}
+
+TEST(MediaEventNamesTest, NamesTheTypesInUseAndNothingElse) {
+  EXPECT_STREQ("METransformHaveOutput", user_space_frameworks::MediaEventTypeName(METransformHaveOutput));
+  EXPECT_STREQ("METransformInputStreamStateChanged",
+               user_space_frameworks::MediaEventTypeName(METransformInputStreamStateChanged));
+  EXPECT_STREQ("MEDeviceThermalStateChanged", user_space_frameworks::MediaEventTypeName(MEDeviceThermalStateChanged));
+  EXPECT_STREQ("MEUnknown", user_space_frameworks::MediaEventTypeName(MEUnknown));
+  EXPECT_STREQ("Unknown", user_space_frameworks::MediaEventTypeName(12345));
+}
+
+}  // namespace

@@ -1,0 +1,178 @@
+// The timestamp node, the product chains, and the frame path from input stream to output stream.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include "common/CaptureMetadataSamples.h"
+#include "mft_core/streams/InputStream.h"
+#include "mft_core/streams/OutputStream.h"
+#include "product/metadata/WQ400MetadataParsers.h"
+#include "product/topology/WQ400TimestampAdjustTopologyNode.h"
+#include "product/topology/WQ400Topologies.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace mft_core {
+namespace {
+
+using Microsoft::WRL::ComPtr;
+using user_space_frameworks::CapturingTraceSink;
+using user_space_frameworks::TraceLevel;
+
+class RecordingNode : public ITopologyNode {
+ public:
+  HRESULT ProcessSample(IMFSample *sample) override {
+    samples.emplace_back(sample);
+    return S_OK;
+  }
+  std::vector<ComPtr<IMFSample>> samples;
+};
+
+// An input stream that lists the types a test gives it, without a driver behind it.
+class ListedInputStream : public InputStream {
+ public:
+  explicit ListedInputStream(DWORD id) : InputStream(id, nullptr) {}
+  using Stream::AddMediaType;
+};
+
+ComPtr<IMFMediaType> VideoType(UINT32 width, UINT32 height, UINT32 fps) {
+  ComPtr<IMFMediaType> type;
+  EXPECT_EQ(S_OK, MFCreateMediaType(&type));
+  type->SetGUID(MF_MT_MAJOR_TYPE, MFMediaType_Video);
+  type->SetGUID(MF_MT_SUBTYPE, MFVideoFormat_YUY2);
+  MFSetAttributeSize(type.Get(), MF_MT_FRAME_SIZE, width, height);
+  MFSetAttributeRatio(type.Get(), MF_MT_FRAME_RATE, fps, 1);
+  return type;
+}
+
+std::vector<std::string> SampleTimeEvents(const CapturingTraceSink &sink) {
+  std::vector<std::string> events;
+  for (const auto &event : sink.Events()) {
+    if (event.find("mft_core::WQ400TimestampAdjustTopologyNode::ProcessSample") != std::string::npos) {
+      events.push_back(event);
+    }
+  }
+  return events;
+}
+
+TEST(WQ400TimestampAdjustTopologyNode, TracesStartAndStopAndPassesTheSampleOnUnchanged) {
+  auto sink = std::make_shared<CapturingTraceSink>();
+  user_space_frameworks::trace::ScopedSink scoped(sink, TraceLevel::Error);
+  auto next = std::make_shared<RecordingNode>();
+  WQ400TimestampAdjustTopologyNode node({next});
+
+  for (const LONGLONG time : {LONGLONG{123456789}, LONGLONG{-5}}) {
+    sink->Clear();
+    next->samples.clear();
+    ComPtr<IMFSample> sample = test_samples::MakeSample(time);
+    ASSERT_EQ(S_OK, node.Process(sample.Get()));
+    ASSERT_EQ(1u, next->samples.size());
+    EXPECT_EQ(sample.Get(), next->samples[0].Get());
+    LONGLONG passed = 0;
+    ASSERT_EQ(S_OK, sample->GetSampleTime(&passed));
+    EXPECT_EQ(time, passed);
+    EXPECT_EQ(0u, test_samples::AttributeCount(sample.Get()));
+
+    const auto events = SampleTimeEvents(*sink);
+    ASSERT_EQ(2u, events.size());
+    const std::string field = "SampleTime=" + std::to_string(time);
+    EXPECT_NE(std::string::npos, events[0].find("Start"));
+    EXPECT_NE(std::string::npos, events[1].find("Stop"));
+    for (const auto &event : events) EXPECT_NE(std::string::npos, event.find(field)) << event;
+  }
+}
+
+TEST(WQ400TimestampAdjustTopologyNode, WithoutANextNodeIsAProgrammingError) {
+  WQ400TimestampAdjustTopologyNode node({});
+  EXPECT_THROW(node.ProcessSample(test_samples::MakeSample().Get()), std::out_of_range);
+}
+
+struct TopologyCase {
+  const char *name;
+  std::function<std::shared_ptr<WQ400Topology>()> make;
+  bool timestampNode;
+};
+
+std::vector<TopologyCase> Topologies() {
+  return {
+      {"WQ400 Depth topology", [] { return std::make_shared<WQ400DepthTopology>(); }, true},
+      {"WQ400 Color topology", [] { return std::make_shared<WQ400ColorTopology>(); }, true},
+      {"WQ400 FishEye topology", [] { return std::make_shared<WQ400FishEyeTopology>(); }, false},
+  };
+}
+
+TEST(WQ400Topologies, BuildOneChainForATypeTheInputStreamOffers) {
+  for (const TopologyCase &c : Topologies()) {
+    auto input = std::make_shared<ListedInputStream>(0);
+    input->AddMediaType(VideoType(640, 480, 30));
+    auto output = std::make_shared<OutputStream>(1, nullptr, OutputStreamConfiguration{});
+
+    auto topology = c.make();
+    EXPECT_EQ(c.name, topology->GetName());
+    // Same size at another rate is not offered.
+    EXPECT_EQ(E_INVALIDARG, topology->Init(input, output, VideoType(640, 480, 15).Get())) << c.name;
+    EXPECT_TRUE(topology->GetItems().empty()) << c.name;
+    EXPECT_EQ(nullptr, topology->GetFirstNode()) << c.name;
+
+    ComPtr<IMFMediaType> type = VideoType(640, 480, 30);
+    ASSERT_EQ(S_OK, topology->Init(input, output, type.Get())) << c.name;
+    ASSERT_EQ(1u, topology->GetItems().size());
+    const TopologyItem &item = topology->GetItems().front();
+    EXPECT_EQ(input, item.inputStream);
+    EXPECT_EQ(type.Get(), item.mediaType.Get());
+    EXPECT_EQ(item.firstNode, topology->GetFirstNode());
+    auto timestampNode = std::dynamic_pointer_cast<WQ400TimestampAdjustTopologyNode>(item.firstNode);
+    if (c.timestampNode) {
+      ASSERT_NE(nullptr, timestampNode) << c.name;
+      ASSERT_EQ(1u, timestampNode->GetNextNodes().size());
+      EXPECT_EQ(output, timestampNode->GetNextNodes()[0]) << c.name;
+    } else {
+      EXPECT_EQ(std::shared_ptr<ITopologyNode>(output), item.firstNode) << c.name;
+    }
+  }
+}
+
+// Samples from the simulated camera through an input stream with the depth parser into a product chain:
+// each passes exactly one timestamp node (none in the fisheye chain), and the frame-drop monitor counts
+// losses and reorders from the counter the capture-timing converter sets.
+TEST(WQ400Topologies, FrameCountersFromTheCameraReachTheFrameDropMonitor) {
+  for (const TopologyCase &c : Topologies()) {
+    auto sink = std::make_shared<CapturingTraceSink>();
+    user_space_frameworks::trace::ScopedSink scoped(sink, TraceLevel::Error);
+    auto input = std::make_shared<ListedInputStream>(0);
+    input->AddMediaType(VideoType(640, 480, 30));
+    input->AttachMetadataParser(std::make_shared<WQ400DepthMetadataParser>("WQ400 Depth Device MFT"));
+    auto output = std::make_shared<OutputStream>(1, nullptr, OutputStreamConfiguration{});
+    auto topology = c.make();
+    ASSERT_EQ(S_OK, topology->Init(input, output, VideoType(640, 480, 30).Get()));
+    ASSERT_EQ(S_OK, input->Connect(topology->GetFirstNode()));
+
+    sim::CameraMetadataWriter camera(sim::CameraKind::Depth);
+    std::vector<ComPtr<IMFSample>> sent;
+    const auto send = [&] {
+      sent.push_back(test_samples::MakeSample(camera, static_cast<LONGLONG>(sent.size()) * 333333));
+      ASSERT_EQ(S_OK, input->Process(sent.back().Get()));
+    };
+    send();                          // 1
+    send();                          // 2
+    camera.SkipFrameCounters(2);
+    send();                          // 5: two lost
+    send();                          // 6
+    camera.RepeatFrameCounter();
+    send();                          // 6 again: reorder
+    camera.InjectFault(sim::MetadataFault::NoMetadata);
+    send();                          // 7 without metadata: only received
+    send();                          // 8: seen as one lost
+
+    const FrameDropMonitor &monitor = input->GetFrameDropMonitor();
+    EXPECT_EQ(7u, monitor.GetReceivedFrames()) << c.name;
+    EXPECT_EQ(3u, monitor.GetLostFrames()) << c.name;
+    EXPECT_EQ(2u, monitor.GetMaxConsecutiveLostFrames()) << c.name;
+    EXPECT_EQ(1u, monitor.GetFrameReorder()) << c.name;
+    EXPECT_EQ(c.timestampNode ? 2 * sent.size() : 0u, SampleTimeEvents(*sink).size()) << c.name;
+  }
+}
+
+}  // namespace
+}  // namespace mft_core
