@@ -95,6 +95,9 @@ const GUID kDepthXuSet = {0xC9606CCB, 0x594C, 0x4D25, {0xAF, 0x47, 0xCC, 0xC4, 0
 const GUID kColorXuSet = {0xB8EC416E, 0xA3AC, 0x4580, {0x8D, 0x5C, 0x0B, 0xEE, 0x15, 0x97, 0xE4, 0x3D}};
 const GUID kFisheyeXuSet = {0xF6C3C3D1, 0x5CDE, 0x4477, {0xAD, 0xF0, 0x41, 0x33, 0xF5, 0x8D, 0xA6, 0xF4}};
 const GUID kMsXuSet = {0x0F3F95DC, 0x2632, 0x4C4E, {0x92, 0xC9, 0xA0, 0x47, 0x82, 0xF4, 0x3B, 0xC8}};
+const GUID kNodeStreaming = {0xDFF229E1, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+const GUID kNodeProcessing = {0xDFF229E5, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+const GUID kNodeCameraTerminal = {0xDFF229E6, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 const GUID kAutoUpdateEventSet = {0xDB47DE20, 0xF628, 0x11D1, {0xBA, 0x41, 0x00, 0xA0, 0xC9, 0x0D, 0x2B, 0x05}};
 
 std::vector<VideoFormat> FormatGrid(const std::vector<std::pair<GUID, UINT32>> &subtypesWithBytesPerPixel,
@@ -117,8 +120,8 @@ CameraConfig DepthCamera() {
       {1, "Infrared 1", MFFrameSourceTypes_Infrared, FormatGrid({{kSubtypeY8, 1}, {MFVideoFormat_L8, 1}}, kStereoSizes, kStereoRates)},
       {2, "Infrared 2", MFFrameSourceTypes_Infrared, FormatGrid({{kSubtypeY8, 1}, {MFVideoFormat_L8, 1}}, kStereoSizes, kStereoRates)},
   };
-  camera.nodeTypes = {KSNODETYPE_VIDEO_CAMERA_TERMINAL, KSNODETYPE_VIDEO_PROCESSING, KSNODETYPE_DEV_SPECIFIC,
-                      KSNODETYPE_DEV_SPECIFIC, KSNODETYPE_VIDEO_STREAMING};
+  camera.nodeTypes = {kNodeCameraTerminal, kNodeProcessing, KSNODETYPE_DEV_SPECIFIC,
+                      KSNODETYPE_DEV_SPECIFIC, kNodeStreaming};
   camera.extensionUnits = {
       {kDepthXuSet,
        2,
@@ -150,8 +153,8 @@ CameraConfig ColorCamera() {
       {0, "Color", MFFrameSourceTypes_Color,
        FormatGrid({{MFVideoFormat_YUY2, 2}}, {{1920, 1080}, {1280, 720}, {848, 480}, {640, 480}, {424, 240}}, {6, 15, 30, 60})},
   };
-  camera.nodeTypes = {KSNODETYPE_VIDEO_CAMERA_TERMINAL, KSNODETYPE_VIDEO_PROCESSING, KSNODETYPE_DEV_SPECIFIC,
-                      KSNODETYPE_VIDEO_STREAMING};
+  camera.nodeTypes = {kNodeCameraTerminal, kNodeProcessing, KSNODETYPE_DEV_SPECIFIC,
+                      kNodeStreaming};
   camera.extensionUnits = {
       {kColorXuSet,
        2,
@@ -173,7 +176,7 @@ CameraConfig FisheyeCamera() {
       {0, "Fisheye", MFFrameSourceTypes_Infrared,
        FormatGrid({{kSubtypeY8, 1}, {MFVideoFormat_L8, 1}}, {{848, 800}, {640, 480}}, {30, 60})},
   };
-  camera.nodeTypes = {KSNODETYPE_VIDEO_CAMERA_TERMINAL, KSNODETYPE_DEV_SPECIFIC, KSNODETYPE_VIDEO_STREAMING};
+  camera.nodeTypes = {kNodeCameraTerminal, KSNODETYPE_DEV_SPECIFIC, kNodeStreaming};
   camera.extensionUnits = {
       {kFisheyeXuSet,
        1,

@@ -21,6 +21,10 @@ extern const GUID kFisheyeXuSet;
 extern const GUID kMsXuSet;
 extern const GUID kAutoUpdateEventSet;
 constexpr ULONG kAutoUpdateEventId = 1;
+// Topology node types of a USB video camera (the device-specific type is the SDK's own).
+extern const GUID kNodeCameraTerminal;
+extern const GUID kNodeProcessing;
+extern const GUID kNodeStreaming;
 
 struct VideoFormat {
   GUID subtype;

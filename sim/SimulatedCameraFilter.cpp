@@ -400,7 +400,8 @@ HRESULT SimulatedCameraFilter::Record(KsRequestKind kind, const KSIDENTIFIER &id
 
 bool SimulatedCameraFilter::TakeFault(KsRequestKind kind, const KSIDENTIFIER &identifier, HRESULT &result) {
   for (auto it = faults.begin(); it != faults.end(); ++it) {
-    if (it->kind != kind || !Matches(it->set, identifier.Set) || (it->id != kAnyId && it->id != identifier.Id)) {
+    if (it->kind != kind || !Matches(it->set, identifier.Set) || (it->id != kAnyId && it->id != identifier.Id) ||
+        (identifier.Flags & it->flagsMask) != it->flagsMask) {
       continue;
     }
     result = it->result;

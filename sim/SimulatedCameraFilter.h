@@ -39,6 +39,7 @@ struct KsFault {
   KsRequestKind kind = KsRequestKind::Property;
   GUID set = GUID_NULL;
   ULONG id = kAnyId;
+  ULONG flagsMask = 0;  // matches requests whose flags hold all of these bits
   HRESULT result = E_FAIL;
   int count = -1;
 };

@@ -1,0 +1,31 @@
+// The first complete device transform: output stream N offers input stream N's types and, once
+// started, receives its samples unchanged through a pass-through topology.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "mft_core/transform/DeviceMft.h"
+
+namespace mft_core {
+
+class PassThroughDeviceMft : public DeviceMft {
+ public:
+  PassThroughDeviceMft(std::string name, const DeviceExtensionUnits &units) : DeviceMft(std::move(name), units) {}
+
+ protected:
+  ~PassThroughDeviceMft() override = default;
+
+  HRESULT OnInitializeTransform(IMFAttributes *pAttributes) override;
+  HRESULT StartOutputStream(const std::shared_ptr<OutputStream> &outputStream, IMFMediaType *nextMediaType) override;
+  HRESULT StopOutputStream(const std::shared_ptr<OutputStream> &outputStream, IMFMediaType *nextMediaType) override;
+  HRESULT BuildTopology(const std::shared_ptr<OutputStream> &outputStream, IMFMediaType *nextMediaType,
+                        std::shared_ptr<Topology> &topology) override;
+  HRESULT UninitializeMembers() override;
+
+  // Indexed by output stream identifier; empty while that stream is stopped.
+  std::vector<std::shared_ptr<Topology>> currentTopologies;
+};
+
+}  // namespace mft_core

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Runs the simulated camera session: a device transform streams from the simulated camera for a few
+# seconds, with a live progress line and a per-stream summary. Options go to the program:
+#   scripts/run.sh [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30]
+#                  [--seconds 5] [--quiet]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+source scripts/env.sh
+build_windows sim_session >/dev/null
+start_wine || true  # a server left running by an earlier run is reused
+set +e
+/usr/lib/wine/wine64 "$build_win/tools/sim_session.exe" "$@" </dev/null
+status=$?
+set -e
+exit $status

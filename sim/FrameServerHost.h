@@ -1,0 +1,95 @@
+// Drives a device transform the way the camera frame server does: initialises it with the filter's
+// attributes, pumps its media events (answering input-stream state requests, pulling output on
+// METransformHaveOutput), runs one capture thread per running input stream, and shuts it down.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "platform/WindowsSdk.h"
+#include "sim/FrameSource.h"
+#include "sim/SimulatedCameraFilter.h"
+
+namespace sim {
+
+struct HostStreamStats {
+  DWORD outputStreamId = 0;
+  DWORD inputStreamId = 0;
+  uint64_t framesIn = 0;      // samples the transform accepted on the input stream
+  uint64_t framesOut = 0;     // samples delivered by ProcessOutput
+  uint64_t rejected = 0;      // samples the transform refused
+  uint64_t skipped = 0;       // frames the camera left out
+  uint64_t largestQueue = 0;  // most samples inside the transform at once
+  double measuredFps = 0;     // delivered samples per second of wall-clock time
+  uint64_t outOfOrder = 0;    // delivered samples whose time went backwards
+};
+
+class FrameServerHost {
+ public:
+  FrameServerHost(Microsoft::WRL::ComPtr<IMFDeviceTransform> transform,
+                  Microsoft::WRL::ComPtr<SimulatedCameraFilter> camera);
+  ~FrameServerHost();
+  FrameServerHost(const FrameServerHost &) = delete;
+  FrameServerHost &operator=(const FrameServerHost &) = delete;
+
+  // InitializeTransform with the filter's attributes, then the event pump starts.
+  HRESULT Initialize();
+  // SetOutputStreamState running with `mediaType` / stopped.
+  HRESULT StartStream(DWORD outputStreamId, IMFMediaType *mediaType);
+  HRESULT StopStream(DWORD outputStreamId);
+  // The first available output type of the stream with this size and rate.
+  HRESULT FindOutputType(DWORD outputStreamId, UINT32 width, UINT32 height, UINT32 fps, IMFMediaType **mediaType);
+  // Stops running streams, then IMFShutdown::Shutdown and the end of the event pump. Returns the
+  // transform's Shutdown result.
+  HRESULT Shutdown();
+
+  // The transform as applications reach it for KS requests.
+  Microsoft::WRL::ComPtr<IKsControl> ApplicationKsControl();
+  IMFDeviceTransform *Transform() { return transform.Get(); }
+  FrameSource &Source() { return source; }
+
+  std::vector<HostStreamStats> Stats();
+  // Input-stream state requests answered, and failures met while answering or pulling.
+  uint64_t StateChangeRequests() const { return stateChangeRequests; }
+  HRESULT LastPumpError() const { return lastPumpError; }
+  uint64_t EventCount(MediaEventType type);
+
+ private:
+  struct OutputState {
+    DWORD inputStreamId = 0;
+    bool running = false;
+    uint64_t framesOut = 0;
+    uint64_t largestQueue = 0;
+    uint64_t outOfOrder = 0;
+    LONGLONG lastSampleTime = 0;
+    LONGLONG firstDelivery = 0;  // MFGetSystemTime of the first and latest delivery
+    LONGLONG lastDelivery = 0;
+  };
+
+  void Pump();
+  void AnswerStateChange(DWORD inputStreamId);
+  void PullOutput();
+  void NoteError(HRESULT hr);
+  HRESULT StreamIds(std::vector<DWORD> &inputIds, std::vector<DWORD> &outputIds);
+
+  Microsoft::WRL::ComPtr<IMFDeviceTransform> transform;
+  Microsoft::WRL::ComPtr<IMFMediaEventGenerator> events;
+  Microsoft::WRL::ComPtr<SimulatedCameraFilter> camera;
+  FrameSource source;
+  std::thread pump;
+  std::atomic<bool> stopping{false};
+  bool shutDown = false;
+
+  std::mutex mutex;  // outputs, event counts
+  std::map<DWORD, OutputState> outputs;
+  std::map<MediaEventType, uint64_t> eventCounts;
+  std::atomic<uint64_t> stateChangeRequests{0};
+  std::atomic<HRESULT> lastPumpError{S_OK};
+};
+
+}  // namespace sim

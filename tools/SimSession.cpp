@@ -1,0 +1,76 @@
+// Streams a device transform over a simulated camera for a few seconds and prints what each stream did.
+//   sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30] [--seconds 5]
+//               [--quiet]
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "platform/WindowsSdk.h"
+#include "sim/Session.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace {
+
+void Usage() {
+  std::cerr << "usage: sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size WxH] [--fps N]\n"
+               "                   [--seconds S] [--quiet]\n";
+}
+
+bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> std::string { return i + 1 < argc ? argv[++i] : std::string(); };
+    if (arg == "--camera") {
+      options.camera = value();
+    } else if (arg == "--streams") {
+      std::stringstream list(value());
+      std::string item;
+      while (std::getline(list, item, ',')) {
+        if (!item.empty()) options.streams.push_back(static_cast<DWORD>(std::stoul(item)));
+      }
+    } else if (arg == "--size") {
+      if (std::sscanf(value().c_str(), "%ux%u", &options.width, &options.height) != 2) return false;
+    } else if (arg == "--fps") {
+      options.fps = static_cast<UINT32>(std::stoul(value()));
+    } else if (arg == "--seconds") {
+      options.seconds = std::stod(value());
+    } else if (arg == "--quiet") {
+      options.progress = false;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  sim::SessionOptions options;
+  try {
+    if (!ParseOptions(argc, argv, options)) {
+      Usage();
+      return 2;
+    }
+  } catch (const std::exception &) {
+    Usage();
+    return 2;
+  }
+  user_space_frameworks::trace::ConfigureFromEnvironment();
+  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
+    std::cerr << "Media Foundation did not start\n";
+    return 1;
+  }
+  int exitCode = 0;
+  {
+    sim::PassThroughTransformFactory factory;
+    const sim::SessionResult result = sim::RunSession(options, factory, std::cout);
+    std::cout << sim::FormatSummary(result);
+    exitCode = SUCCEEDED(result.result) ? 0 : 1;
+  }
+  MFShutdown();
+  CoUninitialize();
+  return exitCode;
+}
