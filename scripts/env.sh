@@ -35,7 +35,7 @@ start_wine() {
     "$wineserver" -w || true
   fi
   # A persistent server makes each test program start in a fraction of a second.
-  "$wineserver" -p
+  "$wineserver" -p 2>/dev/null || true  # already running: reuse it
   # Start Wine's background services now, detached from our output: a test program that started them
   # would leave them holding ctest's pipe open.
   /usr/lib/wine/wine64 wineboot >/dev/null 2>&1 </dev/null || true

@@ -7,7 +7,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 source scripts/env.sh
-build_windows sim_session >/dev/null
+echo "Building the transform and the simulated camera (the first build takes a few minutes)..."
+mkdir -p build
+build_windows sim_session > build/run-build.log 2>&1 || { cat build/run-build.log; exit 1; }
 start_wine || true  # a server left running by an earlier run is reused
 set +e
 /usr/lib/wine/wine64 "$build_win/tools/sim_session.exe" "$@" </dev/null

@@ -149,6 +149,7 @@ CameraConfig DepthCamera() {
 CameraConfig ColorCamera() {
   CameraConfig camera;
   camera.name = "color";
+  camera.metadataKind = CameraKind::Color;
   camera.streams = {
       {0, "Color", MFFrameSourceTypes_Color,
        FormatGrid({{MFVideoFormat_YUY2, 2}}, {{1920, 1080}, {1280, 720}, {848, 480}, {640, 480}, {424, 240}}, {6, 15, 30, 60})},
@@ -172,6 +173,7 @@ CameraConfig ColorCamera() {
 CameraConfig FisheyeCamera() {
   CameraConfig camera;
   camera.name = "fisheye";
+  camera.metadataKind = CameraKind::FishEye;
   camera.streams = {
       {0, "Fisheye", MFFrameSourceTypes_Infrared,
        FormatGrid({{kSubtypeY8, 1}, {MFVideoFormat_L8, 1}}, {{848, 800}, {640, 480}}, {30, 60})},

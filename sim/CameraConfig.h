@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/WindowsSdk.h"
+#include "sim/CameraMetadataWriter.h"
 
 namespace sim {
 
@@ -97,6 +98,9 @@ struct CameraConfig {
   bool reportsStreamIds = true;      // false: GetStreamIDs answers E_NOTIMPL
   bool exposesKsControl = true;      // false: no IKsControl on the filter
   bool exposesTopologyInfo = true;   // false: no IKsTopologyInfo on the filter
+  // The per-frame metadata the camera attaches (writesMetadata false: samples carry none).
+  CameraKind metadataKind = CameraKind::Depth;
+  bool writesMetadata = true;
 };
 
 // Formats of one stream: every listed subtype at every listed size and rate.

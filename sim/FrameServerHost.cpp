@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "sim/CameraMetadataHook.h"
+
 using Microsoft::WRL::ComPtr;
 
 namespace sim {
@@ -18,7 +20,9 @@ FrameServerHost::FrameServerHost(ComPtr<IMFDeviceTransform> transform, ComPtr<Si
       camera(camera),
       source(camera, [this](DWORD streamId, IMFSample *sample) {
         return this->transform->ProcessInput(streamId, sample, 0);
-      }) {}
+      }) {
+  if (this->camera->Config().writesMetadata) source.SetMetadataHook(MakeCameraMetadataHook(this->camera->Config().metadataKind));
+}
 
 FrameServerHost::~FrameServerHost() { Shutdown(); }
 
@@ -217,8 +221,14 @@ void FrameServerHost::PullOutput() {
     if (output.framesOut == 0) output.firstDelivery = now;
     output.lastDelivery = now;
     ++output.framesOut;
+    if (outputObserver) outputObserver(buffer.dwStreamID, buffer.pSample);
     buffer.pSample->Release();
   }
+}
+
+void FrameServerHost::SetOutputObserver(std::function<void(DWORD, IMFSample *)> observer) {
+  std::lock_guard<std::mutex> lock(mutex);
+  outputObserver = std::move(observer);
 }
 
 uint64_t FrameServerHost::EventCount(MediaEventType type) {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -57,6 +58,8 @@ class FrameServerHost {
   // Input-stream state requests answered, and failures met while answering or pulling.
   uint64_t StateChangeRequests() const { return stateChangeRequests; }
   HRESULT LastPumpError() const { return lastPumpError; }
+  // Sees every delivered sample (on the event pump's thread) before the host lets it go.
+  void SetOutputObserver(std::function<void(DWORD outputStreamId, IMFSample *sample)> observer);
   uint64_t EventCount(MediaEventType type);
 
  private:
@@ -85,6 +88,7 @@ class FrameServerHost {
   std::atomic<bool> stopping{false};
   bool shutDown = false;
 
+  std::function<void(DWORD, IMFSample *)> outputObserver;
   std::mutex mutex;  // outputs, event counts
   std::map<DWORD, OutputState> outputs;
   std::map<MediaEventType, uint64_t> eventCounts;
