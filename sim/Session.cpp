@@ -79,6 +79,12 @@ SessionResult RunSession(const SessionOptions &options, ITransformFactory &facto
     ComPtr<IMFMediaType> type;
     hr = host.FindOutputType(id, options.width, options.height, options.fps, type.GetAddressOf());
     if (SUCCEEDED(hr)) hr = host.StartStream(id, type.Get());
+    if (SUCCEEDED(hr)) {
+      std::ostringstream label;
+      label << (id < camera.streams.size() ? camera.streams[id].name : "stream") << " " << options.width << "x"
+            << options.height << " " << options.fps << " fps";
+      result.streamLabels[id] = label.str();
+    }
     if (FAILED(hr)) {
       std::ostringstream ending;
       ending << "stream " << id << " did not start at " << options.width << "x" << options.height << " " << options.fps
@@ -122,13 +128,16 @@ SessionResult RunSession(const SessionOptions &options, ITransformFactory &facto
 std::string FormatSummary(const SessionResult &result) {
   std::ostringstream out;
   out << "Session: " << result.transform << " over the simulated " << result.camera << " camera\n";
-  out << std::left << std::setw(8) << "stream" << std::right << std::setw(10) << "in" << std::setw(10) << "out"
+  out << std::left << std::setw(32) << "stream" << std::right << std::setw(10) << "in" << std::setw(10) << "out"
       << std::setw(10) << "fps" << std::setw(8) << "lost" << std::setw(10) << "refused" << std::setw(11)
       << "max queue" << "\n";
   for (const auto &s : result.streams) {
     if (s.framesIn == 0 && s.framesOut == 0 && s.rejected == 0) continue;
     const uint64_t lost = s.framesIn > s.framesOut ? s.framesIn - s.framesOut : 0;
-    out << std::left << std::setw(8) << s.outputStreamId << std::right << std::setw(10) << s.framesIn << std::setw(10)
+    auto label = result.streamLabels.find(s.outputStreamId);
+    out << std::left << std::setw(32)
+        << (std::to_string(s.outputStreamId) + " " + (label == result.streamLabels.end() ? "" : label->second))
+        << std::right << std::setw(10) << s.framesIn << std::setw(10)
         << s.framesOut << std::setw(10) << std::fixed << std::setprecision(2) << s.measuredFps << std::setw(8) << lost
         << std::setw(10) << s.rejected << std::setw(11) << s.largestQueue << "\n";
   }

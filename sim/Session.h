@@ -2,6 +2,7 @@
 // frame-server host for a while, and summarised per stream.
 #pragma once
 
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -41,6 +42,7 @@ struct SessionResult {
   std::string transform;
   std::string camera;
   std::vector<HostStreamStats> streams;
+  std::map<DWORD, std::string> streamLabels;  // "Depth 848x480 30 fps", by output stream
   double seconds = 0;
   std::string ending;  // how the session ended, in words
   HRESULT result = S_OK;

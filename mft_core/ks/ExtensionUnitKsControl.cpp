@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "mft_core/ks/KsText.h"
+#include "user_space_frameworks/GuidText.h"
 #include "user_space_frameworks/Check.h"
 
 using Microsoft::WRL::ComPtr;
@@ -61,11 +62,11 @@ HRESULT ExtensionUnitKsControl::FindDeviceSpecificNode(const ComPtr<IMFTransform
     if (ksControl->KsProperty(reinterpret_cast<PKSPROPERTY>(&query), sizeof(query), nullptr, 0,
                               &bytesReturned) == S_OK) {
       nodeId = index;
-      WQ_TRACE(Info, name << ": set " << GuidText(xuSetId) << " found at node " << nodeId);
+      WQ_TRACE(Info, name << ": set " << user_space_frameworks::GuidText(xuSetId) << " found at node " << nodeId);
       return S_OK;
     }
   }
-  WQ_TRACE(Warning, name << ": no device-specific node answers set " << GuidText(xuSetId) << " ("
+  WQ_TRACE(Warning, name << ": no device-specific node answers set " << user_space_frameworks::GuidText(xuSetId) << " ("
                          << numNodes << " nodes)");
   return E_NOINTERFACE;
 }

@@ -15,23 +15,6 @@ constexpr HRESULT kNotFound = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
 constexpr HRESULT kInvalidState = HRESULT_FROM_WIN32(ERROR_INVALID_STATE);
 constexpr HRESULT kMoreData = HRESULT_FROM_WIN32(ERROR_MORE_DATA);
 
-std::string GuidText(const GUID &guid) {
-  char text[40];
-  std::snprintf(text, sizeof(text), "{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
-                static_cast<unsigned long>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1],
-                guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
-  return text;
-}
-
-const char *KindText(KsIdentifierKind kind) {
-  switch (kind) {
-    case KsIdentifierKind::Property: return "property";
-    case KsIdentifierKind::Event: return "event";
-    case KsIdentifierKind::Method: return "method";
-  }
-  return "identifier";
-}
-
 // The application's KSEVENTDATA, or null when the buffer cannot hold one.
 const KSEVENTDATA *EventDataOf(LPVOID eventData, ULONG dataLength) {
   if (eventData == nullptr || dataLength < sizeof(KSEVENTDATA)) return nullptr;
@@ -39,16 +22,6 @@ const KSEVENTDATA *EventDataOf(LPVOID eventData, ULONG dataLength) {
 }
 
 }  // namespace
-
-std::string KsIdentifierText(KsIdentifierKind kind, const KSIDENTIFIER *identifier) {
-  if (identifier == nullptr) return std::string(KindText(kind)) + " (null)";
-  return std::string(KindText(kind)) + " " + GuidText(identifier->Set) + " " + std::to_string(identifier->Id) +
-         " flags 0x" + [&] {
-           char flags[12];
-           std::snprintf(flags, sizeof(flags), "%lX", static_cast<unsigned long>(identifier->Flags));
-           return std::string(flags);
-         }();
-}
 
 // ---- KsControlHandler ---------------------------------------------------------------------------------
 

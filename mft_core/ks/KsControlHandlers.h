@@ -4,17 +4,12 @@
 #include <memory>
 #include <string>
 
+#include "mft_core/ks/KsText.h"
 #include "platform/WindowsSdk.h"
 #include "user_space_frameworks/Object.h"
 #include "user_space_frameworks/Sync.h"
 
 namespace mft_core {
-
-// Kind numbering of the KS identifier translator (names of handlers in traces).
-enum class KsIdentifierKind : int { Property = 0, Event = 1, Method = 2 };
-
-// "<set GUID> <id>" as text, for traces.
-std::string KsIdentifierText(KsIdentifierKind kind, const KSIDENTIFIER *identifier);
 
 class KsControlHandler : public virtual user_space_frameworks::Object {
  public:

@@ -2,21 +2,33 @@
 
 #include <cstdio>
 
+#include "user_space_frameworks/GuidText.h"
+
 namespace mft_core {
 
-std::string GuidText(const GUID &guid) {
-  char text[40];
-  std::snprintf(text, sizeof(text), "{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
-                static_cast<unsigned long>(guid.Data1), guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1],
-                guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
-  return text;
+namespace {
+
+const char *KindText(KsIdentifierKind kind) {
+  switch (kind) {
+    case KsIdentifierKind::Property: return "property";
+    case KsIdentifierKind::Event: return "event";
+    case KsIdentifierKind::Method: return "method";
+  }
+  return "identifier";
 }
+
+}  // namespace
 
 std::string KsIdentifierText(const KSIDENTIFIER &identifier) {
   char tail[48];
   std::snprintf(tail, sizeof(tail), " id %lu flags 0x%08lX", static_cast<unsigned long>(identifier.Id),
                 static_cast<unsigned long>(identifier.Flags));
-  return GuidText(identifier.Set) + tail;
+  return user_space_frameworks::GuidText(identifier.Set) + tail;
+}
+
+std::string KsIdentifierText(KsIdentifierKind kind, const KSIDENTIFIER *identifier) {
+  if (identifier == nullptr) return std::string(KindText(kind)) + " (null)";
+  return std::string(KindText(kind)) + " " + KsIdentifierText(*identifier);
 }
 
 }  // namespace mft_core

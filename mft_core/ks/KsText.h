@@ -1,4 +1,4 @@
-// Short texts for traces of KS requests: GUIDs in registry form and "{set} id N flags 0x..".
+// Short texts for traces of KS requests: "{set} id N flags 0x..", optionally after the request's kind.
 #pragma once
 
 #include <string>
@@ -7,7 +7,10 @@
 
 namespace mft_core {
 
-std::string GuidText(const GUID &guid);
+enum class KsIdentifierKind : int { Property = 0, Event = 1, Method = 2 };
+
 std::string KsIdentifierText(const KSIDENTIFIER &identifier);
+// "property {set} id N flags 0x..", or "property (null)".
+std::string KsIdentifierText(KsIdentifierKind kind, const KSIDENTIFIER *identifier);
 
 }  // namespace mft_core
