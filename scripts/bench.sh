@@ -5,6 +5,6 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 source scripts/env.sh
 build_win="$root/build/bench-win"
-configure_and_build "$build_win" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=Release --
+cmake -S "$root" -B "$build_win" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=Release >/dev/null
 start_wine
-cmake --build "$build_win" --target bench
+cmake --build "$build_win" -j "$jobs" --target bench
