@@ -32,7 +32,9 @@ HRESULT ITopologyNode::Propagate(PropagateOrder order, const NodeLambda &lambda)
 }
 
 HRESULT ITopologyNode::Process(IMFSample *sample) {
-  // The caller's reference may go while observers run; keep one for the call.
+  // Without observers the caller's reference covers the call: no reference counting per frame.
+  if (observerCount.load(std::memory_order_acquire) == 0) return ProcessSample(sample);
+  // An observer may let the caller's reference go; keep one for the call.
   Microsoft::WRL::ComPtr<IMFSample> keep(sample);
   NotifyObserversOnSample(sample);
   return ProcessSample(sample);
