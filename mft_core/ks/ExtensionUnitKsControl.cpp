@@ -1,11 +1,12 @@
 #include "mft_core/ks/ExtensionUnitKsControl.h"
 
 #include <array>
+#include <cstddef>
 #include <cstring>
 
 #include "mft_core/ks/KsText.h"
-#include "user_space_frameworks/GuidText.h"
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/GuidText.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -71,42 +72,52 @@ HRESULT ExtensionUnitKsControl::FindDeviceSpecificNode(const ComPtr<IMFTransform
   return E_NOINTERFACE;
 }
 
+namespace {
+
+// Re-addresses an application's request to the unit's node: KSP_NODE, KSM_NODE and KSE_NODE all open
+// with the 24-byte identifier, followed by the node id.
+template <typename NodeRequest, typename Send>
+HRESULT SendToNode(const std::string &name, const char *kind, const KSIDENTIFIER &request, ULONG nodeId,
+                   ULONG dataLength, const ULONG *bytesReturned, Send &&send) {
+  static_assert(offsetof(NodeRequest, NodeId) == sizeof(KSIDENTIFIER), "the identifier comes first");
+  NodeRequest nodeRequest = {};
+  KSIDENTIFIER *identifier = reinterpret_cast<KSIDENTIFIER *>(&nodeRequest);
+  *identifier = request;
+  identifier->Flags |= KSPROPERTY_TYPE_TOPOLOGY;
+  nodeRequest.NodeId = nodeId;
+  const HRESULT hr = send(identifier, static_cast<ULONG>(sizeof(nodeRequest)));
+  if (FAILED(hr)) {
+    WQ_TRACE(Error, name << ": " << kind << " " << KsIdentifierText(*identifier) << " failed "
+                         << user_space_frameworks::trace::HrText(hr) << ", data length " << dataLength
+                         << ", bytes returned "
+                         << (bytesReturned ? std::to_string(*bytesReturned) : std::string("null")));
+  }
+  return hr;
+}
+
+}  // namespace
+
 STDMETHODIMP ExtensionUnitKsControl::KsProperty(PKSPROPERTY pProperty, ULONG /*ulPropertyLength*/,
                                                 LPVOID pPropertyData, ULONG ulDataLength,
                                                 ULONG *pBytesReturned) {
   RETURN_HR_IF_NULL(E_NOINTERFACE, filterKsControl);
   RETURN_IF_NULL(pProperty);
-  KSP_NODE nodeProperty = {};
-  std::memcpy(&nodeProperty.Property, pProperty, sizeof(KSPROPERTY));
-  nodeProperty.Property.Flags |= KSPROPERTY_TYPE_TOPOLOGY;
-  nodeProperty.NodeId = nodeId;
-  const HRESULT hr = filterKsControl->KsProperty(reinterpret_cast<PKSPROPERTY>(&nodeProperty),
-                                                 sizeof(nodeProperty), pPropertyData, ulDataLength,
-                                                 pBytesReturned);
-  if (FAILED(hr)) {
-    WQ_TRACE(Error, name << ": KsProperty " << KsIdentifierText(nodeProperty.Property) << " failed "
-                         << user_space_frameworks::trace::HrText(hr) << ", data length " << ulDataLength
-                         << ", bytes returned "
-                         << (pBytesReturned ? std::to_string(*pBytesReturned) : std::string("null")));
-  }
-  return hr;
+  return SendToNode<KSP_NODE>(name, "KsProperty", *pProperty, nodeId, ulDataLength, pBytesReturned,
+                              [&](KSIDENTIFIER *request, ULONG length) {
+                                return filterKsControl->KsProperty(request, length, pPropertyData, ulDataLength,
+                                                                   pBytesReturned);
+                              });
 }
 
 STDMETHODIMP ExtensionUnitKsControl::KsMethod(PKSMETHOD pMethod, ULONG /*ulMethodLength*/, LPVOID pMethodData,
                                               ULONG ulDataLength, ULONG *pBytesReturned) {
   RETURN_HR_IF_NULL(E_NOINTERFACE, filterKsControl);
   RETURN_IF_NULL(pMethod);
-  KSM_NODE nodeMethod = {};
-  std::memcpy(&nodeMethod.Method, pMethod, sizeof(KSMETHOD));
-  nodeMethod.Method.Flags |= KSPROPERTY_TYPE_TOPOLOGY;
-  nodeMethod.NodeId = nodeId;
-  const HRESULT hr = filterKsControl->KsMethod(reinterpret_cast<PKSMETHOD>(&nodeMethod), sizeof(nodeMethod),
-                                               pMethodData, ulDataLength, pBytesReturned);
-  if (FAILED(hr)) {
-    WQ_TRACE(Error, name << ": KsMethod " << KsIdentifierText(nodeMethod.Method) << " failed "
-                         << user_space_frameworks::trace::HrText(hr) << ", data length " << ulDataLength);
-  }
-  return hr;
+  return SendToNode<KSM_NODE>(name, "KsMethod", *pMethod, nodeId, ulDataLength, pBytesReturned,
+                              [&](KSIDENTIFIER *request, ULONG length) {
+                                return filterKsControl->KsMethod(request, length, pMethodData, ulDataLength,
+                                                                 pBytesReturned);
+                              });
 }
 
 STDMETHODIMP ExtensionUnitKsControl::KsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData,
@@ -116,17 +127,11 @@ STDMETHODIMP ExtensionUnitKsControl::KsEvent(PKSEVENT pEvent, ULONG ulEventLengt
     // Disabling names the event by its data alone: nothing to address.
     return filterKsControl->KsEvent(nullptr, ulEventLength, pEventData, ulDataLength, pBytesReturned);
   }
-  KSE_NODE nodeEvent = {};
-  std::memcpy(&nodeEvent.Event, pEvent, sizeof(KSEVENT));
-  nodeEvent.Event.Flags |= KSPROPERTY_TYPE_TOPOLOGY;
-  nodeEvent.NodeId = nodeId;
-  const HRESULT hr = filterKsControl->KsEvent(reinterpret_cast<PKSEVENT>(&nodeEvent), sizeof(nodeEvent),
-                                              pEventData, ulDataLength, pBytesReturned);
-  if (FAILED(hr)) {
-    WQ_TRACE(Error, name << ": KsEvent " << KsIdentifierText(nodeEvent.Event) << " failed "
-                         << user_space_frameworks::trace::HrText(hr) << ", data length " << ulDataLength);
-  }
-  return hr;
+  return SendToNode<KSE_NODE>(name, "KsEvent", *pEvent, nodeId, ulDataLength, pBytesReturned,
+                              [&](KSIDENTIFIER *request, ULONG length) {
+                                return filterKsControl->KsEvent(request, length, pEventData, ulDataLength,
+                                                                pBytesReturned);
+                              });
 }
 
 HRESULT ExtensionUnitKsControl::SendKsProperty(ULONG id, void *data, ULONG dataSize, ULONG flags,
