@@ -24,8 +24,15 @@ configure_and_build() {  # configure_and_build <build dir> [cmake args...] -- [t
   fi
 }
 
-build_windows() { configure_and_build "$build_win" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- "$@"; }
-build_native() { configure_and_build "$build_native" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- "$@"; }
+# A compiler cache, when the machine has one, keeps rebuilds of several work trees cheap.
+launcher=()
+if command -v ccache >/dev/null; then
+  export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$(dirname "$root")}"
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
+
+build_windows() { configure_and_build "$build_win" "${launcher[@]}" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- "$@"; }
+build_native() { configure_and_build "$build_native" "${launcher[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- "$@"; }
 
 start_wine() {
   mkdir -p "$WINEPREFIX"
