@@ -6,6 +6,12 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
+// MinGW declares the methods of its hand-written COM interfaces (IKsControl among them) with
+// __declspec(nothrow), which clang reads as an exception specification that every override would have
+// to repeat; the Windows SDK's own switch leaves it out, as the SDK's compiler effectively does.
+#if defined(__clang__) && defined(__MINGW32__) && !defined(COM_STDMETHOD_CAN_THROW)
+#define COM_STDMETHOD_CAN_THROW
+#endif
 #include <windows.h>
 #include <unknwn.h>
 // Media Foundation first: MinGW's ks headers redefine types that mfobjects.h pulls in otherwise.

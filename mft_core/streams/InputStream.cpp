@@ -78,6 +78,7 @@ HRESULT InputStream::GetPreferredState(DeviceStreamState *theState, IMFMediaType
 HRESULT InputStream::SetPreferredState(DeviceStreamState state, IMFMediaType *mediaType) {
   {
     user_space_frameworks::AutoLock guard(streamLock);
+    RETURN_HR_IF(MF_E_SHUTDOWN, stateChangeAborted);
     if (mediaType != nullptr) {
       // IsSupported takes the (recursive) stream lock too.
       if (!IsSupported(mediaType, 0)) {
@@ -99,12 +100,22 @@ HRESULT InputStream::SetPreferredState(DeviceStreamState state, IMFMediaType *me
   RETURN_IF_FAILED(eventGenerator->QueueEvent(event.Get()));
 
   const DWORD waitResult = stateChangedEvent.Wait(stateChangeTimeoutMs);
+  {
+    user_space_frameworks::AutoLock guard(streamLock);
+    RETURN_HR_IF(MF_E_SHUTDOWN, stateChangeAborted);
+  }
   if (waitResult != WAIT_OBJECT_0) {
     WQ_TRACE(Error, traceName << ": no answer to the state change to " << state << " within " << stateChangeTimeoutMs
                               << " ms (wait result " << waitResult << ")");
     return E_FAIL;
   }
   return S_OK;
+}
+
+void InputStream::AbortStateChangeWait() {
+  user_space_frameworks::AutoLock guard(streamLock);
+  stateChangeAborted = true;
+  stateChangedEvent.Set();
 }
 
 HRESULT InputStream::SetState(DeviceStreamState theState) {

@@ -164,6 +164,17 @@ HRESULT OutputStream::Flush() {
 HRESULT OutputStream::SetState(DeviceStreamState theState) {
   RETURN_IF_FAILED(Stream::SetState(theState));
   if (theState != DeviceStreamState_Run) return S_OK;
+  {
+    // Both monitors measure against the type the stream now runs with.
+    user_space_frameworks::AutoLock guard(streamLock);
+    UINT32 numerator = 0, denominator = 0;
+    if (currentMediaType &&
+        SUCCEEDED(MFGetAttributeRatio(currentMediaType.Get(), MF_MT_FRAME_RATE, &numerator, &denominator)) &&
+        denominator != 0 && numerator / denominator > 0) {
+      topologyFpsMonitor.Reset(numerator / denominator);
+      processOutputFpsMonitor.Reset(numerator / denominator);
+    }
+  }
   Microsoft::WRL::ComPtr<IMFMediaEvent> event;
   RETURN_IF_FAILED(MFCreateMediaEvent(MEUnknown, MEDeviceStreamCreated, S_OK, nullptr, event.GetAddressOf()));
   RETURN_IF_FAILED(event->SetUINT32(MF_EVENT_MFT_INPUT_STREAM_ID, id));

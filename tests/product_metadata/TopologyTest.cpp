@@ -112,6 +112,8 @@ TEST(WQ400Topologies, BuildOneChainForATypeTheInputStreamOffers) {
     EXPECT_EQ(c.name, topology->GetName());
     // Same size at another rate is not offered.
     EXPECT_EQ(E_INVALIDARG, topology->Init(input, output, VideoType(640, 480, 15).Get())) << c.name;
+    // No type at all is not one the input stream offers either.
+    EXPECT_EQ(E_INVALIDARG, topology->Init(input, output, nullptr)) << c.name;
     EXPECT_TRUE(topology->GetItems().empty()) << c.name;
     EXPECT_EQ(nullptr, topology->GetFirstNode()) << c.name;
 
