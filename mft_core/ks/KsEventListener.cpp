@@ -101,8 +101,7 @@ void KsEventListener::Uninit() {
     remaining = startCount;
   }
   for (; remaining > 0; --remaining) Stop();
-  // A late Invoke reads the result and the handles under the lock: they go under it too. The result
-  // holds a reference to this listener; letting it go breaks the cycle.
+  // A late Invoke reads the result and the handles under the lock: they go under it too.
   AutoLock lock(critSec);
   asyncResult.Reset();
   kseventdata.EventHandle.Event = nullptr;

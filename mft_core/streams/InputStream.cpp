@@ -162,9 +162,14 @@ HRESULT InputStream::ProcessSample(IMFSample *sample) {
     nextNode = firstNode;
     parser = metadataParser;
   }
-  // Metadata first: the frame counter the drop monitor reads comes from it.
-  if (parser) LOG_IF_FAILED(parser->Parse(sample));
-  frameDropMonitor.OnSample(sample);
+  // Metadata first: the frame counter the drop monitor reads comes from it. Without a parser no sample
+  // can carry a counter, so the frame is only counted (and the attribute look-up saved).
+  if (parser) {
+    LOG_IF_FAILED(parser->Parse(sample));
+    frameDropMonitor.OnSample(sample);
+  } else {
+    frameDropMonitor.OnSample(nullptr);
+  }
   if (!nextNode) {
     WQ_TRACE(Verbose, traceName << ": not connected, sample dropped");
     return S_OK;
