@@ -1,5 +1,7 @@
 #include "sim/CameraConfig.h"
 
+#include "sim/CalibrationReplies.h"
+
 #include <cstring>
 
 namespace sim {
@@ -18,51 +20,6 @@ std::vector<BYTE> LongBytes(uint32_t value, size_t size) {
   std::vector<BYTE> bytes(size);
   std::memcpy(bytes.data(), &value, size < sizeof(value) ? size : sizeof(value));
   return bytes;
-}
-
-template <typename T>
-void Append(std::vector<BYTE> &bytes, const T &value) {
-  const size_t offset = bytes.size();
-  bytes.resize(offset + sizeof(T));
-  std::memcpy(bytes.data() + offset, &value, sizeof(T));
-}
-
-// The calibration table layout the camera uses: a count byte, then per entry the sensor index, a
-// reserved byte, the body length (u16) and the body.
-std::vector<BYTE> CalibrationTable(const std::vector<std::pair<BYTE, std::vector<BYTE>>> &entries) {
-  std::vector<BYTE> table{static_cast<BYTE>(entries.size())};
-  for (const auto &entry : entries) {
-    table.push_back(entry.first);
-    table.push_back(0);
-    const uint16_t length = static_cast<uint16_t>(entry.second.size());
-    Append(table, length);
-    table.insert(table.end(), entry.second.begin(), entry.second.end());
-  }
-  return table;
-}
-
-std::vector<BYTE> IntrinsicsBody(UINT32 width, UINT32 height, float focal) {
-  std::vector<BYTE> body;
-  Append(body, UINT32{1});
-  MFPinholeCameraIntrinsic_IntrinsicModel model = {};
-  model.Width = width;
-  model.Height = height;
-  model.CameraModel.FocalLength = {focal, focal};
-  model.CameraModel.PrincipalPoint = {width / 2.0f, height / 2.0f};
-  model.DistortionModel = {0.01f, -0.02f, 0.0f, 0.001f, 0.0005f};
-  Append(body, model);
-  return body;
-}
-
-std::vector<BYTE> ExtrinsicsBody(float baselineMetres) {
-  std::vector<BYTE> body;
-  Append(body, UINT32{1});
-  MFCameraExtrinsic_CalibratedTransform transform = {};
-  transform.CalibrationId = kSubtypeZ16;
-  transform.Position = {baselineMetres, 0.0f, 0.0f};
-  transform.Orientation = {0.0f, 0.0f, 0.0f, 1.0f};
-  Append(body, transform);
-  return body;
 }
 
 ControlConfig RangedControl(ULONG id, size_t size, LONG value, ControlRange range) {
@@ -179,18 +136,23 @@ CameraConfig FisheyeCamera() {
        FormatGrid({{kSubtypeY8, 1}, {MFVideoFormat_L8, 1}}, {{848, 800}, {640, 480}}, {30, 60})},
   };
   camera.nodeTypes = {kNodeCameraTerminal, KSNODETYPE_DEV_SPECIFIC, kNodeStreaming};
+  // Exposure in microseconds (2 bytes); the camera starts at a short exposure that leaves its scene dark.
   camera.extensionUnits = {
       {kFisheyeXuSet,
        1,
        "Fisheye XU",
-       {RangedControl(1, 2, 10000, {10, 32000, 1, 10000}), FixedControl(2, std::vector<BYTE>(73, 0))}},
+       {RangedControl(1, 2, 400, {200, 32000, 100, 400}), FixedControl(2, FisheyeExtrinsicsReply()),
+        FixedControl(3, FisheyeIntrinsicsReply())}},
   };
   camera.standardControls = {GainControl()};
   camera.sensor.exposureSet = kFisheyeXuSet;
   camera.sensor.exposureId = 1;
-  camera.sensor.defaultExposureUs = 10000;
+  camera.sensor.defaultExposureUs = 400;
   camera.sensor.gainSet = PROPSETID_VIDCAP_VIDEOPROCAMP;
   camera.sensor.gainId = KSPROPERTY_VIDEOPROCAMP_GAIN;
+  // Mid-grey at 6 ms and unity gain (16): at the default 0.4 ms the scene is a few grey levels.
+  camera.scene.graded = true;
+  camera.scene.midGreyExposureGain = 6000.0 * 16;
   return camera;
 }
 

@@ -1,5 +1,7 @@
 #include "sim/FrameSource.h"
 
+#include "sim/Scene.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -133,7 +135,6 @@ HRESULT FrameSource::MakeSample(Stream &stream, uint64_t frameIndex, IMFSample *
   info.hardwareTimestampUs = frameIndex * 1000000ull / info.fps;
   info.exposureUs = camera->SensorExposureUs();
   info.gain = camera->SensorGain();
-  info.brightness = Brightness(info.exposureUs, info.gain);
 
   ComPtr<IMFMediaBuffer> buffer;
   HRESULT hr = MFCreateMemoryBuffer(stream.bytesPerFrame, buffer.GetAddressOf());
@@ -141,7 +142,8 @@ HRESULT FrameSource::MakeSample(Stream &stream, uint64_t frameIndex, IMFSample *
   BYTE *data = nullptr;
   hr = buffer->Lock(&data, nullptr, nullptr);
   if (FAILED(hr)) return hr;
-  std::memset(data, info.brightness, stream.bytesPerFrame);
+  const UINT32 rowBytes = info.height != 0 ? stream.bytesPerFrame / info.height : stream.bytesPerFrame;
+  info.brightness = PaintScene(camera->Config().scene, data, rowBytes, info.height, info.exposureUs, info.gain);
   buffer->Unlock();
   hr = buffer->SetCurrentLength(stream.bytesPerFrame);
   ComPtr<IMFSample> sample;
