@@ -27,28 +27,6 @@ HRESULT ReadCalibrationControl(ExtensionUnitKsControl &unit, ULONG selector, std
   return S_OK;
 }
 
-bool FirstCalibrationEntry(const std::vector<BYTE> &reply, size_t &bodyOffset, size_t &bodySize) {
-  if (reply.empty() || reply[0] == 0) {
-    WQ_TRACE(Info, "calibration table holds no entry");
-    return false;
-  }
-  if (reply.size() < 1 + kCalibrationEntryHeadSize) {
-    WQ_TRACE(Error, "calibration reply of " << reply.size() << " bytes ends before its first entry");
-    return false;
-  }
-  uint16_t length = 0;
-  std::memcpy(&length, reply.data() + 3, sizeof(length));
-  if (reply[0] != 1) {
-    WQ_TRACE(Warning, "calibration table holds " << static_cast<int>(reply[0]) << " entries, using the first");
-  } else {
-    WQ_TRACE(Info, "calibration entry: sensor " << static_cast<int>(reply[1]) << ", reserved "
-                                                << static_cast<int>(reply[2]) << ", length " << length);
-  }
-  bodyOffset = 1 + kCalibrationEntryHeadSize;
-  bodySize = reply.size() - bodyOffset;
-  return true;
-}
-
 bool CopyIntrinsicsRecord(const BYTE *body, size_t bodySize, std::vector<BYTE> &intrinsics) {
   intrinsics.clear();
   UINT32 count = 0;
@@ -68,22 +46,6 @@ bool CopyIntrinsicsRecord(const BYTE *body, size_t bodySize, std::vector<BYTE> &
     return false;
   }
   intrinsics.assign(body, body + recordSize);
-  return true;
-}
-
-bool CopyExtrinsicsRecord(const BYTE *body, size_t bodySize, std::vector<BYTE> &extrinsics) {
-  extrinsics.clear();
-  if (body == nullptr || bodySize < kOneTransformExtrinsicsSize) {
-    WQ_TRACE(Error, "extrinsics record of " << bodySize << " bytes is shorter than one transform");
-    return false;
-  }
-  UINT32 count = 0;
-  std::memcpy(&count, body, sizeof(count));
-  if (count == 0) {
-    WQ_TRACE(Info, "extrinsics record holds no transform");
-    return false;
-  }
-  extrinsics.assign(body, body + kOneTransformExtrinsicsSize);
   return true;
 }
 

@@ -1,5 +1,5 @@
-// Calibration read from an extension unit of the simulated camera: well-formed tables, and replies that
-// are short, empty or lie about their counts (nothing may be read past what the driver returned).
+// Calibration controls read from an extension unit of the simulated camera, and intrinsics records
+// that are short or lie about their model count (nothing may be read past what the driver returned).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -17,11 +17,11 @@ namespace {
 constexpr ULONG kSelector = 2;
 
 struct CalibrationFixture : ::testing::Test {
-  // The color camera's unit with control 2 holding `reply`.
-  void Connect(const std::vector<BYTE> &reply) {
+  // The color camera's unit with control 2 holding `value`.
+  void Connect(const std::vector<BYTE> &value) {
     sim::CameraConfig camera = sim::ColorCamera();
     for (auto &control : camera.extensionUnits[0].controls) {
-      if (control.id == kSelector) control = sim::ControlConfig{kSelector, reply};
+      if (control.id == kSelector) control = sim::ControlConfig{kSelector, value};
     }
     filter = sim::SimulatedCameraFilter::Create(camera);
     ASSERT_TRUE(filter);
@@ -32,82 +32,18 @@ struct CalibrationFixture : ::testing::Test {
     unit = user_space_frameworks::MakeComObject<ExtensionUnitKsControl>(sim::kColorXuSet, "Color ");
     ASSERT_EQ(S_OK, unit->Init(transform, ksControl, kSelector));
   }
-  // Reads control 2 as intrinsics the way the color transform does.
-  std::vector<BYTE> Intrinsics() {
-    std::vector<BYTE> reply, intrinsics;
-    EXPECT_EQ(S_OK, ReadCalibrationControl(*unit.Get(), kSelector, reply));
-    size_t offset = 0, size = 0;
-    if (FirstCalibrationEntry(reply, offset, size)) CopyIntrinsicsRecord(reply.data() + offset, size, intrinsics);
-    return intrinsics;
-  }
-  std::vector<BYTE> Extrinsics() {
-    std::vector<BYTE> reply, extrinsics;
-    EXPECT_EQ(S_OK, ReadCalibrationControl(*unit.Get(), kSelector, reply));
-    size_t offset = 0, size = 0;
-    if (FirstCalibrationEntry(reply, offset, size)) CopyExtrinsicsRecord(reply.data() + offset, size, extrinsics);
-    return extrinsics;
-  }
 
   ComPtr<sim::SimulatedCameraFilter> filter;
   ComPtr<ExtensionUnitKsControl> unit;
 };
 
-std::vector<BYTE> WithCount(std::vector<BYTE> body, UINT32 count) {
-  std::memcpy(body.data(), &count, sizeof(count));
-  return body;
-}
-
-TEST_F(CalibrationFixture, TakesTheFirstEntryOfSingleAndDoubleTablesWhateverTheSensorIndex) {
-  const std::vector<BYTE> first = sim::IntrinsicsBody(1280, 720, 640.0f);
-  const std::vector<BYTE> second = sim::IntrinsicsBody(640, 480, 320.0f);
-  Connect(sim::CalibrationTable({{7, first}}));
-  EXPECT_EQ(first, Intrinsics());
-  Connect(sim::CalibrationTable({{2, first}, {1, second}}));
-  EXPECT_EQ(first, Intrinsics());
-
-  const std::vector<BYTE> transform = sim::ExtrinsicsBody(0.015f);
-  Connect(sim::CalibrationTable({{2, transform}}));
-  EXPECT_EQ(transform, Extrinsics());
-  // A count of 3 still yields the count and exactly one transform.
-  std::vector<BYTE> three = WithCount(transform, 3);
-  three.resize(three.size() + 88, 0xAB);
-  Connect(sim::CalibrationTable({{2, three}}));
-  const std::vector<BYTE> extrinsics = Extrinsics();
-  ASSERT_EQ(48u, extrinsics.size());
-  EXPECT_TRUE(std::equal(extrinsics.begin(), extrinsics.end(), three.begin()));
-}
-
-TEST_F(CalibrationFixture, EmptyOrZeroCountRepliesGiveNoCalibration) {
-  const std::vector<std::vector<BYTE>> replies = {
-      {},                                                                        // the control reports no bytes
-      {0},                                                                       // no entry
-      sim::CalibrationTable({{2, WithCount(sim::IntrinsicsBody(1, 1, 1), 0)}}),  // no model
-  };
-  for (const auto &reply : replies) {
-    Connect(reply);
-    EXPECT_TRUE(Intrinsics().empty()) << reply.size() << " bytes";
-    EXPECT_TRUE(Extrinsics().empty()) << reply.size() << " bytes";
+TEST_F(CalibrationFixture, ReadsTheWholeControlWhateverItsSize) {
+  for (const std::vector<BYTE> &value : {std::vector<BYTE>{}, std::vector<BYTE>{7, 8, 9}, sim::FisheyeIntrinsicsReply()}) {
+    Connect(value);
+    std::vector<BYTE> reply{0xEE};
+    EXPECT_EQ(S_OK, ReadCalibrationControl(*unit.Get(), kSelector, reply));
+    EXPECT_EQ(value, reply);
   }
-}
-
-TEST_F(CalibrationFixture, RepliesThatEndEarlyOrClaimMoreThanTheyHoldAreRefused) {
-  const std::vector<BYTE> table = sim::CalibrationTable({{2, sim::IntrinsicsBody(640, 480, 320.0f)}});
-  // Cut before the entry head, inside the model count, and one byte short of the model.
-  for (size_t size : {size_t{3}, size_t{7}, table.size() - 1}) {
-    Connect(std::vector<BYTE>(table.begin(), table.begin() + size));
-    EXPECT_TRUE(Intrinsics().empty()) << size;
-  }
-  // Two models claimed, one present: the record would run past the reply.
-  Connect(sim::CalibrationTable({{2, WithCount(sim::IntrinsicsBody(640, 480, 320.0f), 2)}}));
-  EXPECT_TRUE(Intrinsics().empty());
-  // A huge count must not overflow the size computation into something small.
-  Connect(sim::CalibrationTable({{2, WithCount(sim::IntrinsicsBody(640, 480, 320.0f), 0xFFFFFFFF)}}));
-  EXPECT_TRUE(Intrinsics().empty());
-  // An extrinsics body shorter than one transform.
-  std::vector<BYTE> shortTransform = sim::ExtrinsicsBody(0.0f);
-  shortTransform.resize(40);
-  Connect(sim::CalibrationTable({{2, shortTransform}}));
-  EXPECT_TRUE(Extrinsics().empty());
 }
 
 TEST_F(CalibrationFixture, ADriverThatRefusesTheControlLeavesNothing) {
@@ -120,6 +56,37 @@ TEST_F(CalibrationFixture, ADriverThatRefusesTheControlLeavesNothing) {
   std::vector<BYTE> reply{1, 2, 3};
   EXPECT_EQ(S_OK, ReadCalibrationControl(*unit.Get(), kSelector, reply));
   EXPECT_TRUE(reply.empty());
+}
+
+TEST(IntrinsicsRecord, CopiesExactlyTheModelsTheCountClaimsWhenTheyAreThere) {
+  std::vector<BYTE> twoModels = sim::IntrinsicsBody(640, 480, 320.0f, 2);
+  const std::vector<BYTE> second = sim::IntrinsicsBody(320, 240, 160.0f);
+  twoModels.insert(twoModels.end(), second.begin() + 4, second.end());
+  twoModels.resize(twoModels.size() + 10, 0xAB);  // trailing bytes are not part of the record
+
+  struct Case {
+    const char *name;
+    UINT32 count;
+    size_t size;
+    size_t expected;
+  };
+  const Case cases[] = {
+      {"two models", 2, twoModels.size(), 4 + 2 * 44},
+      {"one of two", 1, twoModels.size(), 4 + 44},
+      {"no model", 0, twoModels.size(), 0},
+      {"one byte short", 2, 4 + 2 * 44 - 1, 0},
+      {"count only", 1, 4, 0},
+      {"shorter than the count", 1, 3, 0},
+      {"count that would overflow", 0xFFFFFFFF, twoModels.size(), 0},
+  };
+  for (const Case &c : cases) {
+    std::vector<BYTE> body = twoModels;
+    std::memcpy(body.data(), &c.count, sizeof(c.count));
+    std::vector<BYTE> intrinsics{1};
+    EXPECT_EQ(c.expected != 0, CopyIntrinsicsRecord(body.data(), c.size, intrinsics)) << c.name;
+    ASSERT_EQ(c.expected, intrinsics.size()) << c.name;
+    EXPECT_TRUE(std::equal(intrinsics.begin(), intrinsics.end(), body.begin())) << c.name;
+  }
 }
 
 }  // namespace
