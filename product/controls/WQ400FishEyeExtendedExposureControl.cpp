@@ -45,6 +45,11 @@ static_assert(sizeof(KSPROPERTY_VIDEOPROCAMP_S) == 40, "KSPROPERTY_VIDEOPROCAMP_
 // One sensor line in milliseconds: the engine sets exposures in whole lines.
 constexpr float kLineMs = autoexposure::kLineTimeUs / 1000.0f;
 
+// The engine's refusals as results: it refuses only values that this control computed itself.
+HRESULT EngineResult(autoexposure::Status status) {
+  return status == autoexposure::Status::Ok ? S_OK : E_INVALIDARG;
+}
+
 constexpr uint32_t kFishEyeGainValid = 0x1;
 constexpr uint32_t kFishEyeExposureValid = 0x2;
 
@@ -73,7 +78,8 @@ WQ400FishEyeExtendedExposureControl::WQ400FishEyeExtendedExposureControl(
       callback(std::make_shared<user_space_frameworks::Callback<WQ400FishEyeExtendedExposureControl, IMFSample *, void>>(
           this, &WQ400FishEyeExtendedExposureControl::OnSamplePreProcess)),
       extensionUnitKsControl(std::move(extensionUnitKsControl)),
-      filterKsControl(std::move(filterKsControl)) {
+      filterKsControl(std::move(filterKsControl)),
+      aeStateLog(settings.aeStateLog) {
   autoexposure::AutoExposureSettings engineSettings;
   // Plain engine: a tracking camera wants the shortest exposure that lights the scene, which the
   // whole-period exposures of the anti-flicker engines would forbid.
@@ -90,10 +96,7 @@ WQ400FishEyeExtendedExposureControl::WQ400FishEyeExtendedExposureControl(
     engineSettings.flags = autoexposure::kFlagLog;
     engineSettings.logPath = kAeStateLogPath;
   }
-  if (autoexposure::AutoExposureAPI::Create(engineSettings, engine) != autoexposure::Status::Ok) {
-    WQ_TRACE(Error, "the auto-exposure engine could not be created");
-    engine.reset();
-  }
+  engine = std::make_unique<autoexposure::CAutoExposure>(engineSettings);
   ReadDeviceLimits();
 }
 
@@ -154,23 +157,22 @@ void WQ400FishEyeExtendedExposureControl::ReadDeviceLimits() {
 
   // The engine may drive the camera only when its exposure control answered; otherwise the control
   // starts manual and waits for an application to ask for auto.
-  if (!engine || !exposureWorks) {
+  if (!exposureWorks) {
     softwareAeOff = 1;
     ChangeState(ExposureControlState::ManualConverged);
   }
 }
 
 void WQ400FishEyeExtendedExposureControl::ConfigureEngine() {
-  if (!engine) return;
   // Limits on whole sensor lines inside the device's range, so that a quantised exposure never
   // leaves the range.
   const float lineMin = std::max(std::ceil(minExposureMs / kLineMs), 1.0f) * kLineMs;
   const float lineMax = std::max(std::floor(maxExposureMs / kLineMs) * kLineMs, lineMin);
-  LOG_IF_FAILED(engine->SetExposureLimits(lineMin, lineMax) == autoexposure::Status::Ok ? S_OK : E_INVALIDARG);
-  LOG_IF_FAILED(engine->SetGainLimits(engineMinGain, engineMaxGain) == autoexposure::Status::Ok ? S_OK : E_INVALIDARG);
+  LOG_IF_FAILED(EngineResult(engine->SetExposureLimits(lineMin, lineMax)));
+  LOG_IF_FAILED(EngineResult(engine->SetGainLimits(engineMinGain, engineMaxGain)));
   const float exposure = std::clamp(currentExposureMs, lineMin, lineMax);
   const float gain = std::clamp(static_cast<float>(currentGain), engineMinGain, engineMaxGain);
-  LOG_IF_FAILED(engine->SetExposureGain(exposure, gain) == autoexposure::Status::Ok ? S_OK : E_INVALIDARG);
+  LOG_IF_FAILED(EngineResult(engine->SetExposureGain(exposure, gain)));
 }
 
 void WQ400FishEyeExtendedExposureControl::RegisterToOnSampleSubject(const std::shared_ptr<ITopologyNode> &node) {
@@ -220,7 +222,7 @@ void WQ400FishEyeExtendedExposureControl::OnSamplePreProcess(IMFSample *sample) 
 }
 
 void WQ400FishEyeExtendedExposureControl::AnalyseFrame(IMFSample *sample) {
-  if (!engine || softwareAeOff.load() != 0) return;
+  if (softwareAeOff.load() != 0) return;
   ComPtr<IMFMediaBuffer> buffer;
   if (FAILED(LOG_IF_FAILED(sample->ConvertToContiguousBuffer(buffer.GetAddressOf())))) return;
   DWORD length = 0;
@@ -243,6 +245,7 @@ void WQ400FishEyeExtendedExposureControl::AnalyseFrame(IMFSample *sample) {
   if (status != autoexposure::Status::Ok) {
     WQ_TRACE(Warning, "the engine refused the frame (" << static_cast<int>(status) << ")");
   }
+  if (aeStateLog) engine->Engine().Log().Flush();
   // The engine hands every frame back through OnImageDone; a frame it kept is let go here all the same.
   ReleaseFrameBuffer();
 }
@@ -311,7 +314,7 @@ HRESULT WQ400FishEyeExtendedExposureControl::ApplyEngineRequest(float exposureMs
     }
   }
   // A refused write leaves the sensor where it was: the engine's next decision starts from there.
-  if (refused && engine) ConfigureEngine();
+  if (refused) ConfigureEngine();
   return S_OK;
 }
 

@@ -85,7 +85,9 @@ class WQ400FishEyeExtendedExposureControl : public ExtendedExposureControl {
   std::shared_ptr<user_space_frameworks::Callback<WQ400FishEyeExtendedExposureControl, IMFSample *, void>> callback;
   Microsoft::WRL::ComPtr<ExtensionUnitKsControl> extensionUnitKsControl;
   Microsoft::WRL::ComPtr<IKsControl> filterKsControl;
-  std::unique_ptr<autoexposure::AutoExposureAPI> engine;
+  std::unique_ptr<autoexposure::CAutoExposure> engine;
+  // The state log is written line by line and flushed once per analysed frame.
+  const bool aeStateLog;
 
   // 1 while a manual exposure is in force: the engine neither sees frames nor drives the camera.
   std::atomic<int32_t> softwareAeOff{0};
