@@ -24,7 +24,8 @@ HRESULT WQ400ColorDeviceMFT::OnInitializeTransform(IMFAttributes *pAttributes) {
 WQ400CalibrationTable WQ400ColorDeviceMFT::ReadTable(KSPROPERTY_XU_WQ400_COLOR selector, uint8_t &firstSensor) {
   std::vector<BYTE> reply;
   if (deviceXuKsControl) {
-    LOG_IF_FAILED(ReadCalibrationControl(*deviceXuKsControl.Get(), static_cast<ULONG>(selector), reply));
+    // A failing read is traced where it happens; the stream then goes without this calibration.
+    (void)ReadCalibrationControl(*deviceXuKsControl.Get(), static_cast<ULONG>(selector), reply);
   }
   // The color unit holds one entry; whatever its sensor index, the first entry is the color sensor's.
   firstSensor = reply.size() > 1 ? reply[1] : 0;

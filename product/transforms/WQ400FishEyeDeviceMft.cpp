@@ -38,6 +38,7 @@ HRESULT WQ400FishEyeDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes)
 
 HRESULT WQ400FishEyeDeviceMft::RegisterKsControlHandlres() {
   RETURN_IF_FAILED(WQ400DeviceMft::RegisterKsControlHandlres());
+  RETURN_HR_IF_NULL(E_UNEXPECTED, deviceXuKsControl);
   extendedExposureControl = std::make_shared<WQ400FishEyeExtendedExposureControl>(deviceXuKsControl, filterKsControl);
   RETURN_IF_FAILED(RegisterKsPropertyHandler(extendedExposureControl));
   RETURN_IF_FAILED(extendedExposureControl->RegisterEvent(*this));
