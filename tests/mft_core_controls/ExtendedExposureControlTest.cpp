@@ -478,18 +478,21 @@ TEST_F(ExposureControlTest, RequestsFramesAndCompletionEventsOnThreeThreadsAllCo
   EXPECT_EQ(handlesBefore, handlesAfter);
 }
 
-// Arming on one thread while another keeps setting: each duplicate is set or closed exactly once.
+// Arming on one thread while two others keep setting: each duplicate is set and closed exactly once.
 TEST(OneShotEventRaceTest, ArmingAndSettingFromTwoThreadsNeitherLeaksNorSetsAReplacedHandle) {
   auto handler = std::make_shared<OneShotKsEventHandler>(KSEVENTSETID_ExtendedCameraControl, 12, "race", nullptr);
   DWORD handlesBefore = 0;
   ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &handlesBefore));
   std::atomic<bool> running{true};
   std::atomic<int> sets{0};
-  std::thread setter([&] {
+  auto setLoop = [&] {
     while (running) {
       if (handler->Set() == S_OK) ++sets;
     }
-  });
+  };
+  // Two setters: a duplicate must be set and closed by exactly one of them.
+  std::thread setter(setLoop);
+  std::thread secondSetter(setLoop);
   int arms = 0;
   for (int i = 0; i < 1000; ++i) {
     Event completion(true);
@@ -507,6 +510,7 @@ TEST(OneShotEventRaceTest, ArmingAndSettingFromTwoThreadsNeitherLeaksNorSetsARep
   }
   running = false;
   setter.join();
+  secondSetter.join();
   EXPECT_EQ(arms, sets.load());
   DWORD handlesAfter = 0;
   ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &handlesAfter));
