@@ -400,16 +400,6 @@ TEST_F(ExposureControlTest, FirstLockFrameIsComparedWithTheFrameBeforeTheRequest
   EXPECT_TRUE(Completed());
 }
 
-TEST(ExposureControlStateTest, NamesOfEveryState) {
-  EXPECT_STREQ("ManualConverged", ExposureControlStateName(ExposureControlState::ManualConverged));
-  EXPECT_STREQ("ManualConverging", ExposureControlStateName(ExposureControlState::ManualConverging));
-  EXPECT_STREQ("Auto", ExposureControlStateName(ExposureControlState::Auto));
-  EXPECT_STREQ("AutoLocking", ExposureControlStateName(ExposureControlState::AutoLocking));
-  EXPECT_STREQ("AutoLocked", ExposureControlStateName(ExposureControlState::AutoLocked));
-  EXPECT_STREQ("Unknown", ExposureControlStateName(static_cast<ExposureControlState>(5)));
-  EXPECT_STREQ("Unknown", ExposureControlStateName(static_cast<ExposureControlState>(-1)));
-}
-
 // ---- Threads ---------------------------------------------------------------------------------------------------------
 
 // Requests and reads from one thread, frames from a streaming thread, and an application thread that
