@@ -370,13 +370,5 @@ TEST_F(FwErrorHandlerTest, AFailedReadQueuesNothingAndTheListenerKeepsRunning) {
   EXPECT_EQ(static_cast<MediaEventType>(MEDeviceThermalStateChanged), events[0].first);
 }
 
-TEST(FwErrorNamesTest, NamesOfTheCodes) {
-  EXPECT_STREQ("etXuErrSuccess", WQ400FwErrorHandler::ErrorName(0));
-  EXPECT_STREQ("etXuErrHotLaserPwrReduce", WQ400FwErrorHandler::ErrorName(1));
-  EXPECT_STREQ("etXuErrHotLaserDisable", WQ400FwErrorHandler::ErrorName(2));
-  EXPECT_STREQ("etXuErrFlagBLaserDisable", WQ400FwErrorHandler::ErrorName(3));
-  EXPECT_STREQ("Unknown Error", WQ400FwErrorHandler::ErrorName(4));
-}
-
 }  // namespace
 }  // namespace mft_core
