@@ -115,6 +115,25 @@ TEST_F(FishEyeTransform, AFailingRangeQueryLeavesTheBuiltInLimits) {
   EXPECT_EQ(1000, setting.Step);
 }
 
+TEST_F(FishEyeTransform, AnExposureControlThatFailsAtStartLeavesTheControlManualUntilAutoIsAsked) {
+  Connect<WQ400FishEyeDeviceMft>(sim::FisheyeCamera());
+  sim::KsFault fault;
+  fault.set = sim::kFisheyeXuSet;
+  fault.id = 1;
+  fault.flagsMask = KSPROPERTY_TYPE_SET;
+  fault.count = 1;
+  filter->InjectFault(fault);
+  ASSERT_EQ(S_OK, host->Initialize());
+  KSCAMERA_EXTENDEDPROP_HEADER header = {};
+  KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING setting = {};
+  ASSERT_EQ(S_OK, GetExposureMode(header, setting));
+  EXPECT_EQ(kManual, header.Flags);
+  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  for (const auto &frame : NextFrames(20)) EXPECT_EQ(400u, frame.exposureUs);
+  ASSERT_EQ(S_OK, SetAutoExposure());
+  EXPECT_TRUE(WaitFor([&] { return DeviceExposureUs() > 400; }, 5000));
+}
+
 TEST_F(FishEyeTransform, ManualExposureIsWrittenInMicrosecondsAndCompletesWhenFramesShowIt) {
   ConnectAndInitialize();
   ASSERT_EQ(S_OK, Start(640, 480, 60));
