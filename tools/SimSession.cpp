@@ -1,6 +1,6 @@
 // Streams a device transform over a simulated camera for a few seconds and prints what each stream did.
 //   sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30] [--seconds 5]
-//               [--quiet]
+//               [--fw-error CODE] [--quiet]
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -15,7 +15,7 @@ namespace {
 
 void Usage() {
   std::cerr << "usage: sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size WxH] [--fps N]\n"
-               "                   [--seconds S] [--quiet]\n";
+               "                   [--seconds S] [--fw-error CODE] [--quiet]\n";
 }
 
 bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
@@ -36,6 +36,9 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
       options.fps = static_cast<UINT32>(std::stoul(value()));
     } else if (arg == "--seconds") {
       options.seconds = std::stod(value());
+    } else if (arg == "--fw-error") {
+      options.firmwareErrorCode = std::stoi(value());
+      if (options.firmwareErrorCode < 0 || options.firmwareErrorCode > 255) return false;
     } else if (arg == "--quiet") {
       options.progress = false;
     } else {
