@@ -15,5 +15,5 @@ for folder in "${folders[@]}"; do
 done
 echo "clang: ${#files[@]} product sources for x86_64-w64-mingw32"
 printf '%s\n' "${files[@]}" |
-  xargs -P "$(nproc)" -I{} sh -c 'clang++ "$@" -c {} -o /dev/null || { echo "clang: {} failed" >&2; exit 255; }' _ "${flags[@]}"
+  xargs -P "$(nproc)" -I{} sh -c 'clang++ "$@" -c {} -o /dev/null || { echo "clang: {} failed" >&2; exit 1; }' _ "${flags[@]}"
 echo "clang: all product sources build with warnings as errors"

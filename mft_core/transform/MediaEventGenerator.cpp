@@ -34,8 +34,8 @@ MediaEventGenerator::~MediaEventGenerator() = default;
 STDMETHODIMP MediaEventGenerator::GetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) {
   return WQ_GUARDED([&]() -> HRESULT {
     if (isQueueCreated != 1) return E_OUTOFMEMORY;
-    // Once shut down, the queue ends the frame server's pending wait with MF_E_SHUTDOWN.
-    RETURN_IF_FAILED_EXPECTING(IsShutdown() ? MF_E_SHUTDOWN : S_OK, OnGetEvent(dwFlags, ppEvent));
+    // Only our Shutdown shuts the queue down, and that is how the frame server's pending wait ends.
+    RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, OnGetEvent(dwFlags, ppEvent));
     return S_OK;
   });
 }
@@ -51,7 +51,7 @@ STDMETHODIMP MediaEventGenerator::BeginGetEvent(IMFAsyncCallback *pCallback, IUn
 STDMETHODIMP MediaEventGenerator::EndGetEvent(IMFAsyncResult *pResult, IMFMediaEvent **ppEvent) {
   return WQ_GUARDED([&]() -> HRESULT {
     if (isQueueCreated != 1) return E_OUTOFMEMORY;
-    RETURN_IF_FAILED_EXPECTING(IsShutdown() ? MF_E_SHUTDOWN : S_OK, OnEndGetEvent(pResult, ppEvent));
+    RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, OnEndGetEvent(pResult, ppEvent));
     return S_OK;
   });
 }
@@ -76,7 +76,7 @@ HRESULT MediaEventGenerator::OnGetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) 
     return MF_E_SHUTDOWN;
   }
   // May block until an event arrives: the lock is not held, so QueueEvent and Shutdown go on.
-  RETURN_IF_FAILED_EXPECTING(IsShutdown() ? MF_E_SHUTDOWN : S_OK, local_pQueue->GetEvent(dwFlags, ppEvent));
+  RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, local_pQueue->GetEvent(dwFlags, ppEvent));
   return S_OK;
 }
 
@@ -88,7 +88,7 @@ HRESULT MediaEventGenerator::OnBeginGetEvent(IMFAsyncCallback *pCallback, IUnkno
 
 HRESULT MediaEventGenerator::OnEndGetEvent(IMFAsyncResult *pResult, IMFMediaEvent **ppEvent) {
   user_space_frameworks::AutoLock guard(lock);
-  RETURN_IF_FAILED_EXPECTING(IsShutdown() ? MF_E_SHUTDOWN : S_OK, pQueue->EndGetEvent(pResult, ppEvent));
+  RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, pQueue->EndGetEvent(pResult, ppEvent));
   return S_OK;
 }
 
