@@ -6,5 +6,5 @@ foreach(lib sim product mft_core device_events autoexposure user_space_framework
   endif()
 endforeach()
 if(WQ_WINDOWS)
-  list(APPEND WQ_ALL_LIBS mfplat mfuuid mf ole32 oleaut32 uuid ksguid strmiids rpcrt4 advapi32 shlwapi)
+  list(APPEND WQ_ALL_LIBS mfplat mfuuid mf ole32 oleaut32 uuid ksguid strmiids rpcrt4 advapi32 shlwapi version)
 endif()

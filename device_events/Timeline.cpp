@@ -142,8 +142,11 @@ std::string KsRecordText(const Record &record, const Names &names, bool verbose)
   // kind, identifier, data in, data length, data out, bytes returned
   bool ok = false;
   const uint32_t kind = U32Of(record, 0, ok);
-  if (!ok || record.values.size() < 6 || record.values[1].tag != ValueTag::Bytes) return "(malformed KS record)";
-  std::string text = names.KsIdentifierName(static_cast<KsKind>(kind), record.values[1].bytes);
+  if (!ok || record.values.size() < 6) return "(malformed KS record)";
+  // No identifier: the platform's form that disables the event named by the data.
+  std::string text = record.values[1].tag == ValueTag::Bytes
+                         ? names.KsIdentifierName(static_cast<KsKind>(kind), record.values[1].bytes)
+                         : std::string(kind == static_cast<uint32_t>(KsKind::Event) ? "disable event" : "no identifier");
   bool hasLength = false;
   text += ", buffer " + std::to_string(U32Of(record, 3, hasLength));
   if (!record.values[2].IsNull() && verbose) text += ", in " + HexBytes(record.values[2].bytes, 64);
@@ -153,6 +156,29 @@ std::string KsRecordText(const Record &record, const Names &names, bool verbose)
   bool hasReturned = false;
   const uint32_t returned = U32Of(record, 5, hasReturned);
   text += hasReturned ? ", returned " + std::to_string(returned) : ", no bytes-returned pointer";
+  return text;
+}
+
+// "3 output streams: 0 (50 types), 1 (50 types); 5 nodes"
+std::string FilterSummary(const Record &record) {
+  // input count, output count, identifiers' result, then per stream: id, attributes, type count, types;
+  // then the node count and node types.
+  bool ok = false;
+  const uint32_t outputs = U32Of(record, 1, ok);
+  if (!ok) return "driver filter (malformed)";
+  std::string text = "driver filter: " + std::to_string(outputs) + " output streams:";
+  size_t at = 3;
+  for (uint32_t s = 0; s < outputs && at + 2 < record.values.size(); ++s) {
+    bool idOk = false, countOk = false;
+    const uint32_t id = U32Of(record, at, idOk);
+    const uint32_t types = U32Of(record, at + 2, countOk);
+    if (!idOk || !countOk) return text + " (malformed)";
+    text += (s == 0 ? " " : ", ") + std::to_string(id) + " (" + std::to_string(types) + " types)";
+    at += 3 + types;
+  }
+  bool nodesOk = false;
+  const uint32_t nodes = U32Of(record, at, nodesOk);
+  if (nodesOk) text += "; " + std::to_string(nodes) + " nodes";
   return text;
 }
 
@@ -240,11 +266,18 @@ std::vector<uint32_t> RecordStreams(const Record &record) {
   const std::string call = CallName(record);
   if (!call.empty()) {
     if (call == "ProcessOutput") {
-      // Entry: flags, count, then each buffer's stream; exit: status, then stream, status, sample per buffer.
-      const size_t first = record.Kind() == RecordKind::CallEntry ? 3 : 2;
-      const size_t step = record.Kind() == RecordKind::CallEntry ? 1 : 3;
-      for (size_t i = first; i < record.values.size(); i += step) {
-        if (record.values[i].tag == ValueTag::U32) streams.push_back(static_cast<uint32_t>(record.values[i].number));
+      // Entry: name, flags, count, then each buffer's stream. Return: name, then stream, status and
+      // sample of each buffer, then the call's status.
+      if (record.Kind() == RecordKind::CallEntry) {
+        for (size_t i = 3; i < record.values.size(); ++i) {
+          if (record.values[i].tag == ValueTag::U32) streams.push_back(static_cast<uint32_t>(record.values[i].number));
+        }
+      } else if (record.values.size() >= 2) {
+        const size_t buffers = (record.values.size() - 2) / 3;
+        for (size_t b = 0; b < buffers; ++b) {
+          const Value &stream = record.values[1 + 3 * b];
+          if (stream.tag == ValueTag::U32) streams.push_back(static_cast<uint32_t>(stream.number));
+        }
       }
       return streams;
     }
@@ -362,7 +395,7 @@ std::string FormatRecord(const Record &record, const Names &names, const Timelin
       break;
     }
     case RecordKind::Filter:
-      line << "driver filter: " << values(0);
+      line << (verbose ? "driver filter: " + values(0) : FilterSummary(record));
       break;
     case RecordKind::End:
       line << "recording closed: " << values(0);

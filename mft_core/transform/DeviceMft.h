@@ -30,7 +30,8 @@ class DeviceMft : public MFDeviceTransform {
   const char *GetTraceName() const override { return name.c_str(); }
 
  protected:
-  DeviceMft(std::string name, const DeviceExtensionUnits &units);
+  // `transformClass` names the transform in its device events recording.
+  DeviceMft(std::string name, const DeviceExtensionUnits &units, const GUID &transformClass = GUID_NULL);
   ~DeviceMft() override = default;
 
   HRESULT OnInitializeTransform(IMFAttributes *filterAttributes) override;
