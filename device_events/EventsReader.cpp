@@ -249,6 +249,16 @@ EventsReader::Status EventsReader::Next(Record &record, ReadError &error) {
   return Status::Record;
 }
 
+bool EventsReader::ReadRecord(const uint8_t *data, size_t size, Record &record, ReadError &error) {
+  EventsReader reader(data, size);
+  reader.headerRead = true;
+  if (reader.Next(record, error) != Status::Record) {
+    if (error.message.empty()) error.message = "no record";
+    return false;
+  }
+  return true;
+}
+
 bool ReadFileBytes(const std::string &path, std::vector<uint8_t> &bytes, std::string &error) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {

@@ -70,6 +70,8 @@ class EventsReader {
   bool ReadHeader(FileHeader &header, ReadError &error);
   Status Next(Record &record, ReadError &error);
   uint64_t Position() const { return position; }
+  // One record on its own (as an encoder wrote it), outside a file.
+  static bool ReadRecord(const uint8_t *data, size_t size, Record &record, ReadError &error);
 
  private:
   const uint8_t *data;

@@ -65,8 +65,6 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path);
   // The driver filter as the transform finds it: its streams, their attributes and types, its nodes.
   void RecordFilter(IMFAttributes *filterAttributes);
-  void EncodeEntryValue(device_events::RecordEncoder &record, const RecordedValue &value);
-  void EncodeReturnValue(device_events::RecordEncoder &record, const RecordedValue &value, HRESULT result);
   device_events::RecordEncoder Begin(device_events::RecordKind kind, HRESULT result);
   void Finish(device_events::RecordEncoder &record);
 

@@ -16,6 +16,7 @@ namespace {
 using device_events::RecordEncoder;
 using device_events::ValueTag;
 
+constexpr DWORD kMaxRecordedIds = 64;
 constexpr uint8_t kEmptyStore[8] = {0x41, 0x46, 0x4D, 0x49, 0, 0, 0, 0};
 
 void EncodeBufferBytes(RecordEncoder &record, IMFMediaBuffer *buffer) {
@@ -141,6 +142,126 @@ void EncodePropVariant(RecordEncoder &record, const PROPVARIANT *value) {
     default: break;
   }
   record.Null();
+}
+
+void EncodeArgument(RecordEncoder &record, const RecordedValue &value, bool pixelData) {
+  using Kind = RecordedValue::Kind;
+  switch (value.kind) {
+    case Kind::U32: record.U32(static_cast<uint32_t>(value.number)); return;
+    case Kind::U64: record.U64(value.number); return;
+    case Kind::Text: {
+      // An empty text stands for "no arguments".
+      const char *text = static_cast<const char *>(value.pointer);
+      if (text != nullptr && text[0] != 0) record.String(text);
+      return;
+    }
+    case Kind::Attributes:
+    case Kind::MediaType:
+      if (value.pointer == nullptr) {
+        record.Null();
+      } else {
+        auto *attributes = value.kind == Kind::MediaType
+                               ? static_cast<IMFAttributes *>(static_cast<IMFMediaType *>(const_cast<void *>(value.pointer)))
+                               : static_cast<IMFAttributes *>(const_cast<void *>(value.pointer));
+        EncodeAttributes(record, attributes, value.kind == Kind::MediaType ? ValueTag::MediaType : ValueTag::Attributes);
+      }
+      return;
+    case Kind::Sample:
+      if (value.pointer == nullptr) {
+        record.Null();
+      } else {
+        EncodeSample(record, static_cast<IMFSample *>(const_cast<void *>(value.pointer)), pixelData);
+      }
+      return;
+    case Kind::MediaEvent: {
+      auto *event = static_cast<IMFMediaEvent *>(const_cast<void *>(value.pointer));
+      MediaEventType type = MEUnknown;
+      if (event == nullptr || FAILED(event->GetType(&type))) {
+        record.Null();
+      } else {
+        record.U32(type);
+      }
+      return;
+    }
+    case Kind::OutU32:
+    case Kind::OutMediaType:
+    case Kind::OutAttributes:
+      if (value.pointer == nullptr) {
+        record.Null();
+      } else {
+        record.U32(1);
+      }
+      return;
+    case Kind::StreamIds:
+      if (value.pointer == nullptr) {
+        record.Null();
+      } else {
+        record.U32(static_cast<uint32_t>(value.number));
+      }
+      return;
+    case Kind::OutputBuffers: {
+      const auto *buffers = static_cast<const MFT_OUTPUT_DATA_BUFFER *>(value.pointer);
+      record.U32(static_cast<uint32_t>(value.number));
+      if (buffers == nullptr) {
+        if (value.number != 0) record.Null();
+        return;
+      }
+      for (uint64_t i = 0; i < value.number; ++i) record.U32(buffers[i].dwStreamID);
+      return;
+    }
+  }
+}
+
+void EncodeOutput(RecordEncoder &record, const RecordedValue &value, HRESULT result, bool pixelData) {
+  using Kind = RecordedValue::Kind;
+  const bool filled = SUCCEEDED(result) && value.pointer != nullptr;
+  switch (value.kind) {
+    case Kind::OutU32:
+      if (filled) {
+        record.U32(*static_cast<const uint32_t *>(value.pointer));
+      } else {
+        record.Null();
+      }
+      return;
+    case Kind::OutMediaType:
+    case Kind::OutAttributes: {
+      IUnknown *object = filled ? *static_cast<IUnknown *const *>(value.pointer) : nullptr;
+      if (object == nullptr) {
+        record.Null();
+      } else if (value.kind == Kind::OutMediaType) {
+        EncodeAttributes(record, *static_cast<IMFMediaType *const *>(value.pointer), ValueTag::MediaType);
+      } else {
+        EncodeAttributes(record, *static_cast<IMFAttributes *const *>(value.pointer), ValueTag::Attributes);
+      }
+      return;
+    }
+    case Kind::StreamIds:
+      if (filled) {
+        const DWORD count = static_cast<DWORD>(std::min<uint64_t>(value.number, kMaxRecordedIds));
+        record.Bytes(value.pointer, count * sizeof(DWORD));
+      } else {
+        record.Null();
+      }
+      return;
+    case Kind::OutputBuffers: {
+      // Every buffer, whether or not the call succeeded: a stream may deliver while the call fails.
+      const auto *buffers = static_cast<const MFT_OUTPUT_DATA_BUFFER *>(value.pointer);
+      if (buffers == nullptr) return;
+      for (uint64_t i = 0; i < value.number; ++i) {
+        record.U32(buffers[i].dwStreamID);
+        record.U32(buffers[i].dwStatus);
+        if (buffers[i].pSample != nullptr) {
+          EncodeSample(record, buffers[i].pSample, pixelData);
+        } else {
+          record.Null();
+        }
+      }
+      return;
+    }
+    default:
+      // Inputs were recorded on entry.
+      return;
+  }
 }
 
 HRESULT DecodeAttributes(const device_events::Value &value, IMFAttributes **attributes) {

@@ -7,6 +7,7 @@
 
 #include "device_events/EventsEncoder.h"
 #include "device_events/EventsReader.h"
+#include "mft_core/ks/DeviceEventsRecorder.h"
 #include "platform/WindowsSdk.h"
 
 namespace mft_core {
@@ -23,6 +24,9 @@ void EncodeSample(device_events::RecordEncoder &record, IMFSample *sample, bool 
 // A media event's value: Null, U32, U64, I64, GUID, string, or a media type.
 void EncodePropVariant(device_events::RecordEncoder &record, const PROPVARIANT *value);
 std::string Utf8(const wchar_t *text);
+// A call's argument as recorded on entry, and what it holds on return (outputs only).
+void EncodeArgument(device_events::RecordEncoder &record, const RecordedValue &value, bool pixelData);
+void EncodeOutput(device_events::RecordEncoder &record, const RecordedValue &value, HRESULT result, bool pixelData);
 
 HRESULT DecodeAttributes(const device_events::Value &value, IMFAttributes **attributes);
 HRESULT DecodeMediaType(const device_events::Value &value, IMFMediaType **mediaType);

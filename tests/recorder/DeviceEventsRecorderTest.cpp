@@ -22,59 +22,6 @@ using namespace recorder_tests;
 
 namespace {
 
-const mft_core::DeviceExtensionUnits kDepthUnits{sim::kDepthXuSet, 1, 7};
-
-template <typename Predicate>
-bool WaitFor(Predicate predicate) {
-  for (int i = 0; i < 500; ++i) {
-    if (predicate()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return predicate();
-}
-
-ComPtr<IMFDeviceTransform> CreatePassThrough() {
-  auto object = user_space_frameworks::MakeComObject<mft_core::PassThroughDeviceMft>("Recorded MFT", kDepthUnits);
-  ComPtr<IMFDeviceTransform> device;
-  object.As(&device);
-  return device;
-}
-
-uint64_t FramesOut(sim::FrameServerHost &host, DWORD streamId) {
-  for (const auto &stats : host.Stats()) {
-    if (stats.outputStreamId == streamId) return stats.framesOut;
-  }
-  return 0;
-}
-
-// Streams depth for a few frames, sends one application KS request, lets the camera signal its
-// firmware event, stops and shuts down; everything is released on return.
-void RunShortSession() {
-  auto filter = sim::SimulatedCameraFilter::Create(sim::DepthCamera());
-  ASSERT_TRUE(filter);
-  ComPtr<IMFDeviceTransform> device = CreatePassThrough();
-  ASSERT_TRUE(device);
-  sim::FrameServerHost host(device, filter);
-  ASSERT_EQ(S_OK, host.Initialize());
-  ComPtr<IMFMediaType> type;
-  ASSERT_EQ(S_OK, host.FindOutputType(0, 848, 480, 30, type.GetAddressOf()));
-  ASSERT_EQ(S_OK, host.StartStream(0, type.Get()));
-  ASSERT_TRUE(WaitFor([&] { return FramesOut(host, 0) >= 5; }));
-
-  KSPROPERTY property{};
-  property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
-  property.Id = 0;
-  property.Flags = KSPROPERTY_TYPE_GET;
-  BYTE value[40] = {};
-  ULONG returned = 0;
-  host.ApplicationKsControl()->KsProperty(&property, sizeof(property), value, sizeof(value), &returned);
-
-  EXPECT_EQ(1u, filter->SignalAutoUpdate());
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_EQ(S_OK, host.StopStream(0));
-  EXPECT_EQ(S_OK, host.Shutdown());
-}
-
 TEST(DeviceEventsRecorder, IsOffUnlessTheRegistrySwitchesItOn) {
   const auto settings = mft_core::DeviceEventsRecorderSettings::FromRegistry();
   EXPECT_FALSE(settings.enabled);
@@ -91,7 +38,7 @@ TEST(DeviceEventsRecorder, RecordsCallsRequestsDriverEventsAndMediaEventsOfASess
   const std::wstring path = TemporaryRecordingPath(L"session");
   {
     RecordingSwitch on(path);
-    RunShortSession();
+    RunShortSession(CreatePassThrough());
   }
   // The recording closes when the last owner of the transform's members lets go.
   Recording recording;

@@ -75,3 +75,66 @@ std::vector<const device_events::Record *> Calls(const Recording &recording, dev
 }
 
 }  // namespace recorder_tests
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "mft_core/transform/PassThroughDeviceMft.h"
+#include "sim/FrameServerHost.h"
+#include "user_space_frameworks/ComObject.h"
+
+namespace recorder_tests {
+
+using Microsoft::WRL::ComPtr;
+
+bool WaitFor(const std::function<bool()> &predicate) {
+  for (int i = 0; i < 500; ++i) {
+    if (predicate()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return predicate();
+}
+
+ComPtr<IMFDeviceTransform> CreatePassThrough() {
+  const mft_core::DeviceExtensionUnits units{sim::kDepthXuSet, 1, 7};
+  auto object = user_space_frameworks::MakeComObject<mft_core::PassThroughDeviceMft>("Recorded MFT", units);
+  ComPtr<IMFDeviceTransform> device;
+  object.As(&device);
+  return device;
+}
+
+void RunShortSession(ComPtr<IMFDeviceTransform> device) {
+  auto filter = sim::SimulatedCameraFilter::Create(sim::DepthCamera());
+  ASSERT_TRUE(filter);
+  ASSERT_TRUE(device);
+  sim::FrameServerHost host(device, filter);
+  device.Reset();
+  ASSERT_EQ(S_OK, host.Initialize());
+  ComPtr<IMFMediaType> type;
+  ASSERT_EQ(S_OK, host.FindOutputType(0, 848, 480, 30, type.GetAddressOf()));
+  ASSERT_EQ(S_OK, host.StartStream(0, type.Get()));
+  auto framesOut = [&] {
+    for (const auto &stats : host.Stats()) {
+      if (stats.outputStreamId == 0) return stats.framesOut;
+    }
+    return uint64_t{0};
+  };
+  ASSERT_TRUE(WaitFor([&] { return framesOut() >= 5; }));
+
+  KSPROPERTY property{};
+  property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
+  property.Id = 0;
+  property.Flags = KSPROPERTY_TYPE_GET;
+  BYTE value[40] = {};
+  ULONG returned = 0;
+  host.ApplicationKsControl()->KsProperty(&property, sizeof(property), value, sizeof(value), &returned);
+
+  EXPECT_EQ(1u, filter->SignalAutoUpdate());
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(S_OK, host.StopStream(0));
+  EXPECT_EQ(S_OK, host.Shutdown());
+}
+
+}  // namespace recorder_tests

@@ -1,6 +1,7 @@
 // Switching recording on in the registry for a test, and reading a recording back.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,5 +33,17 @@ Recording ReadRecording(const std::wstring &path);
 std::vector<const device_events::Record *> OfKind(const Recording &recording, device_events::RecordKind kind);
 std::vector<const device_events::Record *> Calls(const Recording &recording, device_events::RecordKind kind,
                                                  const std::string &name);
+
+}  // namespace recorder_tests
+
+namespace recorder_tests {
+
+// The framework's pass-through transform over the simulated depth camera's units, named "Recorded MFT".
+Microsoft::WRL::ComPtr<IMFDeviceTransform> CreatePassThrough();
+// Streams depth for a few frames, sends one application KS request, lets the camera signal its
+// firmware event, stops and shuts down; everything is released on return.
+void RunShortSession(Microsoft::WRL::ComPtr<IMFDeviceTransform> device);
+// Polls `predicate` for up to five seconds.
+bool WaitFor(const std::function<bool()> &predicate);
 
 }  // namespace recorder_tests
