@@ -654,7 +654,17 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           wanted.status = r.result;
           wanted.hasStream = r.values.size() > 3 && r.values[3].tag == ValueTag::U32;
           wanted.stream = U32At(r, 3);
-          expected.push_back({wanted, report.records, &r});
+          // Have-output events come from frames, which are made where they returned: they are matched
+          // when they come. Any other event comes from a state change in flight (or a driver event)
+          // and is awaited here, before the calls that answer it are made.
+          if (wanted.type == METransformHaveOutput) {
+            expected.push_back({wanted, report.records, &r});
+          } else {
+            std::string seen;
+            if (!pump || !pump->Take(wanted, options.waitMs, seen)) {
+              diverge(r, "the transform did not queue this event (" + seen + " queued first)");
+            }
+          }
           break;
         }
         case RecordKind::Dropped:

@@ -1,6 +1,8 @@
 #include "mft_core/recorder/DeviceEventsRecorder.h"
 
 #include <cstring>
+#include <map>
+#include <mutex>
 
 #include "mft_core/recorder/MfValues.h"
 #include "user_space_frameworks/Check.h"
@@ -21,13 +23,6 @@ constexpr ULONG kMaxIdentifierBytes = 4096;
 constexpr ULONG kMaxDataBytes = 1 << 20;
 constexpr DWORD kMaxTypesPerStream = 1024;
 
-// Each thread encodes into its own buffer, reused from record to record.
-std::vector<uint8_t> &Scratch() {
-  thread_local std::vector<uint8_t> scratch;
-  scratch.clear();
-  return scratch;
-}
-
 // "ProcessInput" from "virtual HRESULT mft_core::MFDeviceTransform::ProcessInput(DWORD, IMFSample*, DWORD)".
 void ShortName(const char *function, const char *&begin, size_t &length) {
   const char *open = std::strchr(function, '(');
@@ -39,15 +34,33 @@ void ShortName(const char *function, const char *&begin, size_t &length) {
 }
 
 // Data of a KS request as it was on entry, kept until the request returns. Requests nest (an
-// application's request forwarded to the driver), so it is a stack per thread.
+// application's request forwarded to the driver), so it is a stack per thread. (No thread_local
+// objects: their destructors are not reliable in statically linked MinGW programs.)
 struct PendingData {
   bool present = false;
   std::vector<uint8_t> bytes;
 };
-std::vector<PendingData> &PendingStack() {
-  thread_local std::vector<PendingData> stack;
-  return stack;
-}
+
+class PendingStacks {
+ public:
+  void Push(PendingData data) {
+    std::lock_guard<std::mutex> lock(mutex);
+    stacks[GetCurrentThreadId()].push_back(std::move(data));
+  }
+  PendingData Pop() {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto found = stacks.find(GetCurrentThreadId());
+    if (found == stacks.end() || found->second.empty()) return {};
+    PendingData data = std::move(found->second.back());
+    found->second.pop_back();
+    if (found->second.empty()) stacks.erase(found);
+    return data;
+  }
+
+ private:
+  std::mutex mutex;
+  std::map<DWORD, std::vector<PendingData>> stacks;
+};
 
 class KsRequestsRecorder : public IKsControlsObserver {
  public:
@@ -60,17 +73,12 @@ class KsRequestsRecorder : public IKsControlsObserver {
       const auto *bytes = static_cast<const uint8_t *>(data);
       pending.bytes.assign(bytes, bytes + std::min(dataLength, kMaxDataBytes));
     }
-    PendingStack().push_back(std::move(pending));
+    pendingData.Push(std::move(pending));
   }
 
   void OnKsControlExit(KsControlType type, PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,
                        ULONG dataLength, ULONG *bytesReturned, HRESULT result) override {
-    auto &stack = PendingStack();
-    PendingData pending;
-    if (!stack.empty()) {
-      pending = std::move(stack.back());
-      stack.pop_back();
-    }
+    PendingData pending = pendingData.Pop();
     recorder->RecordKsRequest(kind, type, identifier, identifierLength, pending.present ? &pending.bytes : nullptr,
                               data, dataLength, bytesReturned, result);
   }
@@ -78,6 +86,7 @@ class KsRequestsRecorder : public IKsControlsObserver {
  private:
   DeviceEventsRecorder *recorder;  // owns this observer
   const RecordKind kind;
+  PendingStacks pendingData;
 };
 
 // The version of the module this code is linked into, from its version resource.
@@ -233,15 +242,16 @@ void DeviceEventsRecorder::Close() {
 
 bool DeviceEventsRecorder::IsRecording() const { return writer && writer->IsOpen(); }
 
-RecordEncoder DeviceEventsRecorder::Begin(RecordKind kind, HRESULT result) {
-  RecordEncoder record(Scratch());
+RecordEncoder DeviceEventsRecorder::Begin(std::vector<uint8_t> &buffer, RecordKind kind, HRESULT result) {
+  buffer = writer->TakeBuffer();
+  RecordEncoder record(buffer);
   record.Begin(kind, clock.Now(), GetCurrentThreadId(), static_cast<uint32_t>(result));
   return record;
 }
 
 void DeviceEventsRecorder::Finish(RecordEncoder &record) {
   record.End();
-  writer->Push(record.Buffer());
+  writer->Push(std::move(record.Buffer()));
 }
 
 void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue *arguments, size_t count) {
@@ -249,7 +259,8 @@ void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue 
   const char *name = nullptr;
   size_t nameLength = 0;
   ShortName(function, name, nameLength);
-  RecordEncoder record = Begin(RecordKind::CallEntry, S_OK);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::CallEntry, S_OK);
   record.String(name, nameLength);
   for (size_t i = 0; i < count; ++i) EncodeArgument(record, arguments[i], pixelData);
   Finish(record);
@@ -265,7 +276,8 @@ void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, co
   const char *name = nullptr;
   size_t nameLength = 0;
   ShortName(function, name, nameLength);
-  RecordEncoder record = Begin(RecordKind::CallExit, result);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::CallExit, result);
   record.String(name, nameLength);
   for (size_t i = 0; i < count; ++i) EncodeOutput(record, arguments[i], result, pixelData);
   Finish(record);
@@ -273,7 +285,8 @@ void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, co
 
 void DeviceEventsRecorder::RecordDriverEvent(REFGUID eventSet, ULONG eventId) {
   if (!IsRecording()) return;
-  RecordEncoder record = Begin(RecordKind::DriverEvent, S_OK);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::DriverEvent, S_OK);
   record.GuidValue(ToRecorded(eventSet));
   record.U32(eventId);
   Finish(record);
@@ -287,7 +300,8 @@ void DeviceEventsRecorder::RecordMediaEvent(IMFMediaEvent *event) {
   event->GetType(&type);
   event->GetExtendedType(&extendedType);
   event->GetStatus(&status);
-  RecordEncoder record = Begin(RecordKind::MediaEvent, status);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::MediaEvent, status);
   record.U32(type);
   record.GuidValue(ToRecorded(extendedType));
   PROPVARIANT value;
@@ -311,7 +325,8 @@ void DeviceEventsRecorder::RecordMediaEvent(IMFMediaEvent *event) {
 void DeviceEventsRecorder::RecordMediaEvent(MediaEventType type, REFGUID extendedType, HRESULT status,
                                             const PROPVARIANT *value) {
   if (!IsRecording()) return;
-  RecordEncoder record = Begin(RecordKind::MediaEvent, status);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::MediaEvent, status);
   record.U32(type);
   record.GuidValue(ToRecorded(extendedType));
   EncodePropVariant(record, value);
@@ -325,7 +340,8 @@ void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, 
                                            const void *data, ULONG dataLength, const ULONG *bytesReturned,
                                            HRESULT result) {
   if (!IsRecording()) return;
-  RecordEncoder record = Begin(kind, result);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, kind, result);
   record.U32(static_cast<uint32_t>(type));
   if (identifier == nullptr) {
     record.Null();
@@ -367,7 +383,8 @@ void DeviceEventsRecorder::RecordFilter(IMFAttributes *filterAttributes) {
       for (DWORD i = 0; i < outputCount; ++i) outputIds[i] = i;
     }
   }
-  RecordEncoder record = Begin(RecordKind::Filter, countResult);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::Filter, countResult);
   record.U32(inputCount);
   record.U32(outputCount);
   record.U32(static_cast<uint32_t>(idsResult));

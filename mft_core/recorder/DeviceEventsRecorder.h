@@ -65,7 +65,8 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path);
   // The driver filter as the transform finds it: its streams, their attributes and types, its nodes.
   void RecordFilter(IMFAttributes *filterAttributes);
-  device_events::RecordEncoder Begin(device_events::RecordKind kind, HRESULT result);
+  // Encodes into `buffer`, one of the writer's spare buffers.
+  device_events::RecordEncoder Begin(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result);
   void Finish(device_events::RecordEncoder &record);
 
   const bool pixelData;

@@ -65,6 +65,11 @@ EventsFileWriter::EventsFileWriter(HANDLE file, uint64_t headerBytes, const Even
 EventsFileWriter::~EventsFileWriter() { Close(); }
 
 std::vector<uint8_t> EventsFileWriter::TakeBuffer() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return SpareBuffer();
+}
+
+std::vector<uint8_t> EventsFileWriter::SpareBuffer() {
   if (spareBuffers.empty()) return {};
   std::vector<uint8_t> buffer = std::move(spareBuffers.back());
   spareBuffers.pop_back();
@@ -80,7 +85,7 @@ void EventsFileWriter::EncodeDropped(std::vector<uint8_t> &out, uint64_t count, 
   record.End();
 }
 
-void EventsFileWriter::Push(const std::vector<uint8_t> &record) {
+void EventsFileWriter::Push(std::vector<uint8_t> &&record) {
   std::lock_guard<std::mutex> lock(mutex);
   if (stopping || !open.load(std::memory_order_relaxed)) return;
   // The drop record goes where the records went missing, ahead of the next one that fits.
@@ -91,14 +96,12 @@ void EventsFileWriter::Push(const std::vector<uint8_t> &record) {
     return;
   }
   if (queueDrops != 0) {
-    std::vector<uint8_t> dropped = TakeBuffer();
+    std::vector<uint8_t> dropped = SpareBuffer();
     EncodeDropped(dropped, queueDrops, DropReason::QueueFull);
     queue.push_back(std::move(dropped));
     queueDrops = 0;
   }
-  std::vector<uint8_t> buffer = TakeBuffer();
-  buffer.assign(record.begin(), record.end());
-  queue.push_back(std::move(buffer));
+  queue.push_back(std::move(record));
   if (writerWaiting) wake.notify_one();
 }
 
@@ -116,7 +119,7 @@ void EventsFileWriter::Run() {
       batch.swap(queue);
       last = stopping;
       if (last && queueDrops != 0) {
-        std::vector<uint8_t> dropped = TakeBuffer();
+        std::vector<uint8_t> dropped = SpareBuffer();
         EncodeDropped(dropped, queueDrops, DropReason::QueueFull);
         batch.push_back(std::move(dropped));
         queueDrops = 0;

@@ -44,8 +44,10 @@ class EventsFileWriter {
   EventsFileWriter(const EventsFileWriter &) = delete;
   EventsFileWriter &operator=(const EventsFileWriter &) = delete;
 
-  // Queues a copy of one encoded record; never blocks on the disk.
-  void Push(const std::vector<uint8_t> &record);
+  // A buffer to encode one record into (empty, with room from earlier records), and the record
+  // handed to the queue; neither blocks on the disk.
+  std::vector<uint8_t> TakeBuffer();
+  void Push(std::vector<uint8_t> &&record);
   // Writes what is queued, the drop count if any and the closing record, and closes the file.
   void Close();
   // False once closed or after the disk refused a write.
@@ -59,7 +61,7 @@ class EventsFileWriter {
   EventsFileWriter(HANDLE file, uint64_t headerBytes, const EventsFileWriterOptions &options, const RecordClock &clock);
   void Run();
   void Write(std::deque<std::vector<uint8_t>> &batch, bool final);
-  std::vector<uint8_t> TakeBuffer();
+  std::vector<uint8_t> SpareBuffer();  // with the lock held
   void EncodeDropped(std::vector<uint8_t> &out, uint64_t count, device_events::DropReason reason) const;
 
   user_space_frameworks::UniqueHandle file;
