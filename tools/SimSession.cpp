@@ -1,6 +1,6 @@
 // Streams a device transform over a simulated camera for a few seconds and prints what each stream did.
 //   sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30] [--seconds 5]
-//               [--quiet] [--record [--pixels]]
+//               [--fw-error CODE] [--quiet] [--record [--pixels]]
 // --record switches the device events recording on (as the registry does in the field) for the
 // transforms the session creates; the recording goes to c:\VeldaraLogs\events.bin.
 #include <cstdio>
@@ -18,7 +18,7 @@ namespace {
 
 void Usage() {
   std::cerr << "usage: sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size WxH] [--fps N]\n"
-               "                   [--seconds S] [--quiet] [--record [--pixels]]\n";
+               "                   [--seconds S] [--fw-error CODE] [--quiet] [--record [--pixels]]\n";
 }
 
 struct Recording {
@@ -44,6 +44,9 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options, Recording
       options.fps = static_cast<UINT32>(std::stoul(value()));
     } else if (arg == "--seconds") {
       options.seconds = std::stod(value());
+    } else if (arg == "--fw-error") {
+      options.firmwareErrorCode = std::stoi(value());
+      if (options.firmwareErrorCode < 0 || options.firmwareErrorCode > 255) return false;
     } else if (arg == "--quiet") {
       options.progress = false;
     } else if (arg == "--record") {

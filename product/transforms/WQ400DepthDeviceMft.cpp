@@ -9,8 +9,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace mft_core {
 
-const GUID kWQ400DepthXuSetId = {0xC9606CCB, 0x594C, 0x4D25, {0xAF, 0x47, 0xCC, 0xC4, 0x96, 0x43, 0x59, 0x95}};
-
 namespace {
 
 const char *FrameSourceTypeName(UINT32 type) {
@@ -70,6 +68,9 @@ HRESULT WQ400DepthDeviceMft::UninitializeMembers() {
 
 HRESULT WQ400DepthDeviceMft::RegisterKsControlHandlres() {
   RETURN_IF_FAILED(WQ400DeviceMft::RegisterKsControlHandlres());
+  extendedExposureControl = std::make_shared<WQ400DepthExtendedExposureControl>(deviceXuKsControl);
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(extendedExposureControl));
+  RETURN_IF_FAILED(extendedExposureControl->RegisterEvent(*this));
   // Depth exposure is set only through the extended exposure control: the standard ones never reach
   // the driver.
   RETURN_IF_FAILED(RegisterKsPropertyHandler(std::make_shared<KsPropHandler>(
@@ -163,6 +164,11 @@ HRESULT WQ400DepthDeviceMft::StartOutputStream(const std::shared_ptr<OutputStrea
     }
   }
   RETURN_IF_FAILED(WQ400DeviceMft::StartOutputStream(outputStream, nextMediaType));
+  // The first stream started drives exposure.
+  if (exposureFeedStreamId == kNoStream) {
+    exposureFeedStreamId = outputStream->GetID();
+    extendedExposureControl->RegisterToOnSampleSubject(outputStream);
+  }
   return S_OK;
 }
 
@@ -170,6 +176,16 @@ HRESULT WQ400DepthDeviceMft::StopOutputStream(const std::shared_ptr<OutputStream
                                               IMFMediaType *nextMediaType) {
   // Stopped either way.
   LOG_IF_FAILED(WQ400DeviceMft::StopOutputStream(outputStream, nextMediaType));
+  if (outputStream->GetID() == exposureFeedStreamId) {
+    extendedExposureControl->UnRegisterToOnSampleSubject(outputStream);
+    exposureFeedStreamId = kNoStream;
+    // Every stream still running feeds the control from now on; the last one is remembered.
+    for (const auto &stream : outputStreams) {
+      if (stream->GetState() != DeviceStreamState_Run) continue;
+      extendedExposureControl->RegisterToOnSampleSubject(stream);
+      exposureFeedStreamId = stream->GetID();
+    }
+  }
   return S_OK;
 }
 

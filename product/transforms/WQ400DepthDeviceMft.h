@@ -10,11 +10,10 @@
 #include <vector>
 
 #include "mft_core/ks/FirmwareCommandPipe.h"
+#include "product/controls/WQ400DepthExtendedExposureControl.h"
 #include "product/transforms/WQ400DeviceMft.h"
 
 namespace mft_core {
-
-extern const GUID kWQ400DepthXuSetId;
 
 class WQ400DepthDeviceMft : public WQ400DeviceMft {
  public:
@@ -26,6 +25,7 @@ class WQ400DepthDeviceMft : public WQ400DeviceMft {
   // Calibration entries: the depth sensor, and the sensor every color or infrared stream comes from.
   static constexpr BYTE kDepthSensorIndex = 1;
   static constexpr BYTE kImagerSensorIndex = 2;
+  static constexpr DWORD kNoStream = 0xFFFFFFFF;
 
   WQ400DepthDeviceMft();
 
@@ -52,6 +52,9 @@ class WQ400DepthDeviceMft : public WQ400DeviceMft {
   std::vector<BYTE> ReadCalibrationTable(ULONG selector);
 
   std::shared_ptr<FirmwareCommandPipe> firmwareCommandPipe;
+  std::shared_ptr<WQ400DepthExtendedExposureControl> extendedExposureControl;
+  // The output stream whose frames feed the exposure control; kNoStream when none runs.
+  DWORD exposureFeedStreamId = kNoStream;
 };
 
 }  // namespace mft_core
