@@ -2,11 +2,13 @@
 // camera's metadata on every sample, at one frame size and rate, and the standard exposure controls
 // kept away from the driver.
 #include <atomic>
+#include <thread>
 #include <map>
 #include <mutex>
 
 #include "DepthTestSupport.h"
 #include "mft_core/streams/FrameDropMonitor.h"
+#include "product/controls/WQ400PrivateProperties.h"
 #include "product/metadata/WQ400MetadataRecords.h"
 
 using Microsoft::WRL::ComPtr;
@@ -73,6 +75,28 @@ TEST_F(DepthStreamingTest, AllStreamsRunAtOneFrameSizeAndRate) {
   EXPECT_TRUE(test_support::WaitFor([&] { return FramesOut(2) >= 3; }));
 }
 
+TEST_F(DepthStreamingTest, StreamsStartedTogetherAtDifferentSizesCannotBothRun) {
+  ConnectAndInitialize();
+  ComPtr<IMFMediaType> large = OutputType(1, 848, 480, 30), small = OutputType(2, 640, 480, 30);
+  for (int round = 0; round < 5; ++round) {
+    std::atomic<int> ready{0};
+    HRESULT first = E_FAIL, second = E_FAIL;
+    auto start = [&](DWORD stream, IMFMediaType *type, HRESULT &result) {
+      ++ready;
+      while (ready < 2) std::this_thread::yield();
+      result = host->StartStream(stream, type);
+    };
+    std::thread one(start, 1u, large.Get(), std::ref(first));
+    std::thread two(start, 2u, small.Get(), std::ref(second));
+    one.join();
+    two.join();
+    EXPECT_TRUE((first == S_OK && second == E_INVALIDARG) || (first == E_INVALIDARG && second == S_OK))
+        << std::hex << first << " " << second;
+    ASSERT_EQ(S_OK, host->StopStream(1));
+    ASSERT_EQ(S_OK, host->StopStream(2));
+  }
+}
+
 TEST_F(DepthStreamingTest, StandardExposureControlsAreAnsweredWithoutTheDriver) {
   ConnectAndInitialize();
   filter->ClearRequests();
@@ -96,6 +120,24 @@ TEST_F(DepthStreamingTest, StandardExposureControlsAreAnsweredWithoutTheDriver) 
   EXPECT_EQ(S_OK, host->ApplicationKsControl()->KsProperty(&gain.Property, sizeof(gain), &gain, sizeof(gain),
                                                            &bytesReturned));
   EXPECT_EQ(16, gain.Value);
+}
+
+TEST_F(DepthStreamingTest, RawFirmwareCommandsReachTheCameraAndTheReplyComesBack) {
+  ConnectAndInitialize();
+  mft_core::KSPROPERTY_WQ400_CONTROL_HW_COMMAND command = {};
+  command.property = {mft_core::PROPSETID_WQ400_PRIVATE, mft_core::KSPROPERTY_WQ400_CONTROL_HW_COMMAND_ID,
+                      KSPROPERTY_TYPE_GET};
+  command.opCode = sim::kFirmwareOpcodeDeviceInfo;
+  std::vector<BYTE> reply(sim::kDeviceInfoTableSize);
+  ULONG bytesReturned = 0;
+  ASSERT_EQ(S_OK, host->ApplicationKsControl()->KsProperty(&command.property, sizeof(command), reply.data(),
+                                                           static_cast<ULONG>(reply.size()), &bytesReturned));
+  EXPECT_EQ(44u, bytesReturned);
+  EXPECT_EQ(sim::DeviceInfoTable(filter->Config().deviceInfo), reply);
+  // The transform read the table once itself at initialisation; the application's read is the second.
+  size_t deviceInfoReads = 0;
+  for (const auto &sent : filter->FirmwareCommands()) deviceInfoReads += sent.opcode == sim::kFirmwareOpcodeDeviceInfo;
+  EXPECT_EQ(2u, deviceInfoReads);
 }
 
 }  // namespace
