@@ -7,6 +7,7 @@
 #include "RecordingSupport.h"
 #include "device_events/EventsReader.h"
 #include "mft_core/transform/PassThroughDeviceMft.h"
+#include "product/transforms/WQ400DepthDeviceMft.h"
 #include "sim/CameraConfig.h"
 #include "sim/ReplaySession.h"
 #include "user_space_frameworks/ComObject.h"
@@ -122,6 +123,36 @@ TEST_F(ReplayTest, DamagedOrIncompleteRecordingsAreRefusedWithTheirOffset) {
   report = sim::ReplayRecording(lossy, SameTransform);
   EXPECT_FALSE(report.matched);
   EXPECT_NE(std::string::npos, report.divergence.find("lost records")) << report.divergence;
+}
+
+ComPtr<IMFDeviceTransform> CreateDepthTransform() {
+  ComPtr<IMFDeviceTransform> device;
+  user_space_frameworks::MakeComObject<mft_core::WQ400DepthDeviceMft>().As(&device);
+  return device;
+}
+
+TEST(ProductReplay, ARecordedSessionOfTheDepthTransformReplaysWithoutDivergence) {
+  const std::wstring path = TemporaryRecordingPath(L"depth");
+  {
+    RecordingSwitch on(path);
+    RunShortSession(CreateDepthTransform());
+  }
+  ASSERT_TRUE(WaitFor([&] {
+    const Recording recording = ReadRecording(path);
+    return !recording.records.empty() && recording.records.back().Kind() == RecordKind::End;
+  }));
+  std::vector<uint8_t> recorded;
+  std::string error;
+  ASSERT_TRUE(device_events::ReadFileBytes(std::string(path.begin(), path.end()), recorded, error)) << error;
+  DeleteFileW(path.c_str());
+  const sim::ReplayReport report =
+      sim::ReplayRecording(recorded, [](const device_events::FileHeader &header, IMFDeviceTransform **transform) {
+        EXPECT_EQ("WQ400 Depth Device MFT", header.transformName);
+        return CreateDepthTransform().CopyTo(transform);
+      });
+  EXPECT_TRUE(report.matched) << report.divergence;
+  EXPECT_GT(report.driverRequests, 0u);
+  EXPECT_EQ(1u, report.driverEvents);
 }
 
 }  // namespace
