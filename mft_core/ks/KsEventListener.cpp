@@ -237,13 +237,6 @@ STDMETHODIMP KsEventListener::GetParameters(DWORD *pdwFlags, DWORD *pdwQueue) {
 
 STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
   return WQ_GUARDED([&]() -> HRESULT {
-    if (recorder && recorder->IsRecording()) {
-      KSIDENTIFIER identifier{};
-      identifier.Set = eventSet;
-      identifier.Id = eventId;
-      recorder->RecordCall("mft_core::KsEventListener::Invoke",
-                           KsIdentifierText(KsIdentifierKind::Event, &identifier));
-    }
     if (pAsyncResult == nullptr) return E_POINTER;
     // A cancelled wait is not a driver notification.
     const HRESULT status = pAsyncResult->GetStatus();
@@ -272,6 +265,8 @@ STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
         }
       }
     }
+    // Recorded where it is delivered: a cancelled or stale wait is not a driver event.
+    if (signalled && notify && recorder) recorder->RecordDriverEvent(eventSet, eventId);
     if (notify) NotifyObservers();
     if (rearmDelayMs != 0) Sleep(rearmDelayMs);
 
