@@ -8,7 +8,7 @@ flags=(--target=x86_64-w64-mingw32 --sysroot=/usr/x86_64-w64-mingw32 -nostdinc++
        -isystem "$gcc_cxx" -isystem "$gcc_cxx/x86_64-w64-mingw32" -isystem "$gcc_cxx/backward"
        -std=c++17 -Wall -Wextra -Werror -O1 -I.
        -DWINVER=0x0A00 -D_WIN32_WINNT=0x0A00 -DUNICODE -D_UNICODE)
-folders=(platform user_space_frameworks autoexposure mft_core product module)
+folders=(platform user_space_frameworks autoexposure device_events mft_core product module)
 files=()
 for folder in "${folders[@]}"; do
   [ -d "$folder" ] && while IFS= read -r f; do files+=("$f"); done < <(find "$folder" -name '*.cpp' | sort)

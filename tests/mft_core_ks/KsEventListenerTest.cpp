@@ -267,8 +267,12 @@ TEST(KsEventListenerLifetimeTest, ReleasingAStartedListenerStopsItWithoutLeaks) 
 // a cancel completes the wait late from another thread, as a busy platform queue does.
 class ScriptedWorkItems : public mft_utils::WaitWorkItemWrapper {
  public:
-  ~ScriptedWorkItems() override {
-    for (auto &thread : threads) thread.join();
+  ~ScriptedWorkItems() override { JoinAll(); }
+  // The late cancellations must have run before the listener goes, or the last owner could be one of them.
+  void JoinAll() {
+    for (auto &thread : threads) {
+      if (thread.joinable()) thread.join();
+    }
   }
   HRESULT WaitAsync(HANDLE, IMFAsyncResult *asyncResult, IMFAsyncCallback *callback) override {
     std::lock_guard<std::mutex> lock(mutex);
@@ -322,6 +326,7 @@ class ScriptedListenerTest : public ::testing::Test {
     ASSERT_EQ(S_OK, listener->Init(driver.Get()));
   }
   void TearDown() override {
+    workItems->JoinAll();
     listener.reset();
     workItems.reset();
   }
