@@ -17,6 +17,7 @@
 #include "platform/WindowsSdk.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ComObject.h"
+#include "user_space_frameworks/ModuleLock.h"
 #include "user_space_frameworks/Sync.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -196,6 +197,9 @@ class MFDeviceTransform : public DeviceTransformEntries,
   std::shared_ptr<IDeviceEventsRecorder> deviceEventsRecorder;
 
  private:
+  // A live transform keeps its module loaded.
+  user_space_frameworks::ModuleReference moduleReference;
+
   HRESULT DeviceGetInputCurrentType(DWORD dwInputStreamID, IMFMediaType **pMediaType) final;
   HRESULT DeviceProcessInput(DWORD dwInputStreamID, IMFSample *pSample, DWORD dwFlags) final;
   HRESULT DeviceProcessMessage(MFT_MESSAGE_TYPE eMessage, ULONG_PTR ulParam) final;
