@@ -27,44 +27,6 @@ void Append(std::vector<BYTE> &bytes, const T &value) {
   std::memcpy(bytes.data() + offset, &value, sizeof(T));
 }
 
-// The calibration table layout the camera uses: a count byte, then per entry the sensor index, a
-// reserved byte, the body length (u16) and the body.
-std::vector<BYTE> CalibrationTable(const std::vector<std::pair<BYTE, std::vector<BYTE>>> &entries) {
-  std::vector<BYTE> table{static_cast<BYTE>(entries.size())};
-  for (const auto &entry : entries) {
-    table.push_back(entry.first);
-    table.push_back(0);
-    const uint16_t length = static_cast<uint16_t>(entry.second.size());
-    Append(table, length);
-    table.insert(table.end(), entry.second.begin(), entry.second.end());
-  }
-  return table;
-}
-
-std::vector<BYTE> IntrinsicsBody(UINT32 width, UINT32 height, float focal) {
-  std::vector<BYTE> body;
-  Append(body, UINT32{1});
-  MFPinholeCameraIntrinsic_IntrinsicModel model = {};
-  model.Width = width;
-  model.Height = height;
-  model.CameraModel.FocalLength = {focal, focal};
-  model.CameraModel.PrincipalPoint = {width / 2.0f, height / 2.0f};
-  model.DistortionModel = {0.01f, -0.02f, 0.0f, 0.001f, 0.0005f};
-  Append(body, model);
-  return body;
-}
-
-std::vector<BYTE> ExtrinsicsBody(float baselineMetres) {
-  std::vector<BYTE> body;
-  Append(body, UINT32{1});
-  MFCameraExtrinsic_CalibratedTransform transform = {};
-  transform.CalibrationId = kSubtypeZ16;
-  transform.Position = {baselineMetres, 0.0f, 0.0f};
-  transform.Orientation = {0.0f, 0.0f, 0.0f, 1.0f};
-  Append(body, transform);
-  return body;
-}
-
 ControlConfig RangedControl(ULONG id, size_t size, LONG value, ControlRange range) {
   ControlConfig control{id, LongBytes(static_cast<uint32_t>(value), size)};
   control.hasRange = true;
@@ -100,6 +62,46 @@ const GUID kNodeProcessing = {0xDFF229E5, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA
 const GUID kNodeCameraTerminal = {0xDFF229E6, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
 const GUID kAutoUpdateEventSet = {0xDB47DE20, 0xF628, 0x11D1, {0xBA, 0x41, 0x00, 0xA0, 0xC9, 0x0D, 0x2B, 0x05}};
 
+std::vector<BYTE> CalibrationTable(const std::vector<std::pair<BYTE, std::vector<BYTE>>> &entries) {
+  std::vector<BYTE> table{static_cast<BYTE>(entries.size())};
+  for (const auto &entry : entries) {
+    table.push_back(entry.first);
+    table.push_back(0);
+    const uint16_t length = static_cast<uint16_t>(entry.second.size());
+    Append(table, length);
+    table.insert(table.end(), entry.second.begin(), entry.second.end());
+  }
+  return table;
+}
+
+std::vector<BYTE> IntrinsicsBody(UINT32 width, UINT32 height, float focal, UINT32 models) {
+  std::vector<BYTE> body;
+  Append(body, models);
+  MFPinholeCameraIntrinsic_IntrinsicModel model = {};
+  model.Width = width;
+  model.Height = height;
+  model.CameraModel.FocalLength = {focal, focal};
+  model.CameraModel.PrincipalPoint = {width / 2.0f, height / 2.0f};
+  model.DistortionModel = {0.01f, -0.02f, 0.0f, 0.001f, 0.0005f};
+  for (UINT32 i = 0; i < models; ++i) {
+    Append(body, model);
+    model.Width /= 2;  // each further model at half the size, as a camera lists its resolutions
+    model.Height /= 2;
+  }
+  return body;
+}
+
+std::vector<BYTE> ExtrinsicsBody(float baselineMetres, UINT32 count) {
+  std::vector<BYTE> body;
+  Append(body, count);
+  MFCameraExtrinsic_CalibratedTransform transform = {};
+  transform.CalibrationId = kSubtypeZ16;
+  transform.Position = {baselineMetres, 0.0f, 0.0f};
+  transform.Orientation = {0.0f, 0.0f, 0.0f, 1.0f};
+  Append(body, transform);
+  return body;
+}
+
 std::vector<VideoFormat> FormatGrid(const std::vector<std::pair<GUID, UINT32>> &subtypesWithBytesPerPixel,
                                     const std::vector<std::pair<UINT32, UINT32>> &sizes,
                                     const std::vector<UINT32> &rates) {
@@ -130,8 +132,12 @@ CameraConfig DepthCamera() {
            ControlConfig{1, {}},                                        // firmware command
            RangedControl(3, 4, 8500, {1, 165000, 1, 8500}),             // exposure, microseconds
            RangedControl(11, 1, 1, {0, 1, 1, 1}),                       // exposure mode, 1 = auto
-           FixedControl(12, CalibrationTable({{1, ExtrinsicsBody(0.0f)}, {2, ExtrinsicsBody(-0.05f)}})),
-           FixedControl(13, CalibrationTable({{1, IntrinsicsBody(848, 480, 420.0f)}, {2, IntrinsicsBody(848, 480, 425.0f)}})),
+           // Calibration: depth (sensor 1), the infrared pair (sensor 2) and the color module (3).
+           FixedControl(12, CalibrationTable({{1, ExtrinsicsBody(0.0f)}, {2, ExtrinsicsBody(-0.05f)},
+                                              {3, ExtrinsicsBody(0.015f)}})),
+           FixedControl(13, CalibrationTable({{1, IntrinsicsBody(848, 480, 420.0f)},
+                                              {2, IntrinsicsBody(848, 480, 425.0f, 2)},
+                                              {3, IntrinsicsBody(1280, 720, 640.0f)}})),
        }},
       {kMsXuSet, 3, "MSXU", {FixedControl(7, std::vector<BYTE>(8, 0))}},
   };
@@ -139,6 +145,9 @@ CameraConfig DepthCamera() {
   camera.sensor.exposureSet = kDepthXuSet;
   camera.sensor.exposureId = 3;
   camera.sensor.defaultExposureUs = 8500;
+  camera.sensor.exposureModeId = 11;
+  camera.sensor.autoExposureUs = 12000;
+  camera.sensor.exposureSettleMs = 100;
   camera.sensor.gainSet = PROPSETID_VIDCAP_VIDEOPROCAMP;
   camera.sensor.gainId = KSPROPERTY_VIDEOPROCAMP_GAIN;
   camera.firmwareCommandSet = kDepthXuSet;

@@ -82,6 +82,12 @@ struct SensorControls {
   GUID gainSet = GUID_NULL;  // standard control holding the gain
   ULONG gainId = 0;
   LONG defaultGain = 16;
+  // What the sensor reports per frame (the depth-control record): the manual exposure, or its own
+  // auto exposure while the mode control (same set as the exposure, 0: none) reads 1. A new value is
+  // reached in a linear ramp over `exposureSettleMs`, as a real sensor takes a few frames.
+  ULONG exposureModeId = 0;
+  LONG autoExposureUs = 10000;
+  DWORD exposureSettleMs = 0;
 };
 
 struct CameraConfig {
@@ -102,6 +108,14 @@ struct CameraConfig {
   CameraKind metadataKind = CameraKind::Depth;
   bool writesMetadata = true;
 };
+
+// Calibration tables as the camera reports them: a count byte, then per entry the sensor index, a
+// reserved byte, the body length (u16, little-endian) and the body.
+std::vector<BYTE> CalibrationTable(const std::vector<std::pair<BYTE, std::vector<BYTE>>> &entries);
+// An MFPinholeCameraIntrinsics body with `models` models of the given size.
+std::vector<BYTE> IntrinsicsBody(UINT32 width, UINT32 height, float focal, UINT32 models = 1);
+// An MFCameraExtrinsics body whose count field reads `count` (one transform follows, whatever it says).
+std::vector<BYTE> ExtrinsicsBody(float baselineMetres, UINT32 count = 1);
 
 // Formats of one stream: every listed subtype at every listed size and rate.
 std::vector<VideoFormat> FormatGrid(const std::vector<std::pair<GUID, UINT32>> &subtypesWithBytesPerPixel,

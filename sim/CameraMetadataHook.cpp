@@ -28,6 +28,7 @@ MetadataHook MakeCameraMetadataHook(CameraKind kind) {
     if (writer->GetLastFrameCounter() != 0 && info.frameCounter > expected) {
       writer->SkipFrameCounters(static_cast<uint32_t>(info.frameCounter - expected));
     }
+    if (kind == CameraKind::Depth) writer->SetDepthExposure(static_cast<uint32_t>(info.reportedExposureUs));
     return writer->WriteNextFrame(sample);
   };
 }

@@ -132,6 +132,7 @@ HRESULT FrameSource::MakeSample(Stream &stream, uint64_t frameIndex, IMFSample *
   info.sampleTime = MFGetSystemTime();
   info.hardwareTimestampUs = frameIndex * 1000000ull / info.fps;
   info.exposureUs = camera->SensorExposureUs();
+  info.reportedExposureUs = camera->ReportedExposureUs();
   info.gain = camera->SensorGain();
   info.brightness = Brightness(info.exposureUs, info.gain);
 

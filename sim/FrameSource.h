@@ -28,6 +28,7 @@ struct FrameInfo {
   LONGLONG sampleTime;     // 100 ns, system clock
   uint64_t hardwareTimestampUs;
   LONG exposureUs;
+  LONG reportedExposureUs;  // what the frame's metadata says the sensor ran with
   LONG gain;
   BYTE brightness;
 };

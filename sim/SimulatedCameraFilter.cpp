@@ -192,6 +192,36 @@ LONG SimulatedCameraFilter::SensorExposureUs() const {
   return control && !control->value.empty() ? ToLong(control->value) : config.sensor.defaultExposureUs;
 }
 
+LONG SimulatedCameraFilter::ReportedExposureUs() {
+  const SensorControls &sensor = config.sensor;
+  const auto now = std::chrono::steady_clock::now();
+  std::lock_guard<std::mutex> lock(mutex);
+  const Control *exposure = FindControl(sensor.exposureSet, sensor.exposureId);
+  LONG target = exposure && !exposure->value.empty() ? ToLong(exposure->value) : sensor.defaultExposureUs;
+  if (sensor.exposureModeId != 0) {
+    const Control *mode = FindControl(sensor.exposureSet, sensor.exposureModeId);
+    if (mode && !mode->value.empty() && mode->value[0] == 1) target = sensor.autoExposureUs;
+  }
+  auto current = [&]() -> LONG {
+    if (sensor.exposureSettleMs == 0) return rampTo;
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - rampStart).count();
+    if (elapsed >= static_cast<long long>(sensor.exposureSettleMs)) return rampTo;
+    return static_cast<LONG>(rampFrom + (static_cast<long long>(rampTo) - rampFrom) * elapsed /
+                                            static_cast<long long>(sensor.exposureSettleMs));
+  };
+  if (!rampStarted) {
+    // The sensor comes up already running at its first setting.
+    rampStarted = true;
+    rampFrom = rampTo = target;
+    rampStart = now;
+  } else if (target != rampTo) {
+    rampFrom = current();
+    rampTo = target;
+    rampStart = now;
+  }
+  return current();
+}
+
 LONG SimulatedCameraFilter::SensorGain() const {
   std::lock_guard<std::mutex> lock(mutex);
   const Control *control = FindControl(config.sensor.gainSet, config.sensor.gainId);

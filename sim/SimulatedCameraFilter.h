@@ -5,6 +5,7 @@
 // transform asked of it.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -78,6 +79,8 @@ class SimulatedCameraFilter
   // Exposure in microseconds and gain as the sensor currently runs (frame brightness follows them).
   LONG SensorExposureUs() const;
   LONG SensorGain() const;
+  // The exposure the sensor reports for a frame captured now (see SensorControls).
+  LONG ReportedExposureUs();
 
   // Firmware command property. The default responder echoes the opcode and the command's data,
   // zero-padded to a full 1024-byte reply.
@@ -202,6 +205,11 @@ class SimulatedCameraFilter
   std::vector<KsFault> faults;
   std::vector<Subscription> subscriptions;
   std::vector<KsRequestRecord> requests;
+  // The reported exposure's ramp: from `rampFrom` at `rampStart` to `rampTo`.
+  bool rampStarted = false;
+  LONG rampFrom = 0;
+  LONG rampTo = 0;
+  std::chrono::steady_clock::time_point rampStart;
 
   mutable std::mutex firmwareMutex;  // firmware reply, responder and command log
   FirmwareResponder responder;

@@ -61,7 +61,13 @@ HRESULT KsEventHandler::Run(PKSIDENTIFIER, ULONG, LPVOID, ULONG, ULONG *) { retu
 
 HRESULT KsEventHandler::AttemptToResetRegularEvent(LPVOID) { return kNotFound; }
 
+bool KsEventHandler::IsArmed() {
+  user_space_frameworks::AutoLock guard(eventLock);
+  return eventHandle.IsValid();
+}
+
 HRESULT KsEventHandler::DuplicateEventHandle(HANDLE handle) {
+  user_space_frameworks::AutoLock guard(eventLock);
   if (eventHandle.IsValid()) {
     WQ_TRACE(Error, GetTraceName() << ": an event is already armed");
     return kInvalidState;
@@ -92,6 +98,7 @@ HRESULT OneShotKsEventHandler::Run(PKSIDENTIFIER pEvent, ULONG, LPVOID pEventDat
 }
 
 HRESULT OneShotKsEventHandler::Set() {
+  user_space_frameworks::AutoLock guard(eventLock);
   RETURN_HR_IF_NULL(kInvalidState, eventHandle.Get());
   if (!SetEvent(eventHandle.Get())) {
     const HRESULT hr = HRESULT_FROM_WIN32(GetLastError());
@@ -121,6 +128,7 @@ HRESULT RegularKsEventHandler::Run(PKSIDENTIFIER pEvent, ULONG, LPVOID pEventDat
 HRESULT RegularKsEventHandler::AttemptToResetRegularEvent(LPVOID eventData) { return Reset(eventData); }
 
 HRESULT RegularKsEventHandler::Reset(LPVOID eventData) {
+  user_space_frameworks::AutoLock guard(eventLock);
   if (eventData != enabledEventData) return kNotFound;
   eventHandle.Reset();
   enabledEventData = nullptr;
@@ -128,6 +136,7 @@ HRESULT RegularKsEventHandler::Reset(LPVOID eventData) {
 }
 
 HRESULT RegularKsEventHandler::Set() {
+  user_space_frameworks::AutoLock guard(eventLock);
   RETURN_HR_IF_NULL(kInvalidState, eventHandle.Get());
   if (!SetEvent(eventHandle.Get())) {
     // Reported, not returned: the notifier carries on whether or not the application still listens.

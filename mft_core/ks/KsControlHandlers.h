@@ -59,9 +59,14 @@ class KsEventHandler : public KsControlHandler {
 
   // Keeps a duplicate of the application's event; one armed event at a time.
   HRESULT DuplicateEventHandle(HANDLE handle);
-  bool IsArmed() const { return eventHandle.IsValid(); }
+  bool IsArmed();
 
  protected:
+  // Arming runs on an application's request thread, setting on whichever thread completes the
+  // request (a streaming thread for an asynchronous control): both take eventLock, so the duplicate
+  // is closed exactly once and never set after it was replaced. eventLock is the innermost lock of
+  // the transform: only handle calls and traces run while it is held.
+  user_space_frameworks::CriticalSection eventLock;
   user_space_frameworks::UniqueHandle eventHandle;
 };
 

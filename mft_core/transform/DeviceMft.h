@@ -9,6 +9,7 @@
 
 #include "mft_core/ks/ExtensionUnitKsControl.h"
 #include "mft_core/ks/KsEventListener.h"
+#include "mft_core/transform/DeviceInfo.h"
 #include "mft_core/transform/MFDeviceTransform.h"
 
 namespace mft_core {
@@ -28,6 +29,8 @@ struct DeviceExtensionUnits {
 class DeviceMft : public MFDeviceTransform {
  public:
   const char *GetTraceName() const override { return name.c_str(); }
+  // The camera's device information, when the product read it during initialisation (else empty).
+  std::shared_ptr<DeviceInfo> GetDeviceInfo() const { return deviceInfo; }
 
  protected:
   DeviceMft(std::string name, const DeviceExtensionUnits &units);
@@ -60,6 +63,9 @@ class DeviceMft : public MFDeviceTransform {
   Microsoft::WRL::ComPtr<ExtensionUnitKsControl> deviceXuKsControl;
   Microsoft::WRL::ComPtr<ExtensionUnitKsControl> msXuKsControl;
   std::shared_ptr<KsEventListener> autoUpdateEventListener;
+  // Filled by the product during InitializeMembers, before any request can arrive; never reset while
+  // the transform lives, so concurrent readers need no lock.
+  std::shared_ptr<DeviceInfo> deviceInfo;
   std::wstring urlString;
 };
 

@@ -1,0 +1,140 @@
+#include "product/controls/WQ400DepthExtendedExposureControl.h"
+
+#include "product/metadata/WQ400MetadataRecords.h"
+#include "user_space_frameworks/Check.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace mft_core {
+
+const GUID kWQ400DepthXuSetId = {0xC9606CCB, 0x594C, 0x4D25, {0xAF, 0x47, 0xCC, 0xC4, 0x96, 0x43, 0x59, 0x95}};
+const wchar_t *const WQ400DepthExtendedExposureControl::kRegistryKey =
+    L"Software\\Tavix\\Veldara\\WQ4XX\\DepthExposure";
+
+namespace {
+
+// A DWORD value of the tuning key, or `fallback` when it is missing or of another type.
+uint32_t ReadTuningValue(const wchar_t *name, uint32_t fallback) {
+  DWORD value = 0;
+  DWORD size = sizeof(value);
+  const LSTATUS status = RegGetValueW(HKEY_LOCAL_MACHINE, WQ400DepthExtendedExposureControl::kRegistryKey, name,
+                                      RRF_RT_REG_DWORD, nullptr, &value, &size);
+  return status == ERROR_SUCCESS ? value : fallback;
+}
+
+}  // namespace
+
+WQ400DepthExtendedExposureControl::Tuning WQ400DepthExtendedExposureControl::ReadTuning() {
+  Tuning tuning;
+  tuning.numConvergedSamplesForLock = ReadTuningValue(L"NumConvergedSamplesForLock", 3);
+  tuning.autoLockConvergeDelta = ReadTuningValue(L"AutoLockConvergeDelta", 50000);
+  tuning.manualConvergeDelta = ReadTuningValue(L"ManualConvergeDelta", 50000);
+  WQ_TRACE(Info, "frames for lock " << tuning.numConvergedSamplesForLock << ", auto-lock delta "
+                                    << tuning.autoLockConvergeDelta << ", manual delta "
+                                    << tuning.manualConvergeDelta);
+  return tuning;
+}
+
+WQ400DepthExtendedExposureControl::WQ400DepthExtendedExposureControl(const ComPtr<ExtensionUnitKsControl> &xuKsControl)
+    : WQ400DepthExtendedExposureControl(xuKsControl, ReadTuning()) {}
+
+WQ400DepthExtendedExposureControl::WQ400DepthExtendedExposureControl(const ComPtr<ExtensionUnitKsControl> &xuKsControl,
+                                                                     const Tuning &tuning)
+    : ExtendedExposureControl(kDisplayName, xuKsControl.Get(), tuning.manualConvergeDelta,
+                              tuning.autoLockConvergeDelta, tuning.numConvergedSamplesForLock),
+      callback(std::make_shared<SampleCallback>(this, &WQ400DepthExtendedExposureControl::OnSamplePreProcess)),
+      xuKsControl(xuKsControl) {}
+
+WQ400DepthExtendedExposureControl::~WQ400DepthExtendedExposureControl() {
+  if (subject) subject->UnregisterPreProcessObserver(callback);
+}
+
+void WQ400DepthExtendedExposureControl::RegisterToOnSampleSubject(const std::shared_ptr<ITopologyNode> &node) {
+  // Never under `lock`: the node calls OnSamplePreProcess with its observer lock held.
+  subject = node;
+  attached = subject != nullptr;
+  if (subject) subject->RegisterPreProcessObserver(callback);
+}
+
+void WQ400DepthExtendedExposureControl::UnRegisterToOnSampleSubject(const std::shared_ptr<ITopologyNode> &) {
+  if (subject) subject->UnregisterPreProcessObserver(callback);
+  attached = false;
+  subject.reset();
+}
+
+void WQ400DepthExtendedExposureControl::OnSamplePreProcess(IMFSample *sample) {
+  VeldaraWQ400MetaDataTavixDepthControl control = {};
+  UINT32 size = 0;
+  if (sample != nullptr && SUCCEEDED(sample->GetBlob(VELDARA_SAMPLE_WQ400_DEPTH_CONTROL,
+                                                     reinterpret_cast<UINT8 *>(&control), sizeof(control), &size))) {
+    // Device units to 100 ns, wrapping as the device's 32-bit arithmetic does.
+    OnSample(control.exposure * kDeviceUnit);
+    return;
+  }
+  // Without metadata every N-th frame stands in for one that shows the requested manual value, so
+  // manual and lock requests still complete. Several streams may feed the control at once.
+  user_space_frameworks::AutoLock hold(lock);
+  if (++missingMetadataSamples == numConvergedSamplesForLock) {
+    missingMetadataSamples = 0;
+    OnSample(requiredManualExposure);
+  }
+}
+
+void WQ400DepthExtendedExposureControl::SignalIfDetached() {
+  if (!attached) (void)Signal();
+}
+
+HRESULT WQ400DepthExtendedExposureControl::Get(KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING *videoProcSetting) {
+  RETURN_IF_NULL(videoProcSetting);
+  LONG minExposureValue = 0, maxExposureValue = 0, stepExposureValue = 0, defExposureValue = 0;
+  RETURN_IF_FAILED(xuKsControl->QueryKsPropertyInfo(3, minExposureValue, maxExposureValue, stepExposureValue, defExposureValue));
+
+  KSPROPERTY ksProperty = {kWQ400DepthXuSetId, kExposureModeControl, KSPROPERTY_TYPE_GET};
+  BYTE currentExposureMode = 0;
+  ULONG bytesReturned = 0;
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
+  // The mode reads as 0 whatever the device runs: the flags of the header tell the mode.
+  videoProcSetting->Mode = 0;
+  videoProcSetting->Min = static_cast<LONG>(static_cast<uint32_t>(minExposureValue) * kDeviceUnit);
+  videoProcSetting->Max = static_cast<LONG>(static_cast<uint32_t>(maxExposureValue) * kDeviceUnit);
+  videoProcSetting->Step = static_cast<LONG>(static_cast<uint32_t>(stepExposureValue) * kDeviceUnit);
+
+  ksProperty.Id = kExposureControl;
+  uint32_t currentExposureValue = 0;
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureValue, static_cast<ULONG>(sizeof(currentExposureValue)), &bytesReturned));
+  videoProcSetting->VideoProc.Value.ull = static_cast<uint32_t>(currentExposureValue * kDeviceUnit);
+  return S_OK;
+}
+
+HRESULT WQ400DepthExtendedExposureControl::SetManual(uint32_t exposure) {
+  KSPROPERTY ksProperty = {kWQ400DepthXuSetId, kExposureModeControl, KSPROPERTY_TYPE_GET};
+  BYTE currentExposureMode = 0;
+  ULONG bytesReturned = 0;
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
+  ksProperty.Flags = KSPROPERTY_TYPE_SET;
+  if (currentExposureMode != 0) {
+    BYTE exposureMode = 0;
+    RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &exposureMode, static_cast<ULONG>(sizeof(exposureMode)), &bytesReturned));
+  }
+  ksProperty.Id = kExposureControl;
+  uint32_t exposureValueTemp = exposure / kDeviceUnit;
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &exposureValueTemp, static_cast<ULONG>(sizeof(exposureValueTemp)), &bytesReturned));
+  SignalIfDetached();
+  return S_OK;
+}
+
+HRESULT WQ400DepthExtendedExposureControl::SetAuto() {
+  KSPROPERTY ksProperty = {kWQ400DepthXuSetId, kExposureModeControl, KSPROPERTY_TYPE_GET};
+  BYTE currentExposureMode = 0;
+  ULONG bytesReturned = 0;
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
+  if (currentExposureMode != 1) {
+    ksProperty.Flags = KSPROPERTY_TYPE_SET;
+    BYTE exposureMode = 1;
+    RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &exposureMode, static_cast<ULONG>(sizeof(exposureMode)), &bytesReturned));
+  }
+  SignalIfDetached();
+  return S_OK;
+}
+
+}  // namespace mft_core

@@ -1,0 +1,192 @@
+#include "product/transforms/WQ400DepthDeviceMft.h"
+
+#include "mft_core/ks/KsControlHandlers.h"
+#include "product/metadata/WQ400MetadataParsers.h"
+#include "product/topology/WQ400Topologies.h"
+#include "product/transforms/WQ400CalibrationTable.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace mft_core {
+
+namespace {
+
+const char *FrameSourceTypeName(UINT32 type) {
+  switch (type) {
+    case MFFrameSourceTypes_Color: return "Color";
+    case MFFrameSourceTypes_Infrared: return "Infrared";
+    case MFFrameSourceTypes_Depth: return "Depth";
+    case MFFrameSourceTypes_Custom: return "Custom";
+    default: return "Unknown MFFrameSourceType";
+  }
+}
+
+struct FrameFormat {
+  UINT32 width = 0, height = 0, rateNumerator = 0, rateDenominator = 0;
+  bool operator!=(const FrameFormat &other) const {
+    return width != other.width || height != other.height || rateNumerator != other.rateNumerator ||
+           rateDenominator != other.rateDenominator;
+  }
+};
+
+FrameFormat FrameFormatOf(IMFMediaType *mediaType) {
+  FrameFormat format;
+  MFGetAttributeSize(mediaType, MF_MT_FRAME_SIZE, &format.width, &format.height);
+  MFGetAttributeRatio(mediaType, MF_MT_FRAME_RATE, &format.rateNumerator, &format.rateDenominator);
+  return format;
+}
+
+std::ostream &operator<<(std::ostream &out, const FrameFormat &format) {
+  return out << format.width << "x" << format.height << " at " << format.rateNumerator << "/"
+             << format.rateDenominator << " fps";
+}
+
+}  // namespace
+
+WQ400DepthDeviceMft::WQ400DepthDeviceMft() : WQ400DeviceMft(kDisplayName, kWQ400DepthXuSetId, 1, 7) {}
+
+HRESULT WQ400DepthDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) {
+  RETURN_IF_FAILED(WQ400DeviceMft::OnInitializeTransform(pAttributes));
+  // Each stream keeps its own parser: the sticky calibration records are per stream.
+  for (const auto &inputStream : inputStreams) {
+    inputStream->AttachMetadataParser(std::make_shared<WQ400DepthMetadataParser>(name));
+  }
+  return S_OK;
+}
+
+HRESULT WQ400DepthDeviceMft::InitializeMembers() {
+  RETURN_IF_FAILED(WQ400DeviceMft::InitializeMembers());
+  firmwareCommandPipe = std::make_shared<FirmwareCommandPipe>(deviceXuKsControl, extensionUnits.deviceXuSetId,
+                                                              kFirmwareCommandSelector, name);
+  return S_OK;
+}
+
+HRESULT WQ400DepthDeviceMft::UninitializeMembers() {
+  RETURN_IF_FAILED(WQ400DeviceMft::UninitializeMembers());
+  return S_OK;
+}
+
+HRESULT WQ400DepthDeviceMft::RegisterKsControlHandlres() {
+  RETURN_IF_FAILED(WQ400DeviceMft::RegisterKsControlHandlres());
+  extendedExposureControl = std::make_shared<WQ400DepthExtendedExposureControl>(deviceXuKsControl);
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(extendedExposureControl));
+  RETURN_IF_FAILED(extendedExposureControl->RegisterEvent(*this));
+  // Depth exposure is set only through the extended exposure control: the standard ones never reach
+  // the driver.
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(std::make_shared<KsPropHandler>(
+      PROPSETID_VIDCAP_CAMERACONTROL, KSPROPERTY_CAMERACONTROL_EXPOSURE, "Standard Exposure Blocker", nullptr)));
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(
+      std::make_shared<KsPropHandler>(PROPSETID_VIDCAP_CAMERACONTROL, KSPROPERTY_CAMERACONTROL_AUTO_EXPOSURE_PRIORITY,
+                                      "Standard Auto Exposure Blocker", nullptr)));
+  return S_OK;
+}
+
+std::vector<BYTE> WQ400DepthDeviceMft::ReadCalibrationTable(ULONG selector) {
+  // A GET without a buffer answers with the size the control needs.
+  ULONG size = 0;
+  HRESULT hr = deviceXuKsControl->SendKsProperty(selector, nullptr, 0, KSPROPERTY_TYPE_GET, size);
+  if (FAILED(hr) && hr != HRESULT_FROM_WIN32(ERROR_MORE_DATA)) {
+    WQ_TRACE(Info, "calibration control " << selector << " answers no size: " << user_space_frameworks::trace::HrText(hr));
+    return {};
+  }
+  if (size == 0) {
+    WQ_TRACE(Info, "calibration control " << selector << " is empty");
+    return {};
+  }
+  std::vector<BYTE> table(size);
+  ULONG bytesReturned = 0;
+  hr = deviceXuKsControl->SendKsProperty(selector, table.data(), size, KSPROPERTY_TYPE_GET, bytesReturned);
+  if (FAILED(hr)) {
+    WQ_TRACE(Info, "calibration control " << selector << " cannot be read: " << user_space_frameworks::trace::HrText(hr));
+    return {};
+  }
+  // Only what the driver says it wrote is the table.
+  if (bytesReturned < table.size()) table.resize(bytesReturned);
+  return table;
+}
+
+BYTE WQ400DepthDeviceMft::SensorIndexOf(const std::shared_ptr<InputStream> &inputStream) {
+  const UINT32 type = inputStream->GetFrameSourceType();
+  if (type == MFFrameSourceTypes_Depth) return kDepthSensorIndex;
+  if (type & (MFFrameSourceTypes_Color | MFFrameSourceTypes_Infrared)) return kImagerSensorIndex;
+  return 0;
+}
+
+HRESULT WQ400DepthDeviceMft::CreateIntrinsics(const std::shared_ptr<InputStream> &inputStream,
+                                              std::vector<BYTE> &intrinsics) {
+  intrinsics.clear();
+  const BYTE sensor = SensorIndexOf(inputStream);
+  if (sensor != 0) intrinsics = WQ400CalibrationTable(ReadCalibrationTable(kIntrinsicsSelector)).Intrinsics(sensor);
+  return S_OK;
+}
+
+HRESULT WQ400DepthDeviceMft::CreateExtrinsics(const std::shared_ptr<InputStream> &inputStream,
+                                              std::vector<BYTE> &extrinsics) {
+  extrinsics.clear();
+  const BYTE sensor = SensorIndexOf(inputStream);
+  if (sensor != 0) extrinsics = WQ400CalibrationTable(ReadCalibrationTable(kExtrinsicsSelector)).Extrinsics(sensor);
+  return S_OK;
+}
+
+HRESULT WQ400DepthDeviceMft::InitOutputStreamConfiguration(OutputStreamConfiguration &configuration,
+                                                           const std::shared_ptr<InputStream> &inputStream) {
+  WQ_TRACE(Info, "input stream " << inputStream->GetID() << ": "
+                                 << FrameSourceTypeName(inputStream->GetFrameSourceType()));
+  // Types, then intrinsics before extrinsics, then the input stream's attributes.
+  RETURN_IF_FAILED(WQ400DeviceMft::InitOutputStreamConfiguration(configuration, inputStream));
+  return S_OK;
+}
+
+HRESULT WQ400DepthDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> &outputStream,
+                                           IMFMediaType *nextMediaType, std::shared_ptr<Topology> &topology) {
+  std::shared_ptr<InputStream> inputStream = inputStreams.at(outputStream->GetID());
+  RETURN_HR_IF_NULL(E_UNEXPECTED, inputStream);
+  auto topo = std::make_shared<WQ400DepthTopology>();
+  RETURN_HR_IF_NULL(E_OUTOFMEMORY, topo);
+  RETURN_IF_FAILED(topo->Init(inputStream, outputStream, nextMediaType));
+  topology = topo;
+  return S_OK;
+}
+
+HRESULT WQ400DepthDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,
+                                               IMFMediaType *nextMediaType) {
+  // One stereo sensor: every stream runs at the size and rate of those already running.
+  const FrameFormat next = FrameFormatOf(nextMediaType);
+  for (const auto &otherStream : outputStreams) {
+    if (otherStream->GetID() == outputStream->GetID() || otherStream->GetState() != DeviceStreamState_Run) continue;
+    ComPtr<IMFMediaType> otherMt;
+    RETURN_IF_FAILED(otherStream->GetCurrentMediaType(&otherMt));
+    const FrameFormat running = FrameFormatOf(otherMt.Get());
+    if (running != next) {
+      WQ_TRACE(Error, "stream " << outputStream->GetID() << " asked for " << next << " while stream "
+                                << otherStream->GetID() << " runs at " << running);
+      return E_INVALIDARG;
+    }
+  }
+  RETURN_IF_FAILED(WQ400DeviceMft::StartOutputStream(outputStream, nextMediaType));
+  // The first stream started drives exposure.
+  if (exposureFeedStreamId == kNoStream) {
+    exposureFeedStreamId = outputStream->GetID();
+    extendedExposureControl->RegisterToOnSampleSubject(outputStream);
+  }
+  return S_OK;
+}
+
+HRESULT WQ400DepthDeviceMft::StopOutputStream(const std::shared_ptr<OutputStream> &outputStream,
+                                              IMFMediaType *nextMediaType) {
+  // Stopped either way.
+  LOG_IF_FAILED(WQ400DeviceMft::StopOutputStream(outputStream, nextMediaType));
+  if (outputStream->GetID() == exposureFeedStreamId) {
+    extendedExposureControl->UnRegisterToOnSampleSubject(outputStream);
+    exposureFeedStreamId = kNoStream;
+    // Every stream still running feeds the control from now on; the last one is remembered.
+    for (const auto &stream : outputStreams) {
+      if (stream->GetState() != DeviceStreamState_Run) continue;
+      extendedExposureControl->RegisterToOnSampleSubject(stream);
+      exposureFeedStreamId = stream->GetID();
+    }
+  }
+  return S_OK;
+}
+
+}  // namespace mft_core

@@ -1,0 +1,236 @@
+// The depth transform's extended exposure control as an application uses it: KS requests and the
+// one-shot completion event through the transform, completed by the frames of the simulated camera.
+#include <algorithm>
+#include <cstring>
+
+#include "DepthTestSupport.h"
+#include "SystemStateGuards.h"
+#include "common/MediaTypes.h"
+#include "product/controls/WQ400DepthExtendedExposureControl.h"
+#include "sim/CameraMetadataWriter.h"
+#include "user_space_frameworks/Sync.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+constexpr ULONG kExposureMode = 12;  // the extended exposure-mode control
+constexpr ULONGLONG kAuto = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_AUTO;
+constexpr ULONGLONG kManual = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL;
+constexpr ULONGLONG kLock = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_LOCK;
+
+struct ExtendedRequest {
+  KSCAMERA_EXTENDEDPROP_HEADER header;
+  KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING setting;
+};
+static_assert(sizeof(ExtendedRequest) == 64, "extended request");
+
+class DepthExposureTest : public test_support::DepthTransformTest {
+ protected:
+  void TearDown() override {
+    if (host) host->Shutdown();
+  }
+  // Arms the control's one-shot completion event as an application does.
+  HANDLE ArmCompletion() {
+    completion = user_space_frameworks::UniqueHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    KSEVENT event = {KSEVENTSETID_ExtendedCameraControl, kExposureMode, KSEVENT_TYPE_ONESHOT};
+    eventData = {};
+    eventData.NotificationType = KSEVENTF_EVENT_HANDLE;
+    eventData.EventHandle.Event = completion.Get();
+    ULONG bytesReturned = 0;
+    EXPECT_EQ(S_OK, host->ApplicationKsControl()->KsEvent(&event, sizeof(event), &eventData, sizeof(eventData),
+                                                         &bytesReturned));
+    return completion.Get();
+  }
+  bool Completed(DWORD timeoutMs = 0) { return WaitForSingleObject(completion.Get(), timeoutMs) == WAIT_OBJECT_0; }
+  HRESULT Request(ULONGLONG flags, ULONGLONG exposure = 0) {
+    ExtendedRequest request = {};
+    request.header.Version = 1;
+    request.header.PinId = 0xFFFFFFFF;
+    request.header.Size = sizeof(request);
+    request.header.Flags = flags;
+    request.setting.VideoProc.Value.ull = exposure;
+    return Property(KSPROPERTYSETID_ExtendedCameraControl, kExposureMode, KSPROPERTY_TYPE_SET, &request,
+                    sizeof(request));
+  }
+  ExtendedRequest Query() {
+    ExtendedRequest reply = {};
+    EXPECT_EQ(S_OK, Property(KSPROPERTYSETID_ExtendedCameraControl, kExposureMode, KSPROPERTY_TYPE_GET, &reply,
+                             sizeof(reply)));
+    return reply;
+  }
+  uint32_t DeviceExposure() {
+    uint32_t value = 0;
+    const std::vector<BYTE> bytes = filter->GetControlValue(sim::kDepthXuSet, 3);
+    std::memcpy(&value, bytes.data(), std::min(bytes.size(), sizeof(value)));
+    return value;
+  }
+  BYTE DeviceMode() { return filter->GetControlValue(sim::kDepthXuSet, 11).at(0); }
+
+  // A stream the camera delivers nothing on: the test feeds its frames.
+  void StartFedStream() {
+    host->Source().SetFrameGap(1);
+    ASSERT_EQ(S_OK, Start(0));
+  }
+  void Feed(bool withMetadata, uint32_t exposureUs = 0) {
+    ComPtr<IMFSample> sample = test_support::MakeSample(++sampleTime * 333333);
+    if (withMetadata) {
+      writer.SetDepthExposure(exposureUs);
+      ASSERT_EQ(S_OK, writer.WriteNextFrame(sample.Get()));
+    }
+    ASSERT_EQ(S_OK, device->ProcessInput(0, sample.Get(), 0));
+  }
+
+  user_space_frameworks::UniqueHandle completion;
+  KSEVENTDATA eventData = {};
+  sim::CameraMetadataWriter writer{sim::CameraKind::Depth};
+  LONGLONG sampleTime = 0;
+};
+
+TEST_F(DepthExposureTest, ReportsTheDeviceRangeInPlatformUnitsAndTheStateInTheFlags) {
+  ConnectAndInitialize();
+  ExtendedRequest reply = Query();
+  EXPECT_EQ(1u, reply.header.Version);
+  EXPECT_EQ(0xFFFFFFFFu, reply.header.PinId);
+  EXPECT_EQ(64u, reply.header.Size);
+  EXPECT_EQ(0x8000000000000007ull, reply.header.Capability);
+  EXPECT_EQ(kAuto, reply.header.Flags);
+  EXPECT_EQ(0u, reply.setting.Mode);
+  EXPECT_EQ(10, reply.setting.Min);
+  EXPECT_EQ(1650000, reply.setting.Max);
+  EXPECT_EQ(10, reply.setting.Step);
+  EXPECT_EQ(85000u, reply.setting.VideoProc.Value.ull);
+
+  // Manual values go to the device in its units, truncated.
+  ASSERT_EQ(S_OK, Request(kManual, 33333));
+  EXPECT_EQ(3333u, DeviceExposure());
+  EXPECT_EQ(0, DeviceMode());
+  reply = Query();
+  EXPECT_EQ(kManual, reply.header.Flags);
+  EXPECT_EQ(33330u, reply.setting.VideoProc.Value.ull);
+  EXPECT_EQ(0u, reply.setting.Mode);
+
+  // A short buffer is told the size; a device that fails the range query fails the read.
+  ULONG bytesReturned = 0;
+  ExtendedRequest shortReply = {};
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_MORE_DATA), Property(KSPROPERTYSETID_ExtendedCameraControl, kExposureMode,
+                                                          KSPROPERTY_TYPE_GET, &shortReply, 32, &bytesReturned));
+  EXPECT_EQ(64u, bytesReturned);
+  sim::KsFault fault;
+  fault.set = sim::kDepthXuSet;
+  fault.id = 3;
+  fault.flagsMask = KSPROPERTY_TYPE_BASICSUPPORT;
+  fault.result = HRESULT_FROM_WIN32(ERROR_GEN_FAILURE);
+  fault.count = 1;
+  filter->InjectFault(fault);
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_GEN_FAILURE), Property(KSPROPERTYSETID_ExtendedCameraControl, kExposureMode,
+                                                            KSPROPERTY_TYPE_GET, &shortReply, 64, &bytesReturned));
+}
+
+TEST_F(DepthExposureTest, ManualAutoAndLockRequestsCompleteOnLiveFrames) {
+  ConnectAndInitialize();
+  ASSERT_EQ(S_OK, Start(0));
+  ASSERT_TRUE(test_support::WaitFor([&] { return FramesOut(0) >= 3; }));
+
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kManual, 50000));
+  EXPECT_TRUE(Completed(5000));
+  EXPECT_EQ(5000u, DeviceExposure());
+  EXPECT_EQ(0, DeviceMode());
+
+  // Auto completes at once, without waiting for frames.
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kAuto));
+  EXPECT_TRUE(Completed());
+  EXPECT_EQ(1, DeviceMode());
+
+  // Lock: auto runs until the frames are stable, then the sensor's value is frozen as manual.
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kAuto | kLock));
+  EXPECT_TRUE(Completed(5000));
+  EXPECT_EQ(0, DeviceMode());
+  EXPECT_GT(DeviceExposure(), 5000u);
+  EXPECT_LE(DeviceExposure(), 12000u);
+  EXPECT_EQ(kAuto | kLock, Query().header.Flags);
+
+  // The exposure feed moves to another stream when its stream stops.
+  ASSERT_EQ(S_OK, Start(1));
+  ASSERT_EQ(S_OK, Start(2));
+  ASSERT_EQ(S_OK, host->StopStream(0));
+  ArmCompletion();
+  // Far from the frozen value: frames, not a detached control's shortcut, complete it.
+  ASSERT_EQ(S_OK, Request(kManual, 1000000));
+  EXPECT_FALSE(Completed());
+  EXPECT_TRUE(Completed(5000));
+  EXPECT_EQ(100000u, DeviceExposure());
+}
+
+TEST_F(DepthExposureTest, WithoutMetadataEveryThirdFrameStandsInForTheRequestedValue) {
+  sim::CameraConfig camera = sim::DepthCamera();
+  camera.writesMetadata = false;
+  ConnectAndInitialize(camera);
+  ASSERT_EQ(S_OK, Start(1));
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kManual, 20000));
+  EXPECT_TRUE(Completed(5000));
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kLock));
+  EXPECT_TRUE(Completed(5000));
+  EXPECT_EQ(2000u, DeviceExposure());
+}
+
+TEST_F(DepthExposureTest, WithoutRunningStreamsManualCompletesAtOnce) {
+  ConnectAndInitialize();
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kManual, 120000));
+  EXPECT_TRUE(Completed());
+  EXPECT_EQ(12000u, DeviceExposure());
+  // A stream that ran and stopped leaves the control detached again.
+  ASSERT_EQ(S_OK, Start(0));
+  ASSERT_EQ(S_OK, host->StopStream(0));
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kManual, 60000));
+  EXPECT_TRUE(Completed());
+}
+
+TEST_F(DepthExposureTest, RegistryTuningIsReadAsDwordsOnly) {
+  const std::wstring key = mft_core::WQ400DepthExtendedExposureControl::kRegistryKey;
+  test_support::RegistryValueGuard samples(key, L"NumConvergedSamplesForLock");
+  test_support::RegistryValueGuard manualDelta(key, L"ManualConvergeDelta");
+  samples.SetDword(5);
+  manualDelta.SetString(L"1");  // not a DWORD: the default holds
+  ConnectAndInitialize();
+  StartFedStream();
+
+  // Five frames without metadata before the substitute frame completes the request.
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kManual, 50000));
+  for (int frame = 1; frame < 5; ++frame) {
+    Feed(false);
+    EXPECT_FALSE(Completed()) << "frame " << frame;
+  }
+  Feed(false);
+  EXPECT_TRUE(Completed());
+
+  // The manual delta is 5 ms: 10 ms shown for 5 ms requested is not there yet, 9.999 ms is.
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kManual, 50000));
+  Feed(true, 10000);
+  EXPECT_FALSE(Completed());
+  Feed(true, 9999);
+  EXPECT_TRUE(Completed());
+
+  // Lock needs five stable frames; one jump of 5 ms or more starts the count again.
+  ArmCompletion();
+  ASSERT_EQ(S_OK, Request(kLock));
+  for (uint32_t exposure : {8000u, 8100u, 8200u, 13200u, 13200u, 13200u, 13200u, 13200u}) {
+    Feed(true, exposure);
+    EXPECT_FALSE(Completed()) << exposure;
+  }
+  Feed(true, 13300);
+  EXPECT_TRUE(Completed());
+  EXPECT_EQ(13300u, DeviceExposure());
+  EXPECT_EQ(0, DeviceMode());
+}
+
+}  // namespace

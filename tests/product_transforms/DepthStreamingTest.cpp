@@ -1,0 +1,101 @@
+// The depth transform streaming over the simulated camera: depth and both infrared streams with the
+// camera's metadata on every sample, at one frame size and rate, and the standard exposure controls
+// kept away from the driver.
+#include <atomic>
+#include <map>
+#include <mutex>
+
+#include "DepthTestSupport.h"
+#include "mft_core/streams/FrameDropMonitor.h"
+#include "product/metadata/WQ400MetadataRecords.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+using DepthStreamingTest = test_support::DepthTransformTest;
+
+TEST_F(DepthStreamingTest, DepthAndBothInfraredStreamsCarryTheCameraMetadataOnEverySample) {
+  Connect();
+  struct Counts {
+    uint64_t samples = 0;
+    uint64_t complete = 0;
+  };
+  std::mutex mutex;
+  std::map<DWORD, Counts> counts;
+  host->SetOutputObserver([&](DWORD streamId, IMFSample *sample) {
+    UINT32 size = 0, value = 0;
+    bool complete = true;
+    for (const GUID &blob : {MFSampleExtension_PinholeCameraIntrinsics, MFStreamExtension_CameraExtrinsics,
+                             mft_core::VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, mft_core::VELDARA_SAMPLE_WQ400_STATISTICS,
+                             mft_core::VELDARA_SAMPLE_WQ400_CONFIGURATION, mft_core::VELDARA_SAMPLE_WQ400_DEPTH_CONTROL}) {
+      complete = complete && SUCCEEDED(sample->GetBlobSize(blob, &size));
+    }
+    complete = complete && SUCCEEDED(sample->GetUINT32(mft_core::VELDARA_SAMPLE_WQ400_HW_TIMESTAMP, &value));
+    complete = complete && SUCCEEDED(sample->GetUINT32(mft_core::WQ400_MF_FRAME_COUNTER, &value));
+    std::lock_guard<std::mutex> hold(mutex);
+    ++counts[streamId].samples;
+    if (complete) ++counts[streamId].complete;
+  });
+  ASSERT_EQ(S_OK, Initialize());
+  for (DWORD stream : {0u, 1u, 2u}) ASSERT_EQ(S_OK, Start(stream));
+  ASSERT_TRUE(test_support::WaitFor([&] { return FramesOut(0) >= 10 && FramesOut(1) >= 10 && FramesOut(2) >= 10; }));
+  for (DWORD stream : {0u, 1u, 2u}) ASSERT_EQ(S_OK, host->StopStream(stream));
+  EXPECT_EQ(S_OK, host->LastPumpError());
+
+  std::lock_guard<std::mutex> hold(mutex);
+  for (DWORD stream : {0u, 1u, 2u}) {
+    EXPECT_GE(counts[stream].samples, 10u) << "stream " << stream;
+    EXPECT_EQ(counts[stream].samples, counts[stream].complete) << "stream " << stream;
+  }
+}
+
+TEST_F(DepthStreamingTest, AllStreamsRunAtOneFrameSizeAndRate) {
+  ConnectAndInitialize();
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 30));
+  // Another size, or the same size at another rate, is refused while depth runs.
+  EXPECT_EQ(E_INVALIDARG, Start(1, 848, 480, 30));
+  EXPECT_EQ(E_INVALIDARG, Start(1, 640, 480, 60));
+  DeviceStreamState state = DeviceStreamState_Run;
+  ASSERT_EQ(S_OK, device->GetOutputStreamState(1, &state));
+  EXPECT_EQ(DeviceStreamState_Stop, state);
+  EXPECT_FALSE(host->Source().IsRunning(1));
+
+  ASSERT_EQ(S_OK, Start(1, 640, 480, 30));
+  ASSERT_EQ(S_OK, Start(2, 640, 480, 30));
+  // The stream itself may change its own format only when it runs alone.
+  EXPECT_EQ(E_INVALIDARG, Start(0, 848, 480, 30));
+  ASSERT_EQ(S_OK, host->StopStream(1));
+  ASSERT_EQ(S_OK, host->StopStream(2));
+  EXPECT_EQ(S_OK, Start(0, 848, 480, 30));
+  EXPECT_TRUE(test_support::WaitFor([&] { return FramesOut(0) >= 3; }));
+  EXPECT_EQ(S_OK, Start(2, 848, 480, 30));
+  EXPECT_TRUE(test_support::WaitFor([&] { return FramesOut(2) >= 3; }));
+}
+
+TEST_F(DepthStreamingTest, StandardExposureControlsAreAnsweredWithoutTheDriver) {
+  ConnectAndInitialize();
+  filter->ClearRequests();
+  for (ULONG id : {ULONG(KSPROPERTY_CAMERACONTROL_EXPOSURE), ULONG(KSPROPERTY_CAMERACONTROL_AUTO_EXPOSURE_PRIORITY)}) {
+    for (ULONG flags : {ULONG(KSPROPERTY_TYPE_GET), ULONG(KSPROPERTY_TYPE_SET), ULONG(KSPROPERTY_TYPE_BASICSUPPORT)}) {
+      KSPROPERTY_CAMERACONTROL_S control = {};
+      control.Property = {PROPSETID_VIDCAP_CAMERACONTROL, id, flags};
+      control.Value = -5;
+      ULONG bytesReturned = 0;
+      EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_SET_NOT_FOUND),
+                host->ApplicationKsControl()->KsProperty(&control.Property, sizeof(control), &control, sizeof(control),
+                                                         &bytesReturned));
+    }
+  }
+  EXPECT_EQ(0u, filter->CountRequests(sim::KsRequestKind::Property, PROPSETID_VIDCAP_CAMERACONTROL, sim::kAnyId));
+  EXPECT_EQ(-6, filter->GetStandardControlValue(PROPSETID_VIDCAP_CAMERACONTROL, KSPROPERTY_CAMERACONTROL_EXPOSURE));
+  // Other camera controls still reach it.
+  KSPROPERTY_VIDEOPROCAMP_S gain = {};
+  gain.Property = {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, KSPROPERTY_TYPE_GET};
+  ULONG bytesReturned = 0;
+  EXPECT_EQ(S_OK, host->ApplicationKsControl()->KsProperty(&gain.Property, sizeof(gain), &gain, sizeof(gain),
+                                                           &bytesReturned));
+  EXPECT_EQ(16, gain.Value);
+}
+
+}  // namespace

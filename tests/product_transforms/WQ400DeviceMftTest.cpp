@@ -1,0 +1,99 @@
+// The product base transform through its COM surface over the simulated depth camera: the raw driver
+// subtypes are hidden, and the product's extension unit is reachable as a whole set.
+#include <gtest/gtest.h>
+
+#include "product/transforms/WQ400DeviceMft.h"
+#include "sim/FrameServerHost.h"
+#include "user_space_frameworks/ComObject.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+class BaseProductMft : public mft_core::WQ400DeviceMft {
+ public:
+  BaseProductMft() : WQ400DeviceMft("WQ400 Test Device MFT", sim::kDepthXuSet, 1, 7) {}
+};
+
+class WQ400DeviceMftTest : public ::testing::Test {
+ protected:
+  void Connect(const sim::CameraConfig &camera) {
+    filter = sim::SimulatedCameraFilter::Create(camera);
+    ASSERT_TRUE(filter);
+    ASSERT_EQ(S_OK, user_space_frameworks::MakeComObject<BaseProductMft>().As(&device));
+    host = std::make_unique<sim::FrameServerHost>(device, filter);
+    ASSERT_EQ(S_OK, host->Initialize());
+  }
+  std::vector<GUID> OutputSubtypes(DWORD streamId) {
+    std::vector<GUID> subtypes;
+    for (DWORD index = 0;; ++index) {
+      ComPtr<IMFMediaType> type;
+      if (device->GetOutputAvailableType(streamId, index, type.GetAddressOf()) != S_OK) break;
+      GUID subtype = GUID_NULL;
+      type->GetGUID(MF_MT_SUBTYPE, &subtype);
+      subtypes.push_back(subtype);
+    }
+    return subtypes;
+  }
+
+  ComPtr<sim::SimulatedCameraFilter> filter;
+  ComPtr<IMFDeviceTransform> device;
+  std::unique_ptr<sim::FrameServerHost> host;
+};
+
+TEST_F(WQ400DeviceMftTest, RawDepthAndInfraredSubtypesAreNeverPublished) {
+  sim::CameraConfig camera = sim::DepthCamera();
+  // A stream that offers nothing but raw formats publishes no type at all.
+  camera.streams[2].formats = sim::FormatGrid({{sim::kSubtypeY8, 1}, {sim::kSubtypeZ16, 2}}, {{640, 480}}, {30});
+  Connect(camera);
+  const std::vector<GUID> depth = OutputSubtypes(0), infrared = OutputSubtypes(1);
+  EXPECT_EQ(camera.streams[0].formats.size() / 2, depth.size());
+  EXPECT_EQ(camera.streams[1].formats.size() / 2, infrared.size());
+  for (const GUID &subtype : depth) EXPECT_EQ(MFVideoFormat_D16, subtype);
+  for (const GUID &subtype : infrared) EXPECT_EQ(MFVideoFormat_L8, subtype);
+  EXPECT_TRUE(OutputSubtypes(2).empty());
+  EXPECT_EQ(mft_core::kWQ400SubtypeZ16, sim::kSubtypeZ16);
+  EXPECT_EQ(mft_core::kWQ400SubtypeY8, sim::kSubtypeY8);
+}
+
+TEST_F(WQ400DeviceMftTest, EveryControlOfTheProductUnitReachesTheUnitsNode) {
+  Connect(sim::DepthCamera());
+  ComPtr<IKsControl> application = host->ApplicationKsControl();
+  ASSERT_TRUE(application);
+  const ULONG unitNode = filter->Config().extensionUnits[0].nodeId;
+
+  // An application addresses the unit's controls without a node; the transform finds the node.
+  for (ULONG id : {3ul, 11ul, 42ul}) {
+    filter->ClearRequests();
+    KSPROPERTY property = {sim::kDepthXuSet, id, KSPROPERTY_TYPE_GET};
+    BYTE data[4] = {};
+    ULONG bytesReturned = 0;
+    const HRESULT hr = application->KsProperty(&property, sizeof(property), data, sizeof(data), &bytesReturned);
+    if (id == 42) {
+      EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_FOUND), hr);
+    } else {
+      EXPECT_EQ(S_OK, hr);
+    }
+    const auto requests = filter->Requests();
+    ASSERT_EQ(1u, requests.size());
+    EXPECT_EQ(unitNode, requests[0].node);
+    EXPECT_EQ(id, requests[0].id);
+    EXPECT_TRUE(requests[0].flags & KSPROPERTY_TYPE_TOPOLOGY);
+  }
+  KSPROPERTY property = {sim::kDepthXuSet, 3, KSPROPERTY_TYPE_GET};
+  uint32_t exposure = 0;
+  ULONG bytesReturned = 0;
+  ASSERT_EQ(S_OK, application->KsProperty(&property, sizeof(property), &exposure, sizeof(exposure), &bytesReturned));
+  EXPECT_EQ(8500u, exposure);
+
+  // Controls of other sets still go to the driver as sent.
+  filter->ClearRequests();
+  KSPROPERTY_VIDEOPROCAMP_S gain = {};
+  gain.Property = {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, KSPROPERTY_TYPE_GET};
+  ASSERT_EQ(S_OK, application->KsProperty(&gain.Property, sizeof(gain), &gain, sizeof(gain), &bytesReturned));
+  const auto requests = filter->Requests();
+  ASSERT_EQ(1u, requests.size());
+  EXPECT_EQ(sim::kFilterScope, requests[0].node);
+}
+
+}  // namespace
