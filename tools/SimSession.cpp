@@ -1,6 +1,7 @@
-// Streams a device transform over a simulated camera for a few seconds and prints what each stream did.
+// Streams the product DLL's transforms over the simulated cameras: with no options the tour of the three
+// cameras and their controls, with options one session of one camera. The transform comes from the built DLL, through DllGetClassObject and IClassFactory only.
 //   sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30] [--seconds 5]
-//               [--quiet]
+//               [--quiet] [--dll path\WQ400DeviceMft.dll]
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -9,18 +10,23 @@
 
 #include "platform/WindowsSdk.h"
 #include "sim/Session.h"
+#include "tools/DllTransformFactory.h"
+#include "tools/Tour.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace {
 
 void Usage() {
   std::cerr << "usage: sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size WxH] [--fps N]\n"
-               "                   [--seconds S] [--quiet]\n";
+               "                   [--seconds S] [--quiet] [--dll PATH]\n";
 }
 
-bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
+// Without session options the program runs the tour of the three cameras.
+bool ParseOptions(int argc, char **argv, sim::SessionOptions &options, std::wstring &modulePath, bool &tour) {
+  tour = true;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
+    if (arg != "--dll") tour = false;
     auto value = [&]() -> std::string { return i + 1 < argc ? argv[++i] : std::string(); };
     if (arg == "--camera") {
       options.camera = value();
@@ -36,6 +42,10 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
       options.fps = static_cast<UINT32>(std::stoul(value()));
     } else if (arg == "--seconds") {
       options.seconds = std::stod(value());
+    } else if (arg == "--dll") {
+      const std::string path = value();
+      if (path.empty()) return false;
+      modulePath.assign(path.begin(), path.end());
     } else if (arg == "--quiet") {
       options.progress = false;
     } else {
@@ -49,8 +59,10 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
 
 int main(int argc, char **argv) {
   sim::SessionOptions options;
+  std::wstring modulePath;
+  bool tour = true;
   try {
-    if (!ParseOptions(argc, argv, options)) {
+    if (!ParseOptions(argc, argv, options, modulePath, tour)) {
       Usage();
       return 2;
     }
@@ -65,10 +77,21 @@ int main(int argc, char **argv) {
   }
   int exitCode = 0;
   {
-    sim::PassThroughTransformFactory factory;
-    const sim::SessionResult result = sim::RunSession(options, factory, std::cout);
-    std::cout << sim::FormatSummary(result);
-    exitCode = SUCCEEDED(result.result) ? 0 : 1;
+    tools::DllTransformFactory factory(modulePath.empty() ? tools::DllTransformFactory::DefaultModulePath()
+                                                          : modulePath);
+    if (!factory.Load()) {
+      std::cerr << factory.Error() << "\n";
+      MFShutdown();
+      CoUninitialize();
+      return 1;
+    }
+    if (tour) {
+      exitCode = tools::RunTour(factory, tools::TourOptions(), std::cout);
+    } else {
+      const sim::SessionResult result = sim::RunSession(options, factory, std::cout);
+      std::cout << sim::FormatSummary(result);
+      exitCode = SUCCEEDED(result.result) ? 0 : 1;
+    }
   }
   MFShutdown();
   CoUninitialize();

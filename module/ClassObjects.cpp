@@ -1,0 +1,41 @@
+#include "module/ClassObjects.h"
+
+#include "product/transforms/WQ400DepthDeviceMft.h"
+#include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/ComObject.h"
+#include "user_space_frameworks/ExceptionGuard.h"
+#include "user_space_frameworks/Trace.h"
+
+namespace mft_utils {
+
+namespace {
+
+// Makes a transform and hands its one reference to the caller as IUnknown.
+template <typename Transform>
+HRESULT CreateTransform(const char *prettyFunction, IUnknown **object) {
+  RETURN_IF_NULL(object);
+  *object = nullptr;
+  user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, prettyFunction, "==>");
+  const HRESULT hr = user_space_frameworks::ExceptionGuard(prettyFunction, [&]() -> HRESULT {
+    auto transform = user_space_frameworks::MakeComObject<Transform>();
+    return transform->QueryInterface(IID_PPV_ARGS(object));
+  });
+  user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, prettyFunction,
+                                      "<== " + user_space_frameworks::trace::HrText(hr));
+  return hr;
+}
+
+}  // namespace
+
+HRESULT CreateWQ400DepthDeviceMft(IUnknown **object) {
+  return CreateTransform<mft_core::WQ400DepthDeviceMft>(WQ_FUNCTION, object);
+}
+
+}  // namespace mft_utils
+
+// One line per class.
+const mft_utils::ClassObjectEntry coi[] = {
+    {{0xE365CD7E, 0xB3A0, 0x47B2, {0xAA, 0x49, 0xE0, 0x45, 0xAA, 0x4E, 0x77, 0xBF}},
+     &mft_utils::CreateWQ400DepthDeviceMft, L"WQ400 Depth Device MFT"},
+};
+const size_t coiCount = sizeof(coi) / sizeof(coi[0]);
