@@ -132,6 +132,7 @@ CameraConfig DepthCamera() {
            ControlConfig{1, {}},                                        // firmware command
            RangedControl(3, 4, 8500, {1, 165000, 1, 8500}),             // exposure, microseconds
            RangedControl(11, 1, 1, {0, 1, 1, 1}),                       // exposure mode, 1 = auto
+           FixedControl(kDepthErrorCodeId, {0}),                        // firmware error code
            // Calibration: depth (sensor 1), the infrared pair (sensor 2) and the color module (3).
            FixedControl(12, CalibrationTable({{1, ExtrinsicsBody(0.0f)}, {2, ExtrinsicsBody(-0.05f)},
                                               {3, ExtrinsicsBody(0.015f)}})),

@@ -8,6 +8,7 @@
 
 #include "platform/WindowsSdk.h"
 #include "sim/CameraMetadataWriter.h"
+#include "sim/DeviceInfoTable.h"
 
 namespace sim {
 
@@ -22,6 +23,8 @@ extern const GUID kFisheyeXuSet;
 extern const GUID kMsXuSet;
 extern const GUID kAutoUpdateEventSet;
 constexpr ULONG kAutoUpdateEventId = 1;
+// The depth unit's firmware error code: one byte, 0 when all is well.
+constexpr ULONG kDepthErrorCodeId = 7;
 // Topology node types of a USB video camera (the device-specific type is the SDK's own).
 extern const GUID kNodeCameraTerminal;
 extern const GUID kNodeProcessing;
@@ -100,6 +103,8 @@ struct CameraConfig {
   // The extension-unit property that carries firmware commands (set GUID_NULL: none).
   GUID firmwareCommandSet = GUID_NULL;
   ULONG firmwareCommandId = 1;
+  // What the firmware answers to the device-information command.
+  DeviceInfoConfig deviceInfo;
   // Driver personality.
   bool reportsStreamIds = true;      // false: GetStreamIDs answers E_NOTIMPL
   bool exposesKsControl = true;      // false: no IKsControl on the filter

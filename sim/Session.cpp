@@ -97,8 +97,20 @@ SessionResult RunSession(const SessionOptions &options, ITransformFactory &facto
 
   const auto start = std::chrono::steady_clock::now();
   auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
+  bool firmwareErrorRaised = options.firmwareErrorCode < 0 || options.firmwareErrorCode > 255 ||
+                             camera.extensionUnits.empty();
   while (SUCCEEDED(result.result) && elapsed() < options.seconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    if (!firmwareErrorRaised && elapsed() >= options.seconds / 2) {
+      firmwareErrorRaised = true;
+      filter->SetControlValue(camera.extensionUnits.front().set, kDepthErrorCodeId,
+                              {static_cast<BYTE>(options.firmwareErrorCode)});
+      const size_t listeners = filter->SignalAutoUpdate();
+      std::ostringstream text;
+      text << "firmware error code " << options.firmwareErrorCode << " raised at " << std::fixed
+           << std::setprecision(1) << elapsed() << " s, " << listeners << " listener(s) told";
+      result.firmwareEvent = text.str();
+    }
     if (options.progress) progress << "\r" << ProgressLine(elapsed(), host.Stats()) << "   " << std::flush;
     if (FAILED(host.LastPumpError())) {
       result.ending = "the frame server met an error (" + Hex(host.LastPumpError()) + ")";
@@ -141,6 +153,7 @@ std::string FormatSummary(const SessionResult &result) {
         << s.framesOut << std::setw(10) << std::fixed << std::setprecision(2) << s.measuredFps << std::setw(8) << lost
         << std::setw(10) << s.rejected << std::setw(11) << s.largestQueue << "\n";
   }
+  if (!result.firmwareEvent.empty()) out << "Firmware: " << result.firmwareEvent << "\n";
   out << "Ended: " << result.ending << (SUCCEEDED(result.result) ? "" : " [" + Hex(result.result) + "]") << "\n";
   return out.str();
 }

@@ -36,6 +36,8 @@ struct SessionOptions {
   UINT32 fps = 30;
   double seconds = 5.0;
   bool progress = true;  // a live line, rewritten in place
+  // 0 to 255: halfway through, the camera reports this firmware error code and signals its event.
+  int firmwareErrorCode = -1;
 };
 
 struct SessionResult {
@@ -45,6 +47,7 @@ struct SessionResult {
   std::map<DWORD, std::string> streamLabels;  // "Depth 848x480 30 fps", by output stream
   double seconds = 0;
   std::string ending;  // how the session ended, in words
+  std::string firmwareEvent;  // the firmware error raised, in words (empty: none)
   HRESULT result = S_OK;
 };
 

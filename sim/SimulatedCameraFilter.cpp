@@ -82,7 +82,16 @@ SimulatedCameraFilter::SimulatedCameraFilter(const CameraConfig &config) : confi
     controls.push_back({control.set, control.id, kFilterScope, true, value, true, control.range, sizeof(LONG),
                         KSPROPERTY_CAMERACONTROL_FLAGS_MANUAL});
   }
-  responder = [](const FirmwareCommand &command) {
+  deviceInfo = config.deviceInfo;
+  // Called with firmwareMutex held, so it may read deviceInfo.
+  responder = [this](const FirmwareCommand &command) {
+    if (command.opcode == kFirmwareOpcodeDeviceInfo) {
+      std::vector<BYTE> reply(sizeof(command.opcode));
+      std::memcpy(reply.data(), &command.opcode, sizeof(command.opcode));
+      const std::vector<BYTE> table = DeviceInfoTable(deviceInfo);
+      reply.insert(reply.end(), table.begin(), table.end());
+      return reply;
+    }
     std::vector<BYTE> reply(1024, 0);
     std::memcpy(reply.data(), &command.opcode, sizeof(command.opcode));
     std::copy(command.data.begin(), command.data.begin() + std::min<size_t>(command.data.size(), 1020),
@@ -231,6 +240,16 @@ LONG SimulatedCameraFilter::SensorGain() const {
 void SimulatedCameraFilter::SetFirmwareResponder(FirmwareResponder newResponder) {
   std::lock_guard<std::mutex> lock(firmwareMutex);
   responder = std::move(newResponder);
+}
+
+void SimulatedCameraFilter::SetFirmwareFault(FirmwareFault fault) {
+  std::lock_guard<std::mutex> lock(firmwareMutex);
+  firmwareFault = fault;
+}
+
+void SimulatedCameraFilter::SetDeviceInfo(const DeviceInfoConfig &newDeviceInfo) {
+  std::lock_guard<std::mutex> lock(firmwareMutex);
+  deviceInfo = newDeviceInfo;
 }
 
 void SimulatedCameraFilter::SetFirmwareLatencyMs(DWORD milliseconds) {
@@ -590,12 +609,20 @@ HRESULT SimulatedCameraFilter::FirmwareWrite(const void *data, ULONG dataLength)
   std::lock_guard<std::mutex> lock(firmwareMutex);
   firmwareCommands.push_back(command);
   firmwareReply = responder ? responder(command) : std::vector<BYTE>();
+  if (firmwareFault == FirmwareFault::WrongOpcode) {
+    if (firmwareReply.size() < sizeof(command.opcode)) firmwareReply.resize(sizeof(command.opcode));
+    const uint32_t other = command.opcode ^ 0x80u;
+    std::memcpy(firmwareReply.data(), &other, sizeof(other));
+  } else if (firmwareFault == FirmwareFault::ShortReply && firmwareReply.size() > 3) {
+    firmwareReply.resize(3);
+  }
   return S_OK;
 }
 
 HRESULT SimulatedCameraFilter::FirmwareRead(void *data, ULONG dataLength, ULONG *bytesReturned) {
   std::lock_guard<std::mutex> lock(firmwareMutex);
   firmwareAccessOrder += 'G';
+  if (firmwareFault == FirmwareFault::FailReply) return kFirmwareFailure;
   const ULONG size = static_cast<ULONG>(firmwareReply.size());
   if (dataLength < size || (size != 0 && data == nullptr)) {
     *bytesReturned = size;

@@ -58,6 +58,11 @@ struct FirmwareCommand {
 // The camera's reply: `bytes` are what a later read of the property returns (opcode echo first).
 using FirmwareResponder = std::function<std::vector<BYTE>(const FirmwareCommand &)>;
 
+// A firmware that misbehaves: echoes another opcode, answers fewer bytes than the opcode echo, or fails
+// the read of its reply with kFirmwareFailure.
+enum class FirmwareFault { None, WrongOpcode, ShortReply, FailReply };
+constexpr HRESULT kFirmwareFailure = HRESULT_FROM_WIN32(ERROR_GEN_FAILURE);
+
 class SimulatedCameraFilter
     : public user_space_frameworks::ComObject<IMFTransform, IKsControl, IKsTopologyInfo> {
  public:
@@ -85,6 +90,10 @@ class SimulatedCameraFilter
   // Firmware command property. The default responder echoes the opcode and the command's data,
   // zero-padded to a full 1024-byte reply.
   void SetFirmwareResponder(FirmwareResponder responder);
+  // Applies to every later command until set back to None.
+  void SetFirmwareFault(FirmwareFault fault);
+  // The table the default responder returns for the device-information command (0x10).
+  void SetDeviceInfo(const DeviceInfoConfig &deviceInfo);
   // Delay inside each firmware write, to let concurrent command exchanges overlap if unserialised.
   void SetFirmwareLatencyMs(DWORD milliseconds);
   std::vector<FirmwareCommand> FirmwareCommands() const;
@@ -215,6 +224,8 @@ class SimulatedCameraFilter
   FirmwareResponder responder;
   DWORD firmwareLatencyMs = 0;
   std::vector<BYTE> firmwareReply;
+  FirmwareFault firmwareFault = FirmwareFault::None;
+  DeviceInfoConfig deviceInfo;
   std::vector<FirmwareCommand> firmwareCommands;
   std::string firmwareAccessOrder;
 

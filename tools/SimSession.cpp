@@ -1,7 +1,8 @@
 // Streams the product DLL's transforms over the simulated cameras: with no options the tour of the three
-// cameras and their controls, with options one session of one camera. The transform comes from the built DLL, through DllGetClassObject and IClassFactory only.
+// cameras and their controls, with options one session of one camera. The transforms come from the
+// built DLL, through DllGetClassObject and IClassFactory only.
 //   sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30] [--seconds 5]
-//               [--quiet] [--dll path\WQ400DeviceMft.dll]
+//               [--fw-error CODE] [--quiet] [--dll path\WQ400DeviceMft.dll]
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -18,7 +19,7 @@ namespace {
 
 void Usage() {
   std::cerr << "usage: sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size WxH] [--fps N]\n"
-               "                   [--seconds S] [--quiet] [--dll PATH]\n";
+               "                   [--seconds S] [--fw-error CODE] [--quiet] [--dll PATH]\n";
 }
 
 // Without session options the program runs the tour of the three cameras.
@@ -46,6 +47,9 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options, std::wstr
       const std::string path = value();
       if (path.empty()) return false;
       modulePath.assign(path.begin(), path.end());
+    } else if (arg == "--fw-error") {
+      options.firmwareErrorCode = std::stoi(value());
+      if (options.firmwareErrorCode < 0 || options.firmwareErrorCode > 255) return false;
     } else if (arg == "--quiet") {
       options.progress = false;
     } else {

@@ -1,9 +1,12 @@
 #include "product/transforms/WQ400DepthDeviceMft.h"
 
 #include "mft_core/ks/KsControlHandlers.h"
+#include "product/controls/WQ400HwCommandKsPropertyHandler.h"
+#include "product/device/WQ400DeviceInfo.h"
 #include "product/metadata/WQ400MetadataParsers.h"
 #include "product/topology/WQ400Topologies.h"
 #include "product/transforms/WQ400CalibrationTable.h"
+#include "product/transforms/WQ400FirmwareCheck.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -58,16 +61,28 @@ HRESULT WQ400DepthDeviceMft::InitializeMembers() {
   RETURN_IF_FAILED(WQ400DeviceMft::InitializeMembers());
   firmwareCommandPipe = std::make_shared<FirmwareCommandPipe>(deviceXuKsControl, extensionUnits.deviceXuSetId,
                                                               kFirmwareCommandSelector, name);
+  auto devInfo = std::make_shared<WQ400DeviceInfo>(firmwareCommandPipe, name);
+  RETURN_IF_FAILED(devInfo->Init());
+  deviceInfo = devInfo;
+
+  fwErrorHandler = std::make_shared<WQ400FwErrorHandler>(name, deviceXuKsControl, kFirmwareErrorSelector, this);
+  autoUpdateEventListener->RegisterObserver(fwErrorHandler);
+
+  // Never fails initialisation: a camera with old firmware still streams until it is updated.
+  WQ400FirmwareCheck::Run(*firmwareCommandPipe, devInfo->GetFunctionalPayloadVersion());
   return S_OK;
 }
 
 HRESULT WQ400DepthDeviceMft::UninitializeMembers() {
+  // The listener may outlive this call on its work-queue thread: the handler stops being notified first.
+  if (autoUpdateEventListener && fwErrorHandler) autoUpdateEventListener->UnregisterObserver(fwErrorHandler);
   RETURN_IF_FAILED(WQ400DeviceMft::UninitializeMembers());
   return S_OK;
 }
 
 HRESULT WQ400DepthDeviceMft::RegisterKsControlHandlres() {
   RETURN_IF_FAILED(WQ400DeviceMft::RegisterKsControlHandlres());
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(std::make_shared<WQ400HwCommandKsPropertyHandler>(firmwareCommandPipe)));
   extendedExposureControl = std::make_shared<WQ400DepthExtendedExposureControl>(deviceXuKsControl);
   RETURN_IF_FAILED(RegisterKsPropertyHandler(extendedExposureControl));
   RETURN_IF_FAILED(extendedExposureControl->RegisterEvent(*this));

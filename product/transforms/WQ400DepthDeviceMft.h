@@ -11,6 +11,7 @@
 
 #include "mft_core/ks/FirmwareCommandPipe.h"
 #include "product/controls/WQ400DepthExtendedExposureControl.h"
+#include "product/controls/WQ400FwErrorHandler.h"
 #include "product/transforms/WQ400DeviceMft.h"
 
 namespace mft_core {
@@ -20,6 +21,7 @@ class WQ400DepthDeviceMft : public WQ400DeviceMft {
   static constexpr const char *kDisplayName = "WQ400 Depth Device MFT";
   // Controls of the depth extension unit.
   static constexpr ULONG kFirmwareCommandSelector = 1;
+  static constexpr ULONG kFirmwareErrorSelector = 7;
   static constexpr ULONG kExtrinsicsSelector = 12;
   static constexpr ULONG kIntrinsicsSelector = 13;
   // Calibration entries: the depth sensor, and the sensor every color or infrared stream comes from.
@@ -52,6 +54,7 @@ class WQ400DepthDeviceMft : public WQ400DeviceMft {
   std::vector<BYTE> ReadCalibrationTable(ULONG selector);
 
   std::shared_ptr<FirmwareCommandPipe> firmwareCommandPipe;
+  std::shared_ptr<WQ400FwErrorHandler> fwErrorHandler;
   std::shared_ptr<WQ400DepthExtendedExposureControl> extendedExposureControl;
   // The output stream whose frames feed the exposure control; kNoStream when none runs.
   DWORD exposureFeedStreamId = kNoStream;

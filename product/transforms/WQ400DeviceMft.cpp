@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "mft_core/ks/KsControlHandlers.h"
+#include "product/controls/WQ400ApiVersion.h"
 
 namespace mft_core {
 
@@ -28,6 +29,7 @@ HRESULT WQ400DeviceMft::RegisterKsControlHandlres() {
   RETURN_IF_FAILED(PassThroughDeviceMft::RegisterKsControlHandlres());
   RETURN_IF_FAILED(RegisterKsPropertyHandler(std::make_shared<CompleteSetPropsHandler>(
       deviceXuKsControl.Get(), extensionUnits.deviceXuSetId, "Complete Set KS Properties Handler")));
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(std::make_shared<WQ400ApiVersion>()));
   return S_OK;
 }
 

@@ -7,6 +7,7 @@
 
 #include "DepthTestSupport.h"
 #include "mft_core/streams/FrameDropMonitor.h"
+#include "product/controls/WQ400PrivateProperties.h"
 #include "product/metadata/WQ400MetadataRecords.h"
 
 using Microsoft::WRL::ComPtr;
@@ -96,6 +97,24 @@ TEST_F(DepthStreamingTest, StandardExposureControlsAreAnsweredWithoutTheDriver) 
   EXPECT_EQ(S_OK, host->ApplicationKsControl()->KsProperty(&gain.Property, sizeof(gain), &gain, sizeof(gain),
                                                            &bytesReturned));
   EXPECT_EQ(16, gain.Value);
+}
+
+TEST_F(DepthStreamingTest, RawFirmwareCommandsReachTheCameraAndTheReplyComesBack) {
+  ConnectAndInitialize();
+  mft_core::KSPROPERTY_WQ400_CONTROL_HW_COMMAND command = {};
+  command.property = {mft_core::PROPSETID_WQ400_PRIVATE, mft_core::KSPROPERTY_WQ400_CONTROL_HW_COMMAND_ID,
+                      KSPROPERTY_TYPE_GET};
+  command.opCode = sim::kFirmwareOpcodeDeviceInfo;
+  std::vector<BYTE> reply(sim::kDeviceInfoTableSize);
+  ULONG bytesReturned = 0;
+  ASSERT_EQ(S_OK, host->ApplicationKsControl()->KsProperty(&command.property, sizeof(command), reply.data(),
+                                                           static_cast<ULONG>(reply.size()), &bytesReturned));
+  EXPECT_EQ(44u, bytesReturned);
+  EXPECT_EQ(sim::DeviceInfoTable(filter->Config().deviceInfo), reply);
+  // The transform read the table once itself at initialisation; the application's read is the second.
+  size_t deviceInfoReads = 0;
+  for (const auto &sent : filter->FirmwareCommands()) deviceInfoReads += sent.opcode == sim::kFirmwareOpcodeDeviceInfo;
+  EXPECT_EQ(2u, deviceInfoReads);
 }
 
 }  // namespace

@@ -9,7 +9,19 @@ namespace test_support {
 RegistryValueGuard::RegistryValueGuard(std::wstring keyPath, std::wstring valueName)
     : keyPath(std::move(keyPath)), valueName(std::move(valueName)) {
   HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, this->keyPath.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, this->keyPath.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
+    // Writing creates every missing key of the path: remember the outermost to remove them all.
+    createdRoot = this->keyPath;
+    for (size_t end = this->keyPath.find(L'\\'); end != std::wstring::npos; end = this->keyPath.find(L'\\', end + 1)) {
+      HKEY parent = nullptr;
+      if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, this->keyPath.substr(0, end).c_str(), 0, KEY_READ, &parent) != ERROR_SUCCESS) {
+        createdRoot = this->keyPath.substr(0, end);
+        break;
+      }
+      RegCloseKey(parent);
+    }
+    return;
+  }
   keyExisted = true;
   DWORD size = 0;
   if (RegQueryValueExW(key, this->valueName.c_str(), nullptr, &type, nullptr, &size) == ERROR_SUCCESS) {
@@ -21,7 +33,8 @@ RegistryValueGuard::RegistryValueGuard(std::wstring keyPath, std::wstring valueN
 
 RegistryValueGuard::~RegistryValueGuard() {
   if (!keyExisted) {
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath.c_str());
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, createdRoot.c_str());
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, createdRoot.c_str());
     return;
   }
   if (valueExisted) {

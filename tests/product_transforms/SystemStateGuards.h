@@ -27,6 +27,7 @@ class RegistryValueGuard {
  private:
   std::wstring keyPath;
   std::wstring valueName;
+  std::wstring createdRoot;  // the outermost key of the path that did not exist
   bool keyExisted = false;
   bool valueExisted = false;
   DWORD type = REG_NONE;

@@ -2,6 +2,7 @@
 // subtypes are hidden, and the product's extension unit is reachable as a whole set.
 #include <gtest/gtest.h>
 
+#include "product/controls/WQ400PrivateProperties.h"
 #include "product/transforms/WQ400DeviceMft.h"
 #include "sim/FrameServerHost.h"
 #include "user_space_frameworks/ComObject.h"
@@ -94,6 +95,25 @@ TEST_F(WQ400DeviceMftTest, EveryControlOfTheProductUnitReachesTheUnitsNode) {
   const auto requests = filter->Requests();
   ASSERT_EQ(1u, requests.size());
   EXPECT_EQ(sim::kFilterScope, requests[0].node);
+}
+
+TEST_F(WQ400DeviceMftTest, AnswersTheApiVersionItselfAndReadOnly) {
+  Connect(sim::DepthCamera());
+  filter->ClearRequests();
+  ComPtr<IKsControl> application = host->ApplicationKsControl();
+  KSPROPERTY property = {mft_core::PROPSETID_WQ400_PRIVATE, mft_core::KSPROPERTY_WQ400_API_VERSION_ID,
+                         KSPROPERTY_TYPE_GET};
+  ULONG version[2] = {};
+  ULONG bytesReturned = 0;
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_MORE_DATA),
+            application->KsProperty(&property, sizeof(property), version, 4, &bytesReturned));
+  EXPECT_EQ(8u, bytesReturned);
+  ASSERT_EQ(S_OK, application->KsProperty(&property, sizeof(property), version, sizeof(version), &bytesReturned));
+  EXPECT_EQ(2u, version[0]);
+  EXPECT_EQ(3u, version[1]);
+  property.Flags = KSPROPERTY_TYPE_SET;
+  EXPECT_EQ(E_UNEXPECTED, application->KsProperty(&property, sizeof(property), version, sizeof(version), &bytesReturned));
+  EXPECT_TRUE(filter->Requests().empty());
 }
 
 }  // namespace

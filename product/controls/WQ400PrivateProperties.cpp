@@ -1,0 +1,7 @@
+#include "product/controls/WQ400PrivateProperties.h"
+
+namespace mft_core {
+
+const GUID PROPSETID_WQ400_PRIVATE = {0x7dc07391, 0x1be4, 0x405e, {0xb1, 0x34, 0x56, 0x4e, 0x60, 0x71, 0xdf, 0xdb}};
+
+}  // namespace mft_core
