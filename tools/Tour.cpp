@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "product/controls/WQ400PrivateProperties.h"
+#include "sim/DeviceInfoTable.h"
 #include "sim/FrameServerHost.h"
 
 using Microsoft::WRL::ComPtr;
@@ -22,25 +24,16 @@ namespace tools {
 namespace {
 
 constexpr ULONG kExposureMode = 12;  // KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE
-const GUID kPrivateSet = {0x7DC07391, 0x1BE4, 0x405E, {0xB1, 0x34, 0x56, 0x4E, 0x60, 0x71, 0xDF, 0xDB}};
 const GUID kDepthControlRecord = {0x482F9B07, 0x3668, 0x43FE, {0xAD, 0x28, 0xE3, 0xDB, 0x34, 0x63, 0xBC, 0xB9}};
 const GUID kFisheyeControlRecord = {0x787B705A, 0x5CE2, 0x4030, {0xB5, 0x2B, 0xC2, 0x94, 0x29, 0x52, 0x23, 0xC7}};
 constexpr ULONG kFirmwareErrorControl = 7;
 constexpr BYTE kHotLaserPowerReduce = 1;
-constexpr ULONG kDeviceInfoOpcode = 0x10;
-constexpr ULONG kDeviceInfoLength = 230;
 
 struct ExtendedRequest {
   KSCAMERA_EXTENDEDPROP_HEADER header;
   KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING setting;
 };
 
-struct HwCommand {
-  KSPROPERTY property;
-  ULONG opCode;
-  ULONG param1, param2, param3, param4;
-};
-static_assert(sizeof(HwCommand) == 44, "hardware command identifier");
 
 std::string Hex(HRESULT hr) {
   char text[16];
@@ -258,23 +251,30 @@ void DepthPart(CameraRun &run, double seconds) {
   run.Stream(seconds / 2);
 
   // The product's private interface version.
-  KSPROPERTY apiVersion = {kPrivateSet, 0, KSPROPERTY_TYPE_GET};
-  ULONG version[2] = {};
-  HRESULT hr = run.Property(&apiVersion, sizeof(apiVersion), version, sizeof(version));
-  if (SUCCEEDED(hr) && version[0] == 2 && version[1] == 3) {
+  KSPROPERTY apiVersion = {mft_core::PROPSETID_WQ400_PRIVATE, mft_core::KSPROPERTY_WQ400_API_VERSION_ID,
+                           KSPROPERTY_TYPE_GET};
+  mft_core::KSPROPERTY_WQ400_API_VERSION version = {};
+  HRESULT hr = run.Property(&apiVersion, sizeof(apiVersion), &version, sizeof(version));
+  if (SUCCEEDED(hr) && version.major == 2 && version.minor == 3) {
     run.Note("API version: 2.3");
   } else {
-    run.Fail("API version not answered as 2.3 (" + Hex(hr) + ", " + std::to_string(version[0]) + "." +
-             std::to_string(version[1]) + ")");
+    run.Fail("API version not answered as 2.3 (" + Hex(hr) + ", " + std::to_string(version.major) + "." +
+             std::to_string(version.minor) + ")");
   }
 
   // The device-information table, read by a raw hardware command.
-  HwCommand command = {{kPrivateSet, 1, KSPROPERTY_TYPE_GET}, kDeviceInfoOpcode, 0, 0, 0, 0};
-  std::vector<BYTE> table(kDeviceInfoLength + 8);
-  ULONG returned = 0;
-  hr = run.Property(&command, sizeof(command), table.data(), static_cast<ULONG>(table.size()), &returned);
-  if (SUCCEEDED(hr) && returned > 0) {
-    run.Note("device information: " + std::to_string(returned) + " bytes by hardware command 0x10");
+  mft_core::KSPROPERTY_WQ400_CONTROL_HW_COMMAND command = {
+      {mft_core::PROPSETID_WQ400_PRIVATE, mft_core::KSPROPERTY_WQ400_CONTROL_HW_COMMAND_ID, KSPROPERTY_TYPE_GET},
+      sim::kFirmwareOpcodeDeviceInfo, 0, 0, 0, 0};
+  std::vector<BYTE> table(sim::kDeviceInfoTableSize);
+  hr = run.Property(&command, sizeof(command), table.data(), static_cast<ULONG>(table.size()));
+  const std::vector<BYTE> expected = sim::DeviceInfoTable(run.camera.deviceInfo);
+  if (SUCCEEDED(hr) && table == expected) {
+    const auto &version = run.camera.deviceInfo.functionalPayloadVersion;
+    std::ostringstream note;
+    note << "device information: " << table.size() << " bytes by hardware command 0x10, firmware "
+         << int(version[3]) << "." << int(version[2]) << "." << int(version[1]) << "." << int(version[0]);
+    run.Note(note.str());
   } else {
     run.Fail("device information not read by hardware command (" + Hex(hr) + ")");
   }

@@ -104,6 +104,8 @@ const char *const kVidCapToStiIds[] = {
 // The camera's own sets.
 const GUID kWQ400ControlSet = {0x7DC07391, 0x1BE4, 0x405E, {0xB1, 0x34, 0x56, 0x4E, 0x60, 0x71, 0xDF, 0xDB}};
 const GUID kWQ400DepthXuSet = {0xC9606CCB, 0x594C, 0x4D25, {0xAF, 0x47, 0xCC, 0xC4, 0x96, 0x43, 0x59, 0x95}};
+const GUID kWQ400ColorXuSet = {0xB8EC416E, 0xA3AC, 0x4580, {0x8D, 0x5C, 0x0B, 0xEE, 0x15, 0x97, 0xE4, 0x3D}};
+const GUID kWQ400FisheyeXuSet = {0xF6C3C3D1, 0x5CDE, 0x4477, {0xAD, 0xF0, 0x41, 0x33, 0xF5, 0x8D, 0xA6, 0xF4}};
 
 template <size_t N>
 std::unordered_map<ULONG, const char *> Sequential(const char *const (&names)[N]) {
@@ -144,7 +146,14 @@ KsIdentifierTranslator::KsIdentifierTranslator() {
                                            {2, "KSPROPERTY_XU_WQ400_DEPTH::LASER_MODE"},
                                            {3, "KSPROPERTY_XU_WQ400_DEPTH::EXPOSURE"},
                                            {4, "KSPROPERTY_XU_WQ400_DEPTH::LASER_POWER"}}});
-  sets.emplace(kWQ400ControlSet, SetTable{"KSPROPERTYSETID_WQ400_CONTROL",
+  sets.emplace(kWQ400ColorXuSet, SetTable{"KSPROPERTY_XU_WQ400_COLOR",
+                                          {{1, "KSPROPERTY_XU_WQ400_COLOR::EXTRINSICS"},
+                                           {2, "KSPROPERTY_XU_WQ400_COLOR::INTRINSICS"}}});
+  sets.emplace(kWQ400FisheyeXuSet, SetTable{"KSPROPERTY_XU_WQ400_FISHEYE",
+                                            {{1, "KSPROPERTY_XU_WQ400_FISHEYE::EXPOSURE"},
+                                             {2, "KSPROPERTY_XU_WQ400_FISHEYE::EXTRINSICS"},
+                                             {3, "KSPROPERTY_XU_WQ400_FISHEYE::INTRINSICS"}}});
+  sets.emplace(kWQ400ControlSet, SetTable{"PROPSETID_WQ400_PRIVATE",
                                           {{0, "KSPROPERTY_WQ400_API_VERSION"},
                                            {1, "KSPROPERTY_WQ400_CONTROL_HW_COMMAND"}}});
 
