@@ -8,6 +8,8 @@
 namespace mft_utils {
 
 HRESULT CreateWQ400DepthDeviceMft(IUnknown **object);
+HRESULT CreateWQ400ColorDeviceMft(IUnknown **object);
+HRESULT CreateWQ400FishEyeDeviceMft(IUnknown **object);
 
 }  // namespace mft_utils
 

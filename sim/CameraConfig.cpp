@@ -1,5 +1,7 @@
 #include "sim/CameraConfig.h"
 
+#include "sim/CalibrationReplies.h"
+
 #include <cstring>
 
 namespace sim {
@@ -189,18 +191,23 @@ CameraConfig FisheyeCamera() {
        FormatGrid({{kSubtypeY8, 1}, {MFVideoFormat_L8, 1}}, {{848, 800}, {640, 480}}, {30, 60})},
   };
   camera.nodeTypes = {kNodeCameraTerminal, KSNODETYPE_DEV_SPECIFIC, kNodeStreaming};
+  // Exposure in microseconds (2 bytes); the camera starts at a short exposure that leaves its scene dark.
   camera.extensionUnits = {
       {kFisheyeXuSet,
        1,
        "Fisheye XU",
-       {RangedControl(1, 2, 10000, {10, 32000, 1, 10000}), FixedControl(2, std::vector<BYTE>(73, 0))}},
+       {RangedControl(1, 2, 400, {200, 32000, 100, 400}), FixedControl(2, FisheyeExtrinsicsReply()),
+        FixedControl(3, FisheyeIntrinsicsReply())}},
   };
   camera.standardControls = {GainControl()};
   camera.sensor.exposureSet = kFisheyeXuSet;
   camera.sensor.exposureId = 1;
-  camera.sensor.defaultExposureUs = 10000;
+  camera.sensor.defaultExposureUs = 400;
   camera.sensor.gainSet = PROPSETID_VIDCAP_VIDEOPROCAMP;
   camera.sensor.gainId = KSPROPERTY_VIDEOPROCAMP_GAIN;
+  // Mid-grey at 6 ms and unity gain (16): at the default 0.4 ms the scene is a few grey levels.
+  camera.scene.graded = true;
+  camera.scene.midGreyExposureGain = 6000.0 * 16;
   return camera;
 }
 

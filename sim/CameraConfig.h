@@ -93,6 +93,14 @@ struct SensorControls {
   DWORD exposureSettleMs = 0;
 };
 
+// The picture in front of the sensor (see sim/Scene.h). Flat: every pixel at FrameSource::Brightness.
+// Graded: rows of rising reflectance whose mean is mid-grey when exposure (microseconds) x gain equals
+// `midGreyExposureGain`.
+struct SceneConfig {
+  bool graded = false;
+  double midGreyExposureGain = 8500.0 * 16;
+};
+
 struct CameraConfig {
   std::string name;
   std::vector<StreamConfig> streams;
@@ -100,6 +108,7 @@ struct CameraConfig {
   std::vector<ExtensionUnitConfig> extensionUnits;
   std::vector<StandardControlConfig> standardControls;
   SensorControls sensor;
+  SceneConfig scene;
   // The extension-unit property that carries firmware commands (set GUID_NULL: none).
   GUID firmwareCommandSet = GUID_NULL;
   ULONG firmwareCommandId = 1;

@@ -29,6 +29,10 @@ MetadataHook MakeCameraMetadataHook(CameraKind kind) {
       writer->SkipFrameCounters(static_cast<uint32_t>(info.frameCounter - expected));
     }
     if (kind == CameraKind::Depth) writer->SetDepthExposure(static_cast<uint32_t>(info.reportedExposureUs));
+    // The fisheye camera reports the gain and exposure each frame was taken with (flags: both valid).
+    if (kind == CameraKind::FishEye) {
+      writer->SetFishEyeControl(0x3, static_cast<uint32_t>(info.gain), static_cast<uint32_t>(info.exposureUs));
+    }
     return writer->WriteNextFrame(sample);
   };
 }

@@ -1,5 +1,7 @@
 #include "sim/FrameSource.h"
 
+#include "sim/Scene.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -134,7 +136,6 @@ HRESULT FrameSource::MakeSample(Stream &stream, uint64_t frameIndex, IMFSample *
   info.exposureUs = camera->SensorExposureUs();
   info.reportedExposureUs = camera->ReportedExposureUs();
   info.gain = camera->SensorGain();
-  info.brightness = Brightness(info.exposureUs, info.gain);
 
   ComPtr<IMFMediaBuffer> buffer;
   HRESULT hr = MFCreateMemoryBuffer(stream.bytesPerFrame, buffer.GetAddressOf());
@@ -142,7 +143,8 @@ HRESULT FrameSource::MakeSample(Stream &stream, uint64_t frameIndex, IMFSample *
   BYTE *data = nullptr;
   hr = buffer->Lock(&data, nullptr, nullptr);
   if (FAILED(hr)) return hr;
-  std::memset(data, info.brightness, stream.bytesPerFrame);
+  const UINT32 rowBytes = info.height != 0 ? stream.bytesPerFrame / info.height : stream.bytesPerFrame;
+  info.brightness = PaintScene(camera->Config().scene, data, rowBytes, info.height, info.exposureUs, info.gain);
   buffer->Unlock();
   hr = buffer->SetCurrentLength(stream.bytesPerFrame);
   ComPtr<IMFSample> sample;

@@ -86,7 +86,11 @@ HRESULT SendToNode(const std::string &name, const char *kind, KsIdentifierKind k
   identifier->Flags |= KSPROPERTY_TYPE_TOPOLOGY;
   nodeRequest.NodeId = nodeId;
   const HRESULT hr = send(identifier, static_cast<ULONG>(sizeof(nodeRequest)));
-  if (FAILED(hr)) {
+  if (hr == HRESULT_FROM_WIN32(ERROR_MORE_DATA) && dataLength == 0) {
+    // A size query: "more data" with the size is its normal answer.
+    WQ_TRACE(Verbose, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " needs "
+                           << (bytesReturned ? std::to_string(*bytesReturned) : std::string("?")) << " bytes");
+  } else if (FAILED(hr)) {
     WQ_TRACE(Error, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " failed "
                          << user_space_frameworks::trace::HrText(hr) << ", data length " << dataLength
                          << ", bytes returned "

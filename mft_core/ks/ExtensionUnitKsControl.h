@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/WindowsSdk.h"
+#include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ComObject.h"
 #include "user_space_frameworks/Object.h"
 
@@ -31,6 +32,23 @@ class ExtensionUnitKsControl : public user_space_frameworks::ComObject<IKsContro
 
   // A property of the unit's own set, e.g. flags KSPROPERTY_TYPE_GET to read control `id`.
   HRESULT SendKsProperty(ULONG id, void *data, ULONG dataSize, ULONG flags, ULONG &bytesReturned);
+  // A control of exactly sizeof(T) bytes of the unit's own set. A GET that returns fewer bytes fails
+  // with ERROR_INVALID_DATA and leaves `value` as it was.
+  template <typename T>
+  HRESULT GetKsProperty(ULONG id, T &value) {
+    T read = value;
+    ULONG bytesReturned = 0;
+    RETURN_IF_FAILED(SendKsProperty(id, &read, static_cast<ULONG>(sizeof(T)), KSPROPERTY_TYPE_GET, bytesReturned));
+    RETURN_HR_IF(HRESULT_FROM_WIN32(ERROR_INVALID_DATA), bytesReturned < sizeof(T));
+    value = read;
+    return S_OK;
+  }
+  template <typename T>
+  HRESULT SetKsProperty(ULONG id, T value) {
+    ULONG bytesReturned = 0;
+    RETURN_IF_FAILED(SendKsProperty(id, &value, static_cast<ULONG>(sizeof(T)), KSPROPERTY_TYPE_SET, bytesReturned));
+    return S_OK;
+  }
   // Range and default of one 32-bit control of the unit. Each output is written only once the query
   // that yields it has succeeded.
   HRESULT QueryKsPropertyInfo(ULONG id, LONG &minimum, LONG &maximum, LONG &step, LONG &defaultValue);

@@ -165,6 +165,7 @@ HRESULT WQ400DepthDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> &
 
 HRESULT WQ400DepthDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                                IMFMediaType *nextMediaType) {
+  user_space_frameworks::AutoLock hold(streamControlLock);
   // One stereo sensor: every stream runs at the size and rate of those already running.
   const FrameFormat next = FrameFormatOf(nextMediaType);
   for (const auto &otherStream : outputStreams) {
@@ -189,6 +190,7 @@ HRESULT WQ400DepthDeviceMft::StartOutputStream(const std::shared_ptr<OutputStrea
 
 HRESULT WQ400DepthDeviceMft::StopOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                               IMFMediaType *nextMediaType) {
+  user_space_frameworks::AutoLock hold(streamControlLock);
   // Stopped either way.
   LOG_IF_FAILED(WQ400DeviceMft::StopOutputStream(outputStream, nextMediaType));
   if (outputStream->GetID() == exposureFeedStreamId) {

@@ -13,6 +13,7 @@
 #include "product/controls/WQ400DepthExtendedExposureControl.h"
 #include "product/controls/WQ400FwErrorHandler.h"
 #include "product/transforms/WQ400DeviceMft.h"
+#include "user_space_frameworks/Sync.h"
 
 namespace mft_core {
 
@@ -56,6 +57,10 @@ class WQ400DepthDeviceMft : public WQ400DeviceMft {
   std::shared_ptr<FirmwareCommandPipe> firmwareCommandPipe;
   std::shared_ptr<WQ400FwErrorHandler> fwErrorHandler;
   std::shared_ptr<WQ400DepthExtendedExposureControl> extendedExposureControl;
+  // Starts and stops of output streams, one at a time: the frame-size rule and the exposure feed
+  // look at every stream. Held across the frame server's answer to a state change, which never
+  // needs it.
+  user_space_frameworks::CriticalSection streamControlLock;
   // The output stream whose frames feed the exposure control; kNoStream when none runs.
   DWORD exposureFeedStreamId = kNoStream;
 };

@@ -23,6 +23,10 @@ struct ClassCase {
 const ClassCase kClasses[] = {
     {"depth", {0xE365CD7E, 0xB3A0, 0x47B2, {0xAA, 0x49, 0xE0, 0x45, 0xAA, 0x4E, 0x77, 0xBF}},
      L"Software\\Classes\\CLSID\\e365cd7e-b3a0-47b2-aa49-e045aa4e77bf", L"WQ400 Depth Device MFT"},
+    {"color", {0x5B45BF9D, 0xC4BF, 0x4F8B, {0x81, 0xC8, 0x40, 0x7A, 0xBF, 0xAA, 0xAE, 0xA8}},
+     L"Software\\Classes\\CLSID\\5b45bf9d-c4bf-4f8b-81c8-407abfaaaea8", L"WQ400 Color Device MFT"},
+    {"fisheye", {0x42547A62, 0x2335, 0x4325, {0x83, 0xA3, 0x21, 0x7D, 0x4F, 0x96, 0x59, 0x4D}},
+     L"Software\\Classes\\CLSID\\42547a62-2335-4325-83a3-217d4f96594d", L"WQ400 FishEye Device MFT"},
 };
 
 const GUID kUnknownClass = {0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};

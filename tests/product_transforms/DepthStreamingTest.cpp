@@ -2,6 +2,7 @@
 // camera's metadata on every sample, at one frame size and rate, and the standard exposure controls
 // kept away from the driver.
 #include <atomic>
+#include <thread>
 #include <map>
 #include <mutex>
 
@@ -72,6 +73,28 @@ TEST_F(DepthStreamingTest, AllStreamsRunAtOneFrameSizeAndRate) {
   EXPECT_TRUE(test_support::WaitFor([&] { return FramesOut(0) >= 3; }));
   EXPECT_EQ(S_OK, Start(2, 848, 480, 30));
   EXPECT_TRUE(test_support::WaitFor([&] { return FramesOut(2) >= 3; }));
+}
+
+TEST_F(DepthStreamingTest, StreamsStartedTogetherAtDifferentSizesCannotBothRun) {
+  ConnectAndInitialize();
+  ComPtr<IMFMediaType> large = OutputType(1, 848, 480, 30), small = OutputType(2, 640, 480, 30);
+  for (int round = 0; round < 5; ++round) {
+    std::atomic<int> ready{0};
+    HRESULT first = E_FAIL, second = E_FAIL;
+    auto start = [&](DWORD stream, IMFMediaType *type, HRESULT &result) {
+      ++ready;
+      while (ready < 2) std::this_thread::yield();
+      result = host->StartStream(stream, type);
+    };
+    std::thread one(start, 1u, large.Get(), std::ref(first));
+    std::thread two(start, 2u, small.Get(), std::ref(second));
+    one.join();
+    two.join();
+    EXPECT_TRUE((first == S_OK && second == E_INVALIDARG) || (first == E_INVALIDARG && second == S_OK))
+        << std::hex << first << " " << second;
+    ASSERT_EQ(S_OK, host->StopStream(1));
+    ASSERT_EQ(S_OK, host->StopStream(2));
+  }
 }
 
 TEST_F(DepthStreamingTest, StandardExposureControlsAreAnsweredWithoutTheDriver) {
