@@ -284,6 +284,7 @@ void DepthPart(CameraRun &run, double seconds) {
   if (run.SetExposure(KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL, 50000, "manual exposure 5 ms", frames)) {
     run.Note("depth exposure manual 5 ms: converged after " + std::to_string(frames) + " frames");
   }
+  run.Stream(1.0);  // the frames settle on the manual value before auto takes over again
   if (run.SetExposure(KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_AUTO | KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_LOCK, 0,
                       "auto-lock", frames)) {
     run.Note("depth exposure auto-lock: locked after " + std::to_string(frames) + " frames");
