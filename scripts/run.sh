@@ -3,7 +3,9 @@
 # and fisheye cameras with their controls, the per-frame exposure values as CSV and a PNG chart of them.
 # With options, one camera's session:
 #   scripts/run.sh [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30]
-#                  [--seconds 5] [--quiet] [--dll PATH]
+#                  [--seconds 5] [--quiet] [--record [--pixels]] [--dll PATH]
+# With --record the transform's device events recording is switched on for the session and copied to
+# build/events.bin afterwards (read it with scripts/events.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -30,4 +32,10 @@ if [ $tour -eq 1 ] && [ "$(rows build/tour/depth_exposure.csv)" -gt 1 ] && [ "$(
     status=1
   fi
 fi
+for arg in "$@"; do
+  if [ "$arg" = "--record" ] && [ -f "$WINEPREFIX/drive_c/VeldaraLogs/events.bin" ]; then
+    cp "$WINEPREFIX/drive_c/VeldaraLogs/events.bin" build/events.bin
+    echo "Recording: build/events.bin ($(stat -c %s build/events.bin) bytes)"
+  fi
+done
 exit $status

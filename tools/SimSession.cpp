@@ -2,7 +2,9 @@
 // cameras and their controls, with options one session of one camera. The transforms come from the
 // built DLL, through DllGetClassObject and IClassFactory only.
 //   sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30] [--seconds 5]
-//               [--fw-error CODE] [--quiet] [--dll path\WQ400DeviceMft.dll]
+//               [--fw-error CODE] [--quiet] [--record [--pixels]] [--dll path\WQ400DeviceMft.dll]
+// --record switches the device events recording on (as the registry does in the field) for the
+// transforms the session creates; the recording goes to c:\VeldaraLogs\events.bin.
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -10,6 +12,7 @@
 #include <string>
 
 #include "platform/WindowsSdk.h"
+#include "mft_core/recorder/DeviceEventsRecorder.h"
 #include "sim/Session.h"
 #include "tools/DllTransformFactory.h"
 #include "tools/Tour.h"
@@ -19,11 +22,17 @@ namespace {
 
 void Usage() {
   std::cerr << "usage: sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size WxH] [--fps N]\n"
-               "                   [--seconds S] [--fw-error CODE] [--quiet] [--dll PATH]\n";
+               "                   [--seconds S] [--fw-error CODE] [--quiet] [--record [--pixels]] [--dll PATH]\n";
 }
 
+struct Recording {
+  bool on = false;
+  bool pixels = false;
+};
+
 // Without session options the program runs the tour of the three cameras.
-bool ParseOptions(int argc, char **argv, sim::SessionOptions &options, std::wstring &modulePath, bool &tour) {
+bool ParseOptions(int argc, char **argv, sim::SessionOptions &options, Recording &recording, std::wstring &modulePath,
+                  bool &tour) {
   tour = true;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -52,6 +61,10 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options, std::wstr
       if (options.firmwareErrorCode < 0 || options.firmwareErrorCode > 255) return false;
     } else if (arg == "--quiet") {
       options.progress = false;
+    } else if (arg == "--record") {
+      recording.on = true;
+    } else if (arg == "--pixels") {
+      recording.pixels = true;
     } else {
       return false;
     }
@@ -63,10 +76,11 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options, std::wstr
 
 int main(int argc, char **argv) {
   sim::SessionOptions options;
+  Recording recording;
   std::wstring modulePath;
   bool tour = true;
   try {
-    if (!ParseOptions(argc, argv, options, modulePath, tour)) {
+    if (!ParseOptions(argc, argv, options, recording, modulePath, tour)) {
       Usage();
       return 2;
     }
@@ -80,6 +94,16 @@ int main(int argc, char **argv) {
     return 1;
   }
   int exitCode = 0;
+  mft_core::DeviceEventsRecorderSettings recordingSettings;
+  if (recording.on) {
+    recordingSettings.enabled = true;
+    recordingSettings.pixelData = recording.pixels;
+    recordingSettings.path = mft_core::DeviceEventsRecorderSettings::kDefaultFile;
+    if (FAILED(recordingSettings.StoreInRegistry())) {
+      std::cerr << "cannot switch the recording on in the registry\n";
+      return 1;
+    }
+  }
   {
     tools::DllTransformFactory factory(modulePath.empty() ? tools::DllTransformFactory::DefaultModulePath()
                                                           : modulePath);
@@ -96,6 +120,10 @@ int main(int argc, char **argv) {
       std::cout << sim::FormatSummary(result);
       exitCode = SUCCEEDED(result.result) ? 0 : 1;
     }
+  }
+  if (recording.on) {
+    mft_core::DeviceEventsRecorderSettings::RemoveFromRegistry();
+    std::cout << "Recorded to c:\\VeldaraLogs\\events.bin\n";
   }
   MFShutdown();
   CoUninitialize();
