@@ -5,6 +5,7 @@
 #include "mft_core/ks/KsControlHandlers.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ExceptionGuard.h"
+#include "user_space_frameworks/NameMap.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace mft_core {
@@ -66,13 +67,9 @@ KsEventListener::KsEventListener(const std::string &name, REFGUID eventSet, ULON
 KsEventListener::~KsEventListener() = default;
 
 const char *KsEventListener::StateText(LONG state) {
-  switch (state) {
-    case Stopped: return "Stopped";
-    case Starting: return "Starting";
-    case Active: return "Active";
-    case Stopping: return "Stopping";
-  }
-  return "Unknown";
+  static const user_space_frameworks::NameMap<LONG> names = {
+      {Stopped, "Stopped"}, {Starting, "Starting"}, {Active, "Active"}, {Stopping, "Stopping"}};
+  return names[state];
 }
 
 HRESULT KsEventListener::Init(IKsControl *ksControl) {

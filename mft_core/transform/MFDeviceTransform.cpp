@@ -1,6 +1,7 @@
 #include "mft_core/transform/MFDeviceTransform.h"
 
 #include "user_space_frameworks/ExceptionGuard.h"
+#include "user_space_frameworks/ModuleVersion.h"
 
 namespace mft_core {
 
@@ -408,7 +409,7 @@ HRESULT MFDeviceTransform::OnGetShutdownStatus(MFSHUTDOWN_STATUS *status) {
 // ---- Streaming control ---------------------------------------------------------------------------------------------
 
 void MFDeviceTransform::TraceVersionBanner() {
-  WQ_TRACE(Info, GetTraceName() << " built " << __DATE__ << " " << __TIME__);
+  WQ_TRACE(Info, user_space_frameworks::VersionBanner());
 }
 
 HRESULT MFDeviceTransform::StartStreaming(const std::shared_ptr<OutputStream> &outputStream,

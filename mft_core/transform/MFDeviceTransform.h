@@ -18,6 +18,7 @@
 #include "user_space_frameworks/CallGate.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ComObject.h"
+#include "user_space_frameworks/ModuleLock.h"
 #include "user_space_frameworks/Sync.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -213,6 +214,9 @@ class MFDeviceTransform : public DeviceTransformEntries,
   user_space_frameworks::CallGate callGate;
 
  private:
+  // A live transform keeps its module loaded.
+  user_space_frameworks::ModuleReference moduleReference;
+
   HRESULT DeviceGetInputCurrentType(DWORD dwInputStreamID, IMFMediaType **pMediaType) final;
   HRESULT DeviceProcessInput(DWORD dwInputStreamID, IMFSample *pSample, DWORD dwFlags) final;
   HRESULT DeviceProcessMessage(MFT_MESSAGE_TYPE eMessage, ULONG_PTR ulParam) final;

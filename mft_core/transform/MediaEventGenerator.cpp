@@ -2,7 +2,7 @@
 
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ExceptionGuard.h"
-#include "user_space_frameworks/GuidText.h"
+#include "user_space_frameworks/GuidTranslator.h"
 #include "user_space_frameworks/MediaEventNames.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -98,11 +98,11 @@ HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtend
   // METransformHaveOutput comes with every frame: verbose only.
   if (met == METransformHaveOutput) {
     WQ_TRACE(Verbose, user_space_frameworks::MediaEventTypeName(met)
-                          << " extended type " << user_space_frameworks::GuidText(guidExtendedType)
+                          << " extended type " << user_space_frameworks::GuidTranslator::Name(guidExtendedType)
                           << " status " << user_space_frameworks::trace::HrText(hrStatus));
   } else {
     WQ_TRACE(Info, user_space_frameworks::MediaEventTypeName(met)
-                       << " extended type " << user_space_frameworks::GuidText(guidExtendedType)
+                       << " extended type " << user_space_frameworks::GuidTranslator::Name(guidExtendedType)
                        << " status " << user_space_frameworks::trace::HrText(hrStatus));
   }
   if (queuedEventsRecorder) queuedEventsRecorder->RecordMediaEvent(met, guidExtendedType, hrStatus, pvValue);
