@@ -100,6 +100,7 @@ struct PendingCall {
   Record exit;
   std::string error;  // the call could not be made
   const Record *entry = nullptr;
+  uint64_t exitOffset = ~uint64_t{0};  // of the recorded return; none when the recording ends first
   bool posted = false;
 
   void Finish() {
@@ -439,10 +440,32 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
   }
   const Record *filterRecord = nullptr;
   std::vector<Record> driverRequests;
-  for (const Record &r : records) {
-    if (r.Kind() == RecordKind::Filter && filterRecord == nullptr) filterRecord = &r;
-    if (r.Kind() == RecordKind::DriverKsRequest) driverRequests.push_back(r);
+  // Each call's return with the call's entry, and the driver requests the call made itself (on its
+  // thread, between entry and return) by their position among the driver requests.
+  std::map<const Record *, const Record *> exitOf;
+  std::map<const Record *, std::vector<size_t>> requestsMadeBy;
+  {
+    std::map<uint32_t, std::vector<const Record *>> open;
+    for (const Record &r : records) {
+      if (r.Kind() == RecordKind::Filter && filterRecord == nullptr) filterRecord = &r;
+      if (r.Kind() == RecordKind::DriverKsRequest) {
+        if (!open[r.threadId].empty()) requestsMadeBy[open[r.threadId].back()].push_back(driverRequests.size());
+        driverRequests.push_back(r);
+      }
+      if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(&r);
+      if (r.Kind() == RecordKind::CallExit && !open[r.threadId].empty()) {
+        const Record *entry = open[r.threadId].back();
+        exitOf[entry] = &r;
+        auto made = requestsMadeBy.find(entry);
+        if (made != requestsMadeBy.end()) {
+          requestsMadeBy[&r] = std::move(made->second);
+          requestsMadeBy.erase(made);
+        }
+        open[r.threadId].pop_back();
+      }
+    }
   }
+  const std::vector<Record> recordedRequests = driverRequests;
   if (filterRecord == nullptr) {
     report.divergence = "the recording has no driver filter record (it did not see InitializeTransform)";
     return report;
@@ -461,24 +484,14 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
   ComPtr<IMFMediaEventGenerator> generator;
   device.As(&generator);
 
-  // Each call's return, found ahead: a ProcessOutput is made where it was entered, with the inputs
-  // whose samples its return shows it handed out made first.
-  std::map<const Record *, const Record *> exitOf;
-  {
-    std::map<uint32_t, std::vector<const Record *>> open;
-    for (const Record &r : records) {
-      if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(&r);
-      if (r.Kind() == RecordKind::CallExit && !open[r.threadId].empty()) {
-        exitOf[open[r.threadId].back()] = &r;
-        open[r.threadId].pop_back();
-      }
-    }
-  }
   const device_events::Names names;
   std::deque<std::string> context;
   auto diverge = [&](const Record &at, const std::string &what) {
     report.divergence = "at record " + std::to_string(report.records) + " (offset " + std::to_string(at.offset) +
                         "): " + device_events::FormatRecord(at, names) + "\n    " + what;
+    report.divergenceRecord = report.records;
+    report.divergenceKind = at.kind;
+    report.divergenceCall = device_events::CallName(at);
     report.context.assign(context.begin(), context.end());
   };
   {
@@ -497,6 +510,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       IMFDeviceTransform *target = device.Get();
       RecordedCameraFilter *driver = filter.Get();
       lane(thread).Post([call, target, driver] {
+        RecordedCameraFilter::CallScope scope(call->entry->threadId, call->exitOffset);
         MakeCall(target, driver, *call);
         call->Finish();
       });
@@ -529,6 +543,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           auto call = std::make_shared<PendingCall>();
           call->entry = &r;
           call->name = device_events::CallName(r);
+          if (exitOf.count(&r) != 0) call->exitOffset = exitOf[&r]->offset;
           if (call->name == "Shutdown") shutdownReplayed = true;
           pending[r.threadId].push_back(call);
           if (call->name == "ProcessOutput" && exitOf.count(&r) != 0) {
@@ -579,11 +594,16 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
                            std::to_string(call->exit.values.size()));
             break;
           }
-          for (size_t i = 1; i < r.values.size(); ++i) {
+          for (size_t i = 1; i < r.values.size() && report.divergence.empty(); ++i) {
             const std::string why = CompareValues(r.values[i], call->exit.values[i]);
-            if (!why.empty()) {
-              diverge(r, "value " + std::to_string(i) + " handed out: " + why);
-              break;
+            if (!why.empty()) diverge(r, "value " + std::to_string(i) + " handed out: " + why);
+          }
+          // The driver requests the call made when recorded must have been made by now.
+          for (size_t request : requestsMadeBy[&r]) {
+            if (!report.divergence.empty()) break;
+            if (!filter->Answered(request)) {
+              diverge(r, "the call did not make the driver request it made when recorded: " +
+                             device_events::FormatRecord(recordedRequests[request], names));
             }
           }
           break;

@@ -254,18 +254,26 @@ void DeviceEventsRecorder::Finish(RecordEncoder &record) {
   writer->Push(std::move(record.Buffer()));
 }
 
+RecordEncoder DeviceEventsRecorder::BeginCall(std::vector<uint8_t> &buffer, RecordKind kind, HRESULT result,
+                                             const char *function, std::string &name) {
+  const char *begin = nullptr;
+  size_t length = 0;
+  ShortName(function, begin, length);
+  name.assign(begin, length);
+  RecordEncoder record = Begin(buffer, kind, result);
+  record.String(name.data(), name.size());
+  return record;
+}
+
 void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue *arguments, size_t count) {
   if (!IsRecording()) return;
-  const char *name = nullptr;
-  size_t nameLength = 0;
-  ShortName(function, name, nameLength);
   std::vector<uint8_t> buffer;
-  RecordEncoder record = Begin(buffer, RecordKind::CallEntry, S_OK);
-  record.String(name, nameLength);
+  std::string name;
+  RecordEncoder record = BeginCall(buffer, RecordKind::CallEntry, S_OK, function, name);
   for (size_t i = 0; i < count; ++i) EncodeArgument(record, arguments[i], pixelData);
   Finish(record);
   if (count == 1 && arguments[0].kind == RecordedValue::Kind::Attributes && arguments[0].pointer != nullptr &&
-      std::string(name, nameLength) == "InitializeTransform") {
+      name == "InitializeTransform") {
     RecordFilter(static_cast<IMFAttributes *>(const_cast<void *>(arguments[0].pointer)));
   }
 }
@@ -273,12 +281,9 @@ void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue 
 void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, const RecordedValue *arguments,
                                         size_t count) {
   if (!IsRecording()) return;
-  const char *name = nullptr;
-  size_t nameLength = 0;
-  ShortName(function, name, nameLength);
   std::vector<uint8_t> buffer;
-  RecordEncoder record = Begin(buffer, RecordKind::CallExit, result);
-  record.String(name, nameLength);
+  std::string name;
+  RecordEncoder record = BeginCall(buffer, RecordKind::CallExit, result, function, name);
   for (size_t i = 0; i < count; ++i) EncodeOutput(record, arguments[i], result, pixelData);
   Finish(record);
 }

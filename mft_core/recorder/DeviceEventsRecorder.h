@@ -68,6 +68,9 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   // Encodes into `buffer`, one of the writer's spare buffers.
   device_events::RecordEncoder Begin(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result);
   void Finish(device_events::RecordEncoder &record);
+  // A call or return record begun with the call's short name ("ProcessInput"), also handed back.
+  device_events::RecordEncoder BeginCall(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result,
+                                         const char *function, std::string &name);
 
   const bool pixelData;
   const std::wstring path;
