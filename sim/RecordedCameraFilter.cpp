@@ -16,7 +16,7 @@ namespace {
 
 constexpr HRESULT kNotRecorded = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
 constexpr size_t kFlagsOffset = 20;  // of Flags in a KS identifier
-constexpr uint64_t kNoCall = ~uint64_t{0};
+constexpr uint64_t kNoCall = RecordedCameraFilter::kNoCall;
 // The recorded return of the call this thread is replaying (kNoCall: none, e.g. a work-queue thread).
 thread_local uint64_t callExitOffset = kNoCall;
 thread_local uint32_t callThread = 0;  // the recorded thread of that call
@@ -90,7 +90,7 @@ bool RecordedCameraFilter::SignalEvent(const GUID &set, ULONG id) {
   return false;
 }
 
-std::vector<std::string> RecordedCameraFilter::Divergences() {
+std::vector<RecordedCameraFilter::Divergence> RecordedCameraFilter::Divergences() {
   std::lock_guard<std::mutex> lock(mutex);
   return divergences;
 }
@@ -216,9 +216,10 @@ HRESULT RecordedCameraFilter::Answer(uint32_t kind, const void *identifier, ULON
     const Record &request = requests[i];
     used[i] = true;
     if (callExitOffset != kNoCall && request.offset > callExitOffset) {
-      divergences.push_back("driver request " + IdentifierText(kind, identifier, identifierLength) +
-                            " made earlier than recorded: the recording has it at offset " +
-                            std::to_string(request.offset) + ", after the return of the call that made it now");
+      divergences.push_back({"driver request " + IdentifierText(kind, identifier, identifierLength) +
+                                 " made earlier than recorded: the recording has it at offset " +
+                                 std::to_string(request.offset) + ", after the return of the call that made it now",
+                             callExitOffset});
     }
     // Data the transform sends must be what it sent when recorded (a GET's buffer is not compared).
     ULONG flags = 0;
@@ -227,8 +228,10 @@ HRESULT RecordedCameraFilter::Answer(uint32_t kind, const void *identifier, ULON
     const Value &dataIn = request.values[2];
     if (sends && !dataIn.IsNull() && data != nullptr &&
         (dataIn.bytes.size() != dataLength || std::memcmp(dataIn.bytes.data(), data, dataLength) != 0)) {
-      divergences.push_back("driver request " + IdentifierText(kind, identifier, identifierLength) +
-                            " (recorded at offset " + std::to_string(request.offset) + ") sent other data than recorded");
+      divergences.push_back({"driver request " + IdentifierText(kind, identifier, identifierLength) +
+                                 " (recorded at offset " + std::to_string(request.offset) +
+                                 ") sent other data than recorded",
+                             callExitOffset});
     }
     // Subscriptions keep the transform's event handle, so that recorded driver events can be signalled.
     const bool enable = kind == static_cast<uint32_t>(device_events::KsKind::Event) && identifier != nullptr &&
@@ -262,8 +265,9 @@ HRESULT RecordedCameraFilter::Answer(uint32_t kind, const void *identifier, ULON
     }
     return result;
   }
-  divergences.push_back("the transform made a driver request the recording does not have: " +
-                        IdentifierText(kind, identifier, identifierLength));
+  divergences.push_back(
+      {"the transform made a driver request the recording does not have: " + IdentifierText(kind, identifier, identifierLength),
+       callExitOffset});
   return kNotRecorded;
 }
 

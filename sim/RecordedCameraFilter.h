@@ -26,8 +26,14 @@ class RecordedCameraFilter : public DriverFilterTransform<IKsControl, IKsTopolog
   HRESULT CreateFilterAttributes(const device_events::Value &recorded, IMFAttributes **attributes);
   // Signals the event the transform subscribed to with (set, id); false when it has not.
   bool SignalEvent(const GUID &set, ULONG id);
-  // What did not match the recording, in order ("request not in the recording: ...").
-  std::vector<std::string> Divergences();
+  // What did not match the recording, in order ("request not in the recording: ..."), with the
+  // recorded return of the replayed call that made the request (kNoCall: not made by a replayed call).
+  static constexpr uint64_t kNoCall = ~uint64_t{0};
+  struct Divergence {
+    std::string what;
+    uint64_t callExitOffset = kNoCall;
+  };
+  std::vector<Divergence> Divergences();
   // Recorded requests the transform never made.
   std::vector<const device_events::Record *> UnusedRequests();
   // Whether the transform has made the `index`-th recorded request (in the order given to Create).
@@ -102,7 +108,7 @@ class RecordedCameraFilter : public DriverFilterTransform<IKsControl, IKsTopolog
   std::vector<device_events::Record> requests;
   std::vector<bool> used;
   std::vector<Subscription> subscriptions;
-  std::vector<std::string> divergences;
+  std::vector<Divergence> divergences;
 };
 
 }  // namespace sim

@@ -1,5 +1,6 @@
 #include "sim/ReplaySession.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -466,6 +467,29 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
     }
   }
   const std::vector<Record> recordedRequests = driverRequests;
+  // Output stream N hands out input stream N's frames in the order they came in: the k-th sample a
+  // stream delivered was the k-th frame its input took. For each ProcessOutput, how many frames of each
+  // stream must be in before it is made.
+  std::map<uint32_t, std::vector<const Record *>> framesOf;  // accepted ProcessInput calls, in entry order
+  std::map<const Record *, std::map<uint32_t, size_t>> framesNeeded;
+  {
+    std::map<const Record *, const Record *> entryOf;
+    for (const auto &call : exitOf) entryOf[call.second] = call.first;
+    std::map<uint32_t, size_t> delivered;
+    for (const Record &r : records) {
+      if (r.Kind() == RecordKind::CallEntry && device_events::CallName(r) == "ProcessInput" && exitOf.count(&r) != 0 &&
+          exitOf[&r]->result == 0) {
+        framesOf[U32At(r, 1)].push_back(&r);
+      }
+      if (r.Kind() == RecordKind::CallExit && device_events::CallName(r) == "ProcessOutput" && entryOf.count(&r) != 0) {
+        for (size_t b = 1; b + 2 < r.values.size(); b += 3) {
+          if (r.values[b + 2].tag != ValueTag::Sample) continue;
+          const uint32_t stream = U32At(r, b);
+          framesNeeded[entryOf[&r]][stream] = ++delivered[stream];
+        }
+      }
+    }
+  }
   if (filterRecord == nullptr) {
     report.divergence = "the recording has no driver filter record (it did not see InitializeTransform)";
     return report;
@@ -486,10 +510,12 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
 
   const device_events::Names names;
   std::deque<std::string> context;
+  // `at` is one of `records`.
   auto diverge = [&](const Record &at, const std::string &what) {
-    report.divergence = "at record " + std::to_string(report.records) + " (offset " + std::to_string(at.offset) +
+    const auto index = static_cast<uint64_t>(&at - records.data());
+    report.divergence = "at record " + std::to_string(index) + " (offset " + std::to_string(at.offset) +
                         "): " + device_events::FormatRecord(at, names) + "\n    " + what;
-    report.divergenceRecord = report.records;
+    report.divergenceRecord = index;
     report.divergenceKind = at.kind;
     report.divergenceCall = device_events::CallName(at);
     report.context.assign(context.begin(), context.end());
@@ -498,6 +524,20 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
     std::unique_ptr<EventPump> pump = generator ? std::make_unique<EventPump>(generator) : nullptr;
     std::map<uint32_t, std::unique_ptr<Lane>> lanes;
     std::map<uint32_t, std::deque<std::shared_ptr<PendingCall>>> pending;
+    // Calls by their entry, made before their entry is reached when a ProcessOutput needs their frame;
+    // and how many frames of each stream are known to be in.
+    std::map<const Record *, std::shared_ptr<PendingCall>> callsByEntry;
+    std::map<uint32_t, size_t> framesIn;
+    auto callOf = [&](const Record &entry) {
+      auto &call = callsByEntry[&entry];
+      if (!call) {
+        call = std::make_shared<PendingCall>();
+        call->entry = &entry;
+        call->name = device_events::CallName(entry);
+        if (exitOf.count(&entry) != 0) call->exitOffset = exitOf[&entry]->offset;
+      }
+      return call;
+    };
     bool shutdownReplayed = false;
     auto lane = [&](uint32_t thread) -> Lane & {
       auto &slot = lanes[thread];
@@ -540,25 +580,18 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       if (!report.divergence.empty()) break;
       switch (r.Kind()) {
         case RecordKind::CallEntry: {
-          auto call = std::make_shared<PendingCall>();
-          call->entry = &r;
-          call->name = device_events::CallName(r);
-          if (exitOf.count(&r) != 0) call->exitOffset = exitOf[&r]->offset;
+          auto call = callOf(r);
           if (call->name == "Shutdown") shutdownReplayed = true;
           pending[r.threadId].push_back(call);
           if (call->name == "ProcessOutput" && exitOf.count(&r) != 0) {
-            // A sample handed out may come from a frame whose ProcessInput was entered but had not
-            // returned yet: that input is made first. Output stream N takes input stream N's frames.
-            const Record &exit = *exitOf[&r];
-            for (size_t b = 1; b + 2 < exit.values.size(); b += 3) {
-              if (exit.values[b + 2].tag != ValueTag::Sample) continue;
-              const uint32_t stream = static_cast<uint32_t>(exit.values[b].number);
-              for (auto &other : pending) {
-                for (auto &input : other.second) {
-                  if (input->posted || input->name != "ProcessInput" || U32At(*input->entry, 1) != stream) continue;
-                  post(other.first, input);
-                  input->Wait(options.waitMs);
-                }
+            // The frames it hands out are made first, with every frame before them, in their order.
+            for (const auto &needed : framesNeeded[&r]) {
+              const auto &frames = framesOf[needed.first];
+              size_t &in = framesIn[needed.first];
+              for (; in < needed.second && in < frames.size(); ++in) {
+                auto input = callOf(*frames[in]);
+                post(frames[in]->threadId, input);
+                input->Wait(options.waitMs);
               }
             }
             post(r.threadId, call);
@@ -711,7 +744,13 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       settle(false);
       if (report.divergence.empty()) {
         const auto driverDivergences = filter->Divergences();
-        if (!driverDivergences.empty()) diverge(r, driverDivergences.front());
+        if (!driverDivergences.empty()) {
+          // Reported at the return of the call that made the request, when a replayed call made it.
+          const auto &first = driverDivergences.front();
+          const auto call = std::lower_bound(records.begin(), records.end(), first.callExitOffset,
+                                             [](const Record &record, uint64_t offset) { return record.offset < offset; });
+          diverge(call != records.end() && call->offset == first.callExitOffset ? *call : r, first.what);
+        }
       }
       ++report.records;
       context.push_back(device_events::FormatRecord(r, names));

@@ -76,6 +76,12 @@ bool DllTransformFactory::ClassOfTransform(const std::string &transformName, GUI
   return FindClass(transformName, true, clsid);
 }
 
+bool DllTransformFactory::ClassOfRecording(const GUID &recordedClass, const std::string &transformName, GUID &clsid) {
+  if (recordedClass == GUID_NULL) return ClassOfTransform(transformName, clsid);
+  clsid = recordedClass;
+  return true;
+}
+
 HRESULT DllTransformFactory::CreateTransform(const sim::CameraConfig &camera, IMFDeviceTransform **transform) {
   if (transform == nullptr) return E_POINTER;
   *transform = nullptr;

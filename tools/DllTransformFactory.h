@@ -28,6 +28,8 @@ class DllTransformFactory : public sim::ITransformFactory {
   static bool ClassOf(const std::string &cameraName, GUID &clsid);
   // The class identifier of a transform by its friendly name ("WQ400 Depth Device MFT").
   static bool ClassOfTransform(const std::string &transformName, GUID &clsid);
+  // The class a recording names: its recorded class, or when that is empty its transform name's.
+  static bool ClassOfRecording(const GUID &recordedClass, const std::string &transformName, GUID &clsid);
   // Beside the program, or in the build tree's module folder.
   static std::wstring DefaultModulePath();
 

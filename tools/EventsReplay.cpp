@@ -66,13 +66,14 @@ int main(int argc, char **argv) {
       return sim::CreateSimulatedSessionTransform(header, transform);
     }
     setupFailed = true;
-    CLSID clsid = mft_core::FromRecorded(header.transformClass);
+    CLSID clsid = GUID_NULL;
     if (!classText.empty()) {
       if (FAILED(CLSIDFromString(classText.c_str(), &clsid))) {
         std::cerr << "--class needs a class identifier in braces\n";
         return E_INVALIDARG;
       }
-    } else if (clsid == GUID_NULL && !tools::DllTransformFactory::ClassOfTransform(header.transformName, clsid)) {
+    } else if (!tools::DllTransformFactory::ClassOfRecording(mft_core::FromRecorded(header.transformClass),
+                                                            header.transformName, clsid)) {
       std::cerr << "the recording does not name a class of the module: give --class\n";
       return E_INVALIDARG;
     }

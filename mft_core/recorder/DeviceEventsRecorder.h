@@ -57,8 +57,10 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   std::shared_ptr<IKsControlsObserver> DriverRequestsObserver() override { return driverObserver; }
 
   // One KS request with the answer: `dataIn` holds the data as it was before the request.
-  void RecordKsRequest(device_events::RecordKind kind, KsControlType type, const KSIDENTIFIER *identifier,
-                       ULONG identifierLength, const std::vector<uint8_t> *dataIn, const void *data, ULONG dataLength,
+  // `identifier` and `dataIn` as they were when the request was made (a request may use one buffer for
+  // both, which the driver then overwrites); `data` as the request left it.
+  void RecordKsRequest(device_events::RecordKind kind, KsControlType type, const std::vector<uint8_t> *identifier,
+                       const std::vector<uint8_t> *dataIn, const void *data, ULONG dataLength,
                        const ULONG *bytesReturned, HRESULT result);
 
  private:
