@@ -1,0 +1,136 @@
+// Each camera transform, created through the DLL and streaming on the simulated camera, under a storm of
+// random and lying KS requests from an application: afterwards it still streams and its controls still
+// answer as they should. Every buffer the requests carry is fenced by guard pages, so an overrun by the
+// transform (or by the driver it forwards to) faults the program. Counts scale with
+// WQ400_ROBUSTNESS_SCALE.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "product/controls/WQ400PrivateProperties.h"
+#include "robustness/RobustnessSupport.h"
+#include "sim/FrameServerHost.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace robustness {
+namespace {
+
+uint64_t FramesOut(sim::FrameServerHost &host, DWORD streamId) {
+  for (const auto &stats : host.Stats()) {
+    if (stats.outputStreamId == streamId) return stats.framesOut;
+  }
+  return 0;
+}
+
+ComPtr<IMFMediaType> FirstType(IMFDeviceTransform *device, DWORD streamId) {
+  ComPtr<IMFMediaType> type;
+  EXPECT_EQ(S_OK, device->GetOutputAvailableType(streamId, 0, type.GetAddressOf()));
+  return type;
+}
+
+HRESULT Property(IKsControl *ks, const GUID &set, ULONG id, ULONG flags, void *data, ULONG length) {
+  KSPROPERTY property = {set, id, flags};
+  ULONG bytesReturned = 0;
+  return ks->KsProperty(&property, sizeof(property), data, length, &bytesReturned);
+}
+
+void ExpectApiVersion(IKsControl *ks) {
+  mft_core::KSPROPERTY_WQ400_API_VERSION version = {};
+  ASSERT_EQ(S_OK, Property(ks, mft_core::PROPSETID_WQ400_PRIVATE, mft_core::KSPROPERTY_WQ400_API_VERSION_ID,
+                           KSPROPERTY_TYPE_GET, &version, sizeof(version)));
+  EXPECT_EQ(2u, version.major);
+  EXPECT_EQ(3u, version.minor);
+}
+
+// The standard gain, set and read back through the transform.
+void ExpectGainRoundTrip(IKsControl *ks, LONG value) {
+  KSPROPERTY_VIDEOPROCAMP_S gain = {};
+  gain.Property = {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, KSPROPERTY_TYPE_SET};
+  gain.Value = value;
+  gain.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
+  ULONG bytesReturned = 0;
+  ASSERT_EQ(S_OK, ks->KsProperty(&gain.Property, sizeof(gain), &gain, sizeof(gain), &bytesReturned));
+  gain = {};
+  gain.Property = {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, KSPROPERTY_TYPE_GET};
+  ASSERT_EQ(S_OK, ks->KsProperty(&gain.Property, sizeof(gain), &gain, sizeof(gain), &bytesReturned));
+  EXPECT_EQ(value, gain.Value);
+}
+
+// A manual exposure (100 ns units) through the extended exposure control, read back.
+void ExpectManualExposureRoundTrip(IKsControl *ks, ULONGLONG exposure) {
+  struct {
+    KSCAMERA_EXTENDEDPROP_HEADER header;
+    KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING setting;
+  } request = {};
+  request.header.Version = 1;
+  request.header.PinId = 0xFFFFFFFF;
+  request.header.Size = sizeof(request);
+  request.header.Flags = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL;
+  request.setting.VideoProc.Value.ull = exposure;
+  ASSERT_EQ(S_OK, Property(ks, KSPROPERTYSETID_ExtendedCameraControl, KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE,
+                           KSPROPERTY_TYPE_SET, &request, sizeof(request)));
+  request = {};
+  ASSERT_EQ(S_OK, Property(ks, KSPROPERTYSETID_ExtendedCameraControl, KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE,
+                           KSPROPERTY_TYPE_GET, &request, sizeof(request)));
+  EXPECT_EQ(static_cast<ULONGLONG>(KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL), request.header.Flags);
+  EXPECT_EQ(exposure, request.setting.VideoProc.Value.ull);
+}
+
+class KsFuzz : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
+  const sim::CameraConfig camera = Camera(GetParam());
+  ComPtr<sim::SimulatedCameraFilter> filter = sim::SimulatedCameraFilter::Create(camera);
+  ComPtr<IMFDeviceTransform> device;
+  ASSERT_EQ(S_OK, CreateThroughDll(camera, device));
+  ASSERT_TRUE(filter && device);
+  sim::FrameServerHost host(device, filter);
+  ASSERT_EQ(S_OK, host.Initialize());
+  ASSERT_EQ(S_OK, host.StartStream(0, FirstType(device.Get(), 0).Get()));
+  ASSERT_TRUE(WaitFor([&] { return FramesOut(host, 0) >= 2; }));
+
+  HANDLE applicationEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  ComPtr<IKsControl> ks = host.ApplicationKsControl();
+  ASSERT_TRUE(ks);
+  {
+    KsFuzzer fuzzer(0x5EED0000u + static_cast<uint32_t>(GetParam().size()), camera, applicationEvent);
+    Watchdog watchdog("KS fuzz");
+    const uint64_t requests = Scaled(100000);
+    for (uint64_t i = 0; i < requests; ++i) {
+      if (i % 256 == 0) watchdog.Beat(fuzzer.LastRequest());
+      fuzzer.SendOne(ks.Get());
+    }
+    const KsRequestStats &stats = fuzzer.Stats();
+    EXPECT_EQ(requests, stats.sent);
+    std::printf("%s: %llu KS requests (%llu properties, %llu events, %llu methods), %llu succeeded\n",
+                GetParam().c_str(), static_cast<unsigned long long>(stats.sent),
+                static_cast<unsigned long long>(stats.byKind[0]), static_cast<unsigned long long>(stats.byKind[1]),
+                static_cast<unsigned long long>(stats.byKind[2]), static_cast<unsigned long long>(stats.succeeded));
+  }
+
+  // Still streaming, and its controls still answer as they should.
+  const uint64_t before = FramesOut(host, 0);
+  EXPECT_TRUE(WaitFor([&] { return FramesOut(host, 0) >= before + 3; }));
+  ExpectApiVersion(ks.Get());
+  if (camera.name != "color") {
+    ExpectManualExposureRoundTrip(ks.Get(), 50000);
+    ExpectManualExposureRoundTrip(ks.Get(), 100000);
+  }
+  ExpectGainRoundTrip(ks.Get(), 20);
+  ExpectGainRoundTrip(ks.Get(), 32);
+  ASSERT_EQ(S_OK, host.StopStream(0));
+  ASSERT_EQ(S_OK, host.StartStream(0, FirstType(device.Get(), 0).Get()));
+  const uint64_t restarted = FramesOut(host, 0);
+  EXPECT_TRUE(WaitFor([&] { return FramesOut(host, 0) >= restarted + 3; }));
+  EXPECT_EQ(S_OK, host.Shutdown());
+  CloseHandle(applicationEvent);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachCamera, KsFuzz, ::testing::ValuesIn(CameraNames()),
+                         [](const ::testing::TestParamInfo<std::string> &info) { return info.param; });
+
+}  // namespace
+}  // namespace robustness
