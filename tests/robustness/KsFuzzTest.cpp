@@ -5,8 +5,11 @@
 // WQ400_ROBUSTNESS_SCALE.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <thread>
 #include <vector>
 
 #include "product/controls/WQ400PrivateProperties.h"
@@ -96,19 +99,47 @@ TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
   ComPtr<IKsControl> ks = host.ApplicationKsControl();
   ASSERT_TRUE(ks);
   {
-    KsFuzzer fuzzer(0x5EED0000u + static_cast<uint32_t>(GetParam().size()), camera, applicationEvent);
-    Watchdog watchdog("KS fuzz");
+    // Two applications at once, each with its own fuzzer, while the camera now and then signals its
+    // firmware-condition event.
+    constexpr int kApplications = 2;
     const uint64_t requests = Scaled(100000);
-    for (uint64_t i = 0; i < requests; ++i) {
-      if (i % 256 == 0) watchdog.Beat(fuzzer.LastRequest());
-      fuzzer.SendOne(ks.Get());
+    std::vector<std::unique_ptr<KsFuzzer>> fuzzers;
+    for (int i = 0; i < kApplications; ++i) {
+      fuzzers.push_back(std::make_unique<KsFuzzer>(0x5EED0000u + 16 * i + static_cast<uint32_t>(GetParam().size()),
+                                                   camera, applicationEvent));
     }
-    const KsRequestStats &stats = fuzzer.Stats();
-    EXPECT_EQ(requests, stats.sent);
+    Watchdog watchdog("KS fuzz");
+    std::atomic<bool> fuzzing{true};
+    std::thread camerasEvents([&] {
+      while (fuzzing) {
+        filter->SignalAutoUpdate();
+        Sleep(20);
+      }
+    });
+    std::vector<std::thread> applications;
+    for (int a = 0; a < kApplications; ++a) {
+      applications.emplace_back([&, a] {
+        KsFuzzer &fuzzer = *fuzzers[a];
+        for (uint64_t i = a; i < requests; i += kApplications) {
+          if (a == 0 && i % 256 == 0) watchdog.Beat(fuzzer.LastRequest());
+          fuzzer.SendOne(ks.Get());
+        }
+      });
+    }
+    for (auto &application : applications) application.join();
+    fuzzing = false;
+    camerasEvents.join();
+    KsRequestStats total;
+    for (const auto &fuzzer : fuzzers) {
+      total.sent += fuzzer->Stats().sent;
+      total.succeeded += fuzzer->Stats().succeeded;
+      for (int k = 0; k < 3; ++k) total.byKind[k] += fuzzer->Stats().byKind[k];
+    }
+    EXPECT_EQ(requests, total.sent);
     std::printf("%s: %llu KS requests (%llu properties, %llu events, %llu methods), %llu succeeded\n",
-                GetParam().c_str(), static_cast<unsigned long long>(stats.sent),
-                static_cast<unsigned long long>(stats.byKind[0]), static_cast<unsigned long long>(stats.byKind[1]),
-                static_cast<unsigned long long>(stats.byKind[2]), static_cast<unsigned long long>(stats.succeeded));
+                GetParam().c_str(), static_cast<unsigned long long>(total.sent),
+                static_cast<unsigned long long>(total.byKind[0]), static_cast<unsigned long long>(total.byKind[1]),
+                static_cast<unsigned long long>(total.byKind[2]), static_cast<unsigned long long>(total.succeeded));
   }
 
   // Still streaming, and its controls still answer as they should.
