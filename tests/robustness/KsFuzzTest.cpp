@@ -110,10 +110,11 @@ TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
     }
     Watchdog watchdog("KS fuzz");
     std::atomic<bool> fuzzing{true};
+    std::atomic<size_t> signalled{0};
     std::thread camerasEvents([&] {
       while (fuzzing) {
-        filter->SignalAutoUpdate();
-        Sleep(20);
+        signalled = filter->SignalAutoUpdate();
+        Sleep(50);
       }
     });
     std::vector<std::thread> applications;
@@ -136,10 +137,10 @@ TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
       for (int k = 0; k < 3; ++k) total.byKind[k] += fuzzer->Stats().byKind[k];
     }
     EXPECT_EQ(requests, total.sent);
-    std::printf("%s: %llu KS requests (%llu properties, %llu events, %llu methods), %llu succeeded\n",
+    std::printf("%s: %llu KS requests (%llu properties, %llu events, %llu methods), %llu succeeded, %zu driver subscriptions left\n",
                 GetParam().c_str(), static_cast<unsigned long long>(total.sent),
                 static_cast<unsigned long long>(total.byKind[0]), static_cast<unsigned long long>(total.byKind[1]),
-                static_cast<unsigned long long>(total.byKind[2]), static_cast<unsigned long long>(total.succeeded));
+                static_cast<unsigned long long>(total.byKind[2]), static_cast<unsigned long long>(total.succeeded), signalled.load());
   }
 
   // Still streaming, and its controls still answer as they should.

@@ -270,6 +270,20 @@ KsRequestShape KsFuzzer::MutatedShape() {
 }
 
 HRESULT KsFuzzer::SendOne(IKsControl *target) {
+  // Now and then the application takes back the event subscriptions it left behind, as applications
+  // do when they close: the driver keeps (and signals) every one until then.
+  if (++stats.sent % 4096 == 0) {
+    // Subscriptions are named by where their event data was: the start of the region, or a length of
+    // event data ending at its end.
+    std::vector<BYTE *> places = {dataRegion.StartingAtGuard()};
+    for (size_t length = sizeof(KSEVENTDATA); length <= 80; ++length) places.push_back(dataRegion.EndingAtGuard(length));
+    for (BYTE *eventData : places) {
+      ULONG bytesReturned = 0;
+      for (int i = 0; i < 4096 && SUCCEEDED(target->KsEvent(nullptr, 0, eventData, sizeof(KSEVENTDATA), &bytesReturned));
+           ++i) {
+      }
+    }
+  }
   return Send(target, random() % 2 == 0 ? MutatedShape() : RandomShape());
 }
 
@@ -340,7 +354,6 @@ HRESULT KsFuzzer::Send(IKsControl *target, const KsRequestShape &shape) {
                             bytesReturnedPointer);
       break;
   }
-  ++stats.sent;
   ++stats.byKind[static_cast<int>(shape.kind)];
   if (SUCCEEDED(hr)) ++stats.succeeded;
   return hr;
