@@ -64,15 +64,7 @@ void ExpectGainRoundTrip(IKsControl *ks, LONG value) {
 
 // A manual exposure (100 ns units) through the extended exposure control, read back.
 void ExpectManualExposureRoundTrip(IKsControl *ks, ULONGLONG exposure) {
-  struct {
-    KSCAMERA_EXTENDEDPROP_HEADER header;
-    KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING setting;
-  } request = {};
-  request.header.Version = 1;
-  request.header.PinId = 0xFFFFFFFF;
-  request.header.Size = sizeof(request);
-  request.header.Flags = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL;
-  request.setting.VideoProc.Value.ull = exposure;
+  ExtendedExposureData request = ManualExposure(exposure);
   ASSERT_EQ(S_OK, Property(ks, KSPROPERTYSETID_ExtendedCameraControl, KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE,
                            KSPROPERTY_TYPE_SET, &request, sizeof(request)));
   request = {};
@@ -85,14 +77,14 @@ void ExpectManualExposureRoundTrip(IKsControl *ks, ULONGLONG exposure) {
 class KsFuzz : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
-  const sim::CameraConfig camera = Camera(GetParam());
-  ComPtr<sim::SimulatedCameraFilter> filter = sim::SimulatedCameraFilter::Create(camera);
-  ComPtr<IMFDeviceTransform> device;
-  ASSERT_EQ(S_OK, CreateThroughDll(camera, device));
-  ASSERT_TRUE(filter && device);
-  sim::FrameServerHost host(device, filter);
+  TransformOnCamera subject(GetParam());
+  ASSERT_TRUE(subject.host);
+  const sim::CameraConfig &camera = subject.camera;
+  sim::SimulatedCameraFilter *filter = subject.filter.Get();
+  IMFDeviceTransform *device = subject.device.Get();
+  sim::FrameServerHost &host = *subject.host;
   ASSERT_EQ(S_OK, host.Initialize());
-  ASSERT_EQ(S_OK, host.StartStream(0, FirstType(device.Get(), 0).Get()));
+  ASSERT_EQ(S_OK, host.StartStream(0, FirstType(device, 0).Get()));
   ASSERT_TRUE(WaitFor([&] { return FramesOut(host, 0) >= 2; }));
 
   HANDLE applicationEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
@@ -154,7 +146,7 @@ TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
   ExpectGainRoundTrip(ks.Get(), 20);
   ExpectGainRoundTrip(ks.Get(), 32);
   ASSERT_EQ(S_OK, host.StopStream(0));
-  ASSERT_EQ(S_OK, host.StartStream(0, FirstType(device.Get(), 0).Get()));
+  ASSERT_EQ(S_OK, host.StartStream(0, FirstType(device, 0).Get()));
   const uint64_t restarted = FramesOut(host, 0);
   EXPECT_TRUE(WaitFor([&] { return FramesOut(host, 0) >= restarted + 3; }));
   EXPECT_EQ(S_OK, host.Shutdown());

@@ -157,12 +157,11 @@ ComPtr<IMFMediaBuffer> ImageBuffer(IMFMediaType *type) {
 class MetadataFuzz : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(MetadataFuzz, DeliveredSamplesCarryTheRecordsTheCameraSentOrNone) {
-  const sim::CameraConfig camera = Camera(GetParam());
-  ComPtr<sim::SimulatedCameraFilter> filter = sim::SimulatedCameraFilter::Create(camera);
-  ComPtr<IMFDeviceTransform> device;
-  ASSERT_EQ(S_OK, CreateThroughDll(camera, device));
-  ASSERT_TRUE(filter && device);
-  sim::FrameServerHost host(device, filter);
+  TransformOnCamera subject(GetParam());
+  ASSERT_TRUE(subject.host);
+  const sim::CameraConfig &camera = subject.camera;
+  IMFDeviceTransform *device = subject.device.Get();
+  sim::FrameServerHost &host = *subject.host;
 
   ReferenceMetadataReader reference(camera.metadataKind);
   const std::vector<GUID> keys = reference.Keys();

@@ -40,6 +40,23 @@ HRESULT CreateThroughDll(const sim::CameraConfig &camera, ComPtr<IMFDeviceTransf
   return module->CreateTransform(camera, device.ReleaseAndGetAddressOf());
 }
 
+TransformOnCamera::TransformOnCamera(const std::string &cameraName) : camera(Camera(cameraName)) {
+  filter = sim::SimulatedCameraFilter::Create(camera);
+  if (filter && SUCCEEDED(CreateThroughDll(camera, device)) && device) {
+    host = std::make_unique<sim::FrameServerHost>(device, filter);
+  }
+}
+
+ExtendedExposureData ManualExposure(ULONGLONG exposure) {
+  ExtendedExposureData data = {};
+  data.header.Version = 1;
+  data.header.PinId = 0xFFFFFFFF;
+  data.header.Size = sizeof(data);
+  data.header.Flags = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL;
+  data.setting.VideoProc.Value.ull = exposure;
+  return data;
+}
+
 uint64_t Scaled(uint64_t count) {
   const char *scale = std::getenv("WQ400_ROBUSTNESS_SCALE");
   const uint64_t factor = scale != nullptr ? std::strtoull(scale, nullptr, 10) : 1;
@@ -141,15 +158,7 @@ std::vector<KsRequestShape> AnsweredRequests(const sim::CameraConfig &camera) {
       shapes.push_back(Shape(KsKind::Property, control.set, control.id, flags, Bytes(request)));
     }
   }
-  struct {
-    KSCAMERA_EXTENDEDPROP_HEADER header;
-    KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING setting;
-  } exposure = {};
-  exposure.header.Version = 1;
-  exposure.header.PinId = 0xFFFFFFFF;
-  exposure.header.Size = sizeof(exposure);
-  exposure.header.Flags = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL;
-  exposure.setting.VideoProc.Value.ull = 50000;
+  const ExtendedExposureData exposure = ManualExposure(50000);
   for (ULONG flags : {KSPROPERTY_TYPE_GET, KSPROPERTY_TYPE_SET}) {
     shapes.push_back(Shape(KsKind::Property, KSPROPERTYSETID_ExtendedCameraControl,
                            KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE, flags, Bytes(exposure)));

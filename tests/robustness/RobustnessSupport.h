@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -16,6 +17,7 @@
 
 #include "platform/WindowsSdk.h"
 #include "sim/CameraConfig.h"
+#include "sim/FrameServerHost.h"
 
 namespace robustness {
 
@@ -25,6 +27,23 @@ sim::CameraConfig Camera(const std::string &name);
 // The camera's transform from the built WQ400DeviceMft.dll (LoadLibraryW once per program,
 // DllGetClassObject, IClassFactory::CreateInstance).
 HRESULT CreateThroughDll(const sim::CameraConfig &camera, Microsoft::WRL::ComPtr<IMFDeviceTransform> &device);
+
+// A camera's transform from the DLL on its simulated camera, driven by the simulated frame server;
+// `host` is null when the transform could not be created.
+struct TransformOnCamera {
+  explicit TransformOnCamera(const std::string &cameraName);
+  sim::CameraConfig camera;
+  Microsoft::WRL::ComPtr<sim::SimulatedCameraFilter> filter;
+  Microsoft::WRL::ComPtr<IMFDeviceTransform> device;
+  std::unique_ptr<sim::FrameServerHost> host;
+};
+
+// The extended exposure control's data: a manual exposure in 100 ns units.
+struct ExtendedExposureData {
+  KSCAMERA_EXTENDEDPROP_HEADER header;
+  KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING setting;
+};
+ExtendedExposureData ManualExposure(ULONGLONG exposure);
 
 // Counts scaled by WQ400_ROBUSTNESS_SCALE (a multiplier, default 1) for longer runs outside CI.
 uint64_t Scaled(uint64_t count);
