@@ -1,10 +1,10 @@
 # The product libraries this build has, users first, and the platform libraries they need.
 set(WQ_ALL_LIBS)
-foreach(lib sim product mft_core autoexposure user_space_frameworks platform)
+foreach(lib sim product mft_core device_events autoexposure user_space_frameworks platform)
   if(TARGET ${lib})
     list(APPEND WQ_ALL_LIBS ${lib})
   endif()
 endforeach()
 if(WQ_WINDOWS)
-  list(APPEND WQ_ALL_LIBS mfplat mfuuid mf ole32 oleaut32 uuid ksguid strmiids rpcrt4 advapi32 shlwapi)
+  list(APPEND WQ_ALL_LIBS mfplat mfuuid mf ole32 oleaut32 uuid ksguid strmiids rpcrt4 advapi32 shlwapi version)
 endif()

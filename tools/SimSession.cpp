@@ -1,6 +1,8 @@
 // Streams a device transform over a simulated camera for a few seconds and prints what each stream did.
 //   sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size 848x480] [--fps 30] [--seconds 5]
-//               [--fw-error CODE] [--quiet]
+//               [--fw-error CODE] [--quiet] [--record [--pixels]]
+// --record switches the device events recording on (as the registry does in the field) for the
+// transforms the session creates; the recording goes to c:\VeldaraLogs\events.bin.
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -8,6 +10,7 @@
 #include <string>
 
 #include "platform/WindowsSdk.h"
+#include "mft_core/recorder/DeviceEventsRecorder.h"
 #include "sim/Session.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -15,10 +18,15 @@ namespace {
 
 void Usage() {
   std::cerr << "usage: sim_session [--camera depth|color|fisheye] [--streams 0,1,2] [--size WxH] [--fps N]\n"
-               "                   [--seconds S] [--fw-error CODE] [--quiet]\n";
+               "                   [--seconds S] [--fw-error CODE] [--quiet] [--record [--pixels]]\n";
 }
 
-bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
+struct Recording {
+  bool on = false;
+  bool pixels = false;
+};
+
+bool ParseOptions(int argc, char **argv, sim::SessionOptions &options, Recording &recording) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     auto value = [&]() -> std::string { return i + 1 < argc ? argv[++i] : std::string(); };
@@ -41,6 +49,10 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
       if (options.firmwareErrorCode < 0 || options.firmwareErrorCode > 255) return false;
     } else if (arg == "--quiet") {
       options.progress = false;
+    } else if (arg == "--record") {
+      recording.on = true;
+    } else if (arg == "--pixels") {
+      recording.pixels = true;
     } else {
       return false;
     }
@@ -52,8 +64,9 @@ bool ParseOptions(int argc, char **argv, sim::SessionOptions &options) {
 
 int main(int argc, char **argv) {
   sim::SessionOptions options;
+  Recording recording;
   try {
-    if (!ParseOptions(argc, argv, options)) {
+    if (!ParseOptions(argc, argv, options, recording)) {
       Usage();
       return 2;
     }
@@ -67,11 +80,25 @@ int main(int argc, char **argv) {
     return 1;
   }
   int exitCode = 0;
+  mft_core::DeviceEventsRecorderSettings recordingSettings;
+  if (recording.on) {
+    recordingSettings.enabled = true;
+    recordingSettings.pixelData = recording.pixels;
+    recordingSettings.path = mft_core::DeviceEventsRecorderSettings::kDefaultFile;
+    if (FAILED(recordingSettings.StoreInRegistry())) {
+      std::cerr << "cannot switch the recording on in the registry\n";
+      return 1;
+    }
+  }
   {
     sim::PassThroughTransformFactory factory;
     const sim::SessionResult result = sim::RunSession(options, factory, std::cout);
     std::cout << sim::FormatSummary(result);
     exitCode = SUCCEEDED(result.result) ? 0 : 1;
+  }
+  if (recording.on) {
+    mft_core::DeviceEventsRecorderSettings::RemoveFromRegistry();
+    std::cout << "Recorded to c:\\VeldaraLogs\\events.bin\n";
   }
   MFShutdown();
   CoUninitialize();

@@ -199,13 +199,6 @@ STDMETHODIMP KsEventListener::GetParameters(DWORD *pdwFlags, DWORD *pdwQueue) {
 
 STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
   return WQ_GUARDED([&]() -> HRESULT {
-    if (recorder && recorder->IsRecording()) {
-      KSIDENTIFIER identifier{};
-      identifier.Set = eventSet;
-      identifier.Id = eventId;
-      recorder->RecordCall("mft_core::KsEventListener::Invoke",
-                           KsIdentifierText(KsIdentifierKind::Event, &identifier));
-    }
     {
       AutoLock lock(critSec);
       if (pAsyncResult == nullptr || pAsyncResult != asyncResult.Get()) {
@@ -216,7 +209,11 @@ STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
     // A cancelled wait is not a driver notification.
     const HRESULT status = pAsyncResult->GetStatus();
     const bool signalled = SUCCEEDED(status);
-    if (signalled) NotifyObservers();
+    if (signalled) {
+      // Recorded where it is delivered: a cancelled or stale wait is not a driver event.
+      if (recorder) recorder->RecordDriverEvent(eventSet, eventId);
+      NotifyObservers();
+    }
 
     AutoLock lock(critSec);
     switch (state) {

@@ -3,6 +3,7 @@
 #include "mft_core/ks/KsControlHandlers.h"
 #include "mft_core/ks/KsControlsProxy.h"
 #include "mft_core/ks/KsText.h"
+#include "mft_core/recorder/DeviceEventsRecorder.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -38,8 +39,11 @@ std::wstring Widen(const std::string &text) { return std::wstring(text.begin(), 
 
 }  // namespace
 
-DeviceMft::DeviceMft(std::string name, const DeviceExtensionUnits &units)
-    : name(std::move(name)), extensionUnits(units), urlString(Widen(this->name)) {}
+DeviceMft::DeviceMft(std::string name, const DeviceExtensionUnits &units, const GUID &transformClass)
+    : name(std::move(name)), extensionUnits(units), urlString(Widen(this->name)) {
+  // Recording is switched on in the registry and read once, here.
+  SetDeviceEventsRecorder(DeviceEventsRecorder::CreateIfEnabled(transformClass, this->name));
+}
 
 HRESULT DeviceMft::OnInitializeTransform(IMFAttributes *filterAttributes) {
   RETURN_IF_FAILED(MFDeviceTransform::OnInitializeTransform(filterAttributes));
@@ -56,8 +60,10 @@ HRESULT DeviceMft::CreateFilterKsControl() {
   sourceTransform.As(&ksControl);
   RETURN_IF_NULL(ksControl);
   // Requests of our own go through the proxy: observed, and retried while the driver is not ready.
-  filterKsControl = user_space_frameworks::MakeComObject<KsControlsProxy>(ksControl.Get());
-  RETURN_IF_NULL(filterKsControl);
+  auto proxy = user_space_frameworks::MakeComObject<KsControlsProxy>(ksControl.Get());
+  RETURN_IF_NULL(proxy);
+  if (deviceEventsRecorder) proxy->AddKsControlsObserver(deviceEventsRecorder->DriverRequestsObserver());
+  filterKsControl = proxy;
   return S_OK;
 }
 

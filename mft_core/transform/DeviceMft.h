@@ -33,7 +33,8 @@ class DeviceMft : public MFDeviceTransform {
   std::shared_ptr<DeviceInfo> GetDeviceInfo() const { return deviceInfo; }
 
  protected:
-  DeviceMft(std::string name, const DeviceExtensionUnits &units);
+  // `transformClass` names the transform in its device events recording.
+  DeviceMft(std::string name, const DeviceExtensionUnits &units, const GUID &transformClass = GUID_NULL);
   ~DeviceMft() override = default;
 
   HRESULT OnInitializeTransform(IMFAttributes *filterAttributes) override;

@@ -28,21 +28,31 @@ const char *StateText(DeviceStreamState state) {
 }  // namespace
 
 template <typename... Args>
-void MFDeviceTransform::RecordCall(const char *prettyFunction, const Args &...args) {
-  if (deviceEventsRecorder && deviceEventsRecorder->IsRecording()) {
-    deviceEventsRecorder->RecordCall(user_space_frameworks::trace::QualifiedName(prettyFunction),
-                                     RecordedArguments(args...));
+void MFDeviceTransform::RecordCall(const char *function, const Args &...args) {
+  if (deviceEventsRecorder) {
+    const RecordedValue arguments[] = {RecordedValue(args)...};
+    deviceEventsRecorder->RecordCall(function, arguments, sizeof...(args));
   }
 }
 
-// The guard of every public method: record, refuse after shutdown, run the handler.
-#define WQ_TRANSFORM_ENTRY(function, handler, ...)                   \
-  ::user_space_frameworks::Guarded(function, [&]() -> HRESULT {      \
-    RecordCall(function, __VA_ARGS__);                               \
-    RETURN_IF_FAILED(CheckShutdown());                               \
-    RETURN_IF_FAILED(handler);                                       \
-    return S_OK;                                                     \
-  })
+template <typename... Args>
+HRESULT MFDeviceTransform::RecordReturn(const char *function, HRESULT result, const Args &...args) {
+  if (deviceEventsRecorder) {
+    const RecordedValue arguments[] = {RecordedValue(args)...};
+    deviceEventsRecorder->RecordReturn(function, result, arguments, sizeof...(args));
+  }
+  return result;
+}
+
+// The guard of every public method: record, refuse after shutdown, run the handler; then record the
+// result, including one the exception guard made.
+#define WQ_TRANSFORM_ENTRY(function, handler, ...)                                 \
+  RecordReturn(function, ::user_space_frameworks::Guarded(function, [&]() -> HRESULT { \
+    RecordCall(function, __VA_ARGS__);                                             \
+    RETURN_IF_FAILED(CheckShutdown());                                             \
+    RETURN_IF_FAILED(handler);                                                     \
+    return S_OK;                                                                   \
+  }), __VA_ARGS__)
 
 // ---- IMFDeviceTransform ----------------------------------------------------------------------------------------
 
@@ -91,7 +101,8 @@ STDMETHODIMP MFDeviceTransform::GetStreamIDs(DWORD dwInputIDArraySize, DWORD *pd
                                              DWORD dwOutputIDArraySize, DWORD *pdwOutputStreamIds) {
   return WQ_TRANSFORM_ENTRY(
       WQ_FUNCTION, OnGetStreamIDs(dwInputIDArraySize, pdwInputStreamIds, dwOutputIDArraySize, pdwOutputStreamIds),
-      dwInputIDArraySize, pdwInputStreamIds, dwOutputIDArraySize, pdwOutputStreamIds);
+      RecordedValue::StreamIds(dwInputIDArraySize, pdwInputStreamIds),
+      RecordedValue::StreamIds(dwOutputIDArraySize, pdwOutputStreamIds));
 }
 
 STDMETHODIMP MFDeviceTransform::ProcessEvent(DWORD dwInputStreamID, IMFMediaEvent *pEvent) {
@@ -111,7 +122,7 @@ HRESULT MFDeviceTransform::DeviceProcessMessage(MFT_MESSAGE_TYPE eMessage, ULONG
 HRESULT MFDeviceTransform::DeviceProcessOutput(DWORD dwFlags, DWORD cOutputBufferCount,
                                                MFT_OUTPUT_DATA_BUFFER *pOutputSample, DWORD *pdwStatus) {
   return WQ_TRANSFORM_ENTRY(kProcessOutput, OnProcessOutput(dwFlags, cOutputBufferCount, pOutputSample, pdwStatus),
-                            dwFlags, cOutputBufferCount, pOutputSample, pdwStatus);
+                            dwFlags, RecordedValue::OutputBuffers(cOutputBufferCount, pOutputSample), pdwStatus);
 }
 
 STDMETHODIMP MFDeviceTransform::SetInputStreamState(DWORD dwStreamID, IMFMediaType *pMediaType,
@@ -161,11 +172,18 @@ STDMETHODIMP MFDeviceTransform::Shutdown() {
 
 STDMETHODIMP MFDeviceTransform::GetShutdownStatus(MFSHUTDOWN_STATUS *pStatus) {
   // Answers after shutdown too: no shutdown check.
-  return WQ_GUARDED([&]() -> HRESULT {
+  return RecordReturn(WQ_FUNCTION, WQ_GUARDED([&]() -> HRESULT {
     RecordCall(WQ_FUNCTION, pStatus);
     RETURN_IF_FAILED(OnGetShutdownStatus(pStatus));
     return S_OK;
-  });
+  }), pStatus);
+}
+
+void MFDeviceTransform::SetDeviceEventsRecorder(std::shared_ptr<IDeviceEventsRecorder> recorder) {
+  if (deviceEventsRecorder) RemoveKsControlsObserver(deviceEventsRecorder->ApplicationRequestsObserver());
+  deviceEventsRecorder = std::move(recorder);
+  SetQueuedEventsRecorder(deviceEventsRecorder.get());
+  if (deviceEventsRecorder) AddKsControlsObserver(deviceEventsRecorder->ApplicationRequestsObserver());
 }
 
 // ---- Handlers ----------------------------------------------------------------------------------------------------

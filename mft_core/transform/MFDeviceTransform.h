@@ -111,14 +111,16 @@ class MFDeviceTransform : public DeviceTransformEntries,
   STDMETHODIMP Shutdown() override;
   STDMETHODIMP GetShutdownStatus(MFSHUTDOWN_STATUS *pStatus) override;
 
-  // Recording of every guarded call; empty means none.
-  void SetDeviceEventsRecorder(std::shared_ptr<IDeviceEventsRecorder> recorder) {
-    deviceEventsRecorder = std::move(recorder);
-  }
+  // Recording of every guarded call, application KS request and queued media event; empty means
+  // none. Set before the transform is used (at construction), never while calls are running.
+  void SetDeviceEventsRecorder(std::shared_ptr<IDeviceEventsRecorder> recorder);
 
  protected:
   MFDeviceTransform() = default;
-  ~MFDeviceTransform() override = default;
+  // The recording ends with the transform, even if a member that shares the recorder lives on.
+  ~MFDeviceTransform() override {
+    if (deviceEventsRecorder) deviceEventsRecorder->Close();
+  }
 
   // ---- Handlers ------------------------------------------------------------------------------------------
   virtual HRESULT OnInitializeTransform(IMFAttributes *filterAttributes);
@@ -203,7 +205,9 @@ class MFDeviceTransform : public DeviceTransformEntries,
                               DWORD *pdwStatus) final;
 
   template <typename... Args>
-  void RecordCall(const char *prettyFunction, const Args &...args);
+  void RecordCall(const char *function, const Args &...args);
+  template <typename... Args>
+  HRESULT RecordReturn(const char *function, HRESULT result, const Args &...args);
 };
 
 template <typename S>

@@ -104,12 +104,14 @@ HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtend
                        << " extended type " << user_space_frameworks::GuidText(guidExtendedType)
                        << " status " << user_space_frameworks::trace::HrText(hrStatus));
   }
+  if (queuedEventsRecorder) queuedEventsRecorder->RecordMediaEvent(met, guidExtendedType, hrStatus, pvValue);
   RETURN_IF_FAILED(pQueue->QueueEventParamVar(met, guidExtendedType, hrStatus, pvValue));
   return S_OK;
 }
 
 HRESULT MediaEventGenerator::QueueEvent(IMFMediaEvent *event) {
   if (isQueueCreated != 1) return E_OUTOFMEMORY;
+  if (queuedEventsRecorder) queuedEventsRecorder->RecordMediaEvent(event);
   RETURN_IF_FAILED(pQueue->QueueEvent(event));
   return S_OK;
 }

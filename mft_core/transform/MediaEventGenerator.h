@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "mft_core/ks/DeviceEventsRecorder.h"
 #include "platform/WindowsSdk.h"
 #include "user_space_frameworks/Object.h"
 #include "user_space_frameworks/Sync.h"
@@ -32,6 +33,8 @@ class MediaEventGenerator : public IMFMediaEventGenerator, public virtual user_s
   // The first call shuts the queue down and returns its result; later calls return MF_E_SHUTDOWN.
   HRESULT Shutdown();
   bool IsShutdown() const { return isShutdown.load(std::memory_order_acquire); }
+  // Records every event queued from now on; set before events flow. The owner keeps it alive.
+  void SetQueuedEventsRecorder(IDeviceEventsRecorder *recorder) { queuedEventsRecorder = recorder; }
 
  protected:
   // Lets a test stand in for MFCreateEventQueue (for instance to make creation fail).
@@ -48,6 +51,7 @@ class MediaEventGenerator : public IMFMediaEventGenerator, public virtual user_s
   Microsoft::WRL::ComPtr<IMFMediaEventQueue> pQueue;
   std::atomic<bool> isShutdown{false};
   LONG isQueueCreated = 0;
+  IDeviceEventsRecorder *queuedEventsRecorder = nullptr;
 };
 
 }  // namespace mft_core

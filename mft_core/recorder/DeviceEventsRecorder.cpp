@@ -1,0 +1,423 @@
+#include "mft_core/recorder/DeviceEventsRecorder.h"
+
+#include <cstring>
+#include <map>
+#include <mutex>
+
+#include "mft_core/recorder/MfValues.h"
+#include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/Trace.h"
+
+using Microsoft::WRL::ComPtr;
+
+namespace mft_core {
+
+namespace {
+
+using device_events::RecordEncoder;
+using device_events::RecordKind;
+using device_events::ValueTag;
+
+// Identifiers and data longer than this are cut; no KS request of this camera comes near.
+constexpr ULONG kMaxIdentifierBytes = 4096;
+constexpr ULONG kMaxDataBytes = 1 << 20;
+constexpr DWORD kMaxTypesPerStream = 1024;
+
+// "ProcessInput" from "virtual HRESULT mft_core::MFDeviceTransform::ProcessInput(DWORD, IMFSample*, DWORD)".
+void ShortName(const char *function, const char *&begin, size_t &length) {
+  const char *open = std::strchr(function, '(');
+  const char *end = open != nullptr ? open : function + std::strlen(function);
+  const char *start = end;
+  while (start > function && start[-1] != ':' && start[-1] != ' ') --start;
+  begin = start;
+  length = static_cast<size_t>(end - start);
+}
+
+// Data of a KS request as it was on entry, kept until the request returns. Requests nest (an
+// application's request forwarded to the driver), so it is a stack per thread. (No thread_local
+// objects: their destructors are not reliable in statically linked MinGW programs.)
+struct PendingData {
+  bool present = false;
+  std::vector<uint8_t> bytes;
+};
+
+class PendingStacks {
+ public:
+  void Push(PendingData data) {
+    std::lock_guard<std::mutex> lock(mutex);
+    stacks[GetCurrentThreadId()].push_back(std::move(data));
+  }
+  PendingData Pop() {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto found = stacks.find(GetCurrentThreadId());
+    if (found == stacks.end() || found->second.empty()) return {};
+    PendingData data = std::move(found->second.back());
+    found->second.pop_back();
+    if (found->second.empty()) stacks.erase(found);
+    return data;
+  }
+
+ private:
+  std::mutex mutex;
+  std::map<DWORD, std::vector<PendingData>> stacks;
+};
+
+class KsRequestsRecorder : public IKsControlsObserver {
+ public:
+  KsRequestsRecorder(DeviceEventsRecorder *recorder, RecordKind kind) : recorder(recorder), kind(kind) {}
+
+  void OnKsControlEntry(KsControlType, PKSIDENTIFIER, ULONG, LPVOID data, ULONG dataLength, ULONG *) override {
+    PendingData pending;
+    pending.present = data != nullptr;
+    if (data != nullptr && dataLength != 0) {
+      const auto *bytes = static_cast<const uint8_t *>(data);
+      pending.bytes.assign(bytes, bytes + std::min(dataLength, kMaxDataBytes));
+    }
+    pendingData.Push(std::move(pending));
+  }
+
+  void OnKsControlExit(KsControlType type, PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,
+                       ULONG dataLength, ULONG *bytesReturned, HRESULT result) override {
+    PendingData pending = pendingData.Pop();
+    recorder->RecordKsRequest(kind, type, identifier, identifierLength, pending.present ? &pending.bytes : nullptr,
+                              data, dataLength, bytesReturned, result);
+  }
+
+ private:
+  DeviceEventsRecorder *recorder;  // owns this observer
+  const RecordKind kind;
+  PendingStacks pendingData;
+};
+
+// The version of the module this code is linked into, from its version resource.
+std::string ModuleVersion() {
+  HMODULE module = nullptr;
+  wchar_t fileName[MAX_PATH] = {};
+  if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                         reinterpret_cast<LPCWSTR>(&ModuleVersion), &module) &&
+      GetModuleFileNameW(module, fileName, MAX_PATH) != 0) {
+    DWORD handle = 0;
+    const DWORD size = GetFileVersionInfoSizeW(fileName, &handle);
+    std::vector<uint8_t> info(size);
+    VS_FIXEDFILEINFO *fixed = nullptr;
+    UINT fixedLength = 0;
+    if (size != 0 && GetFileVersionInfoW(fileName, 0, size, info.data()) &&
+        VerQueryValueW(info.data(), L"\\", reinterpret_cast<void **>(&fixed), &fixedLength) && fixed != nullptr) {
+      return std::to_string(HIWORD(fixed->dwFileVersionMS)) + "." + std::to_string(LOWORD(fixed->dwFileVersionMS)) +
+             "." + std::to_string(HIWORD(fixed->dwFileVersionLS)) + "." +
+             std::to_string(LOWORD(fixed->dwFileVersionLS)) + " " + Utf8(fileName);
+    }
+    return std::string("unversioned build of " __DATE__ " " __TIME__ " ") + Utf8(fileName);
+  }
+  return "unversioned build of " __DATE__ " " __TIME__;
+}
+
+DWORD RegistryDword(HKEY key, const wchar_t *name, DWORD fallback) {
+  DWORD value = 0, size = sizeof(value);
+  if (RegGetValueW(key, nullptr, name, RRF_RT_REG_DWORD, nullptr, &value, &size) != ERROR_SUCCESS) return fallback;
+  return value;
+}
+
+uint64_t FileTimeNow() {
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  return (static_cast<uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+}
+
+// The folder of `path`, created when missing.
+void CreateParentFolder(const std::wstring &path) {
+  const size_t slash = path.find_last_of(L"\\/");
+  if (slash == std::wstring::npos || slash == 0) return;
+  CreateDirectoryW(path.substr(0, slash).c_str(), nullptr);
+}
+
+}  // namespace
+
+DeviceEventsRecorderSettings DeviceEventsRecorderSettings::FromRegistry() {
+  DeviceEventsRecorderSettings settings;
+  settings.path = kDefaultFile;
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kRegistryKey, 0, KEY_READ, &key) != ERROR_SUCCESS) return settings;
+  settings.enabled = RegistryDword(key, kEnabledValue, 0) != 0;
+  settings.pixelData = RegistryDword(key, kPixelDataValue, 0) != 0;
+  const DWORD megabytes = RegistryDword(key, kMaxMegabytesValue, 256);
+  settings.writer.maxFileBytes = static_cast<uint64_t>(megabytes == 0 ? 256 : megabytes) << 20;
+  wchar_t file[MAX_PATH] = {};
+  DWORD size = sizeof(file);
+  if (RegGetValueW(key, nullptr, kFileValue, RRF_RT_REG_SZ, nullptr, file, &size) == ERROR_SUCCESS && file[0] != 0) {
+    settings.path = file;
+  }
+  RegCloseKey(key);
+  return settings;
+}
+
+HRESULT DeviceEventsRecorderSettings::StoreInRegistry() const {
+  HKEY key = nullptr;
+  LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kRegistryKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &key, nullptr);
+  RETURN_IF_FAILED(HRESULT_FROM_WIN32(status));
+  const DWORD on = enabled ? 1 : 0, pixels = pixelData ? 1 : 0;
+  const DWORD megabytes = static_cast<DWORD>(writer.maxFileBytes >> 20);
+  status = RegSetValueExW(key, kEnabledValue, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&on), sizeof(on));
+  if (status == ERROR_SUCCESS) {
+    status = RegSetValueExW(key, kPixelDataValue, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&pixels), sizeof(pixels));
+  }
+  if (status == ERROR_SUCCESS) {
+    status = RegSetValueExW(key, kMaxMegabytesValue, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&megabytes),
+                            sizeof(megabytes));
+  }
+  if (status == ERROR_SUCCESS && !path.empty()) {
+    status = RegSetValueExW(key, kFileValue, 0, REG_SZ, reinterpret_cast<const BYTE *>(path.c_str()),
+                            static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t)));
+  }
+  RegCloseKey(key);
+  RETURN_IF_FAILED(HRESULT_FROM_WIN32(status));
+  return S_OK;
+}
+
+void DeviceEventsRecorderSettings::RemoveFromRegistry() {
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kRegistryKey, 0, KEY_SET_VALUE, &key) != ERROR_SUCCESS) return;
+  for (const wchar_t *value : {kEnabledValue, kPixelDataValue, kMaxMegabytesValue, kFileValue}) {
+    RegDeleteValueW(key, value);
+  }
+  RegCloseKey(key);
+}
+
+std::shared_ptr<DeviceEventsRecorder> DeviceEventsRecorder::CreateIfEnabled(const GUID &transformClass,
+                                                                            const std::string &name) {
+  const DeviceEventsRecorderSettings settings = DeviceEventsRecorderSettings::FromRegistry();
+  if (!settings.enabled) return nullptr;
+  std::shared_ptr<DeviceEventsRecorder> recorder;
+  LOG_IF_FAILED(Create(settings, transformClass, name, recorder));
+  return recorder;
+}
+
+HRESULT DeviceEventsRecorder::Create(const DeviceEventsRecorderSettings &settings, const GUID &transformClass,
+                                     const std::string &name, std::shared_ptr<DeviceEventsRecorder> &recorder) {
+  recorder.reset();
+  RETURN_HR_IF(E_INVALIDARG, settings.path.empty());
+  CreateParentFolder(settings.path);
+  device_events::FileHeader header;
+  header.moduleVersion = ModuleVersion();
+  header.transformClass = ToRecorded(transformClass);
+  header.transformName = name;
+  header.startTime = FileTimeNow();
+  header.options = settings.pixelData ? device_events::kOptionPixelData : 0;
+  std::vector<uint8_t> headerBytes;
+  device_events::EncodeHeader(header, headerBytes);
+
+  // Two transforms of one camera record at once: the second takes "events.2.bin" and so on.
+  std::wstring path = settings.path;
+  std::shared_ptr<DeviceEventsRecorder> created(new DeviceEventsRecorder(settings, path));
+  HRESULT hr = E_FAIL;
+  for (int attempt = 1; attempt <= 9; ++attempt) {
+    if (attempt > 1) {
+      const size_t dot = settings.path.find_last_of(L'.');
+      const std::wstring suffix = L"." + std::to_wstring(attempt);
+      path = dot == std::wstring::npos || dot < settings.path.find_last_of(L"\\/") + 1
+                 ? settings.path + suffix
+                 : settings.path.substr(0, dot) + suffix + settings.path.substr(dot);
+    }
+    hr = EventsFileWriter::Open(path, headerBytes, settings.writer, created->clock, created->writer);
+    if (hr != HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION)) break;
+  }
+  RETURN_IF_FAILED(hr);
+  const_cast<std::wstring &>(created->path) = path;
+  WQ_TRACE(Info, "recording device events of " << name << " to " << Utf8(path.c_str()));
+  recorder = std::move(created);
+  return S_OK;
+}
+
+DeviceEventsRecorder::DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path)
+    : pixelData(settings.pixelData), path(std::move(path)) {
+  applicationObserver = std::make_shared<KsRequestsRecorder>(this, RecordKind::ApplicationKsRequest);
+  driverObserver = std::make_shared<KsRequestsRecorder>(this, RecordKind::DriverKsRequest);
+}
+
+DeviceEventsRecorder::~DeviceEventsRecorder() { Close(); }
+
+void DeviceEventsRecorder::Close() {
+  if (writer) writer->Close();
+}
+
+bool DeviceEventsRecorder::IsRecording() const { return writer && writer->IsOpen(); }
+
+RecordEncoder DeviceEventsRecorder::Begin(std::vector<uint8_t> &buffer, RecordKind kind, HRESULT result) {
+  buffer = writer->TakeBuffer();
+  RecordEncoder record(buffer);
+  record.Begin(kind, clock.Now(), GetCurrentThreadId(), static_cast<uint32_t>(result));
+  return record;
+}
+
+void DeviceEventsRecorder::Finish(RecordEncoder &record) {
+  record.End();
+  writer->Push(std::move(record.Buffer()));
+}
+
+void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue *arguments, size_t count) {
+  if (!IsRecording()) return;
+  const char *name = nullptr;
+  size_t nameLength = 0;
+  ShortName(function, name, nameLength);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::CallEntry, S_OK);
+  record.String(name, nameLength);
+  for (size_t i = 0; i < count; ++i) EncodeArgument(record, arguments[i], pixelData);
+  Finish(record);
+  if (count == 1 && arguments[0].kind == RecordedValue::Kind::Attributes && arguments[0].pointer != nullptr &&
+      std::string(name, nameLength) == "InitializeTransform") {
+    RecordFilter(static_cast<IMFAttributes *>(const_cast<void *>(arguments[0].pointer)));
+  }
+}
+
+void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, const RecordedValue *arguments,
+                                        size_t count) {
+  if (!IsRecording()) return;
+  const char *name = nullptr;
+  size_t nameLength = 0;
+  ShortName(function, name, nameLength);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::CallExit, result);
+  record.String(name, nameLength);
+  for (size_t i = 0; i < count; ++i) EncodeOutput(record, arguments[i], result, pixelData);
+  Finish(record);
+}
+
+void DeviceEventsRecorder::RecordDriverEvent(REFGUID eventSet, ULONG eventId) {
+  if (!IsRecording()) return;
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::DriverEvent, S_OK);
+  record.GuidValue(ToRecorded(eventSet));
+  record.U32(eventId);
+  Finish(record);
+}
+
+void DeviceEventsRecorder::RecordMediaEvent(IMFMediaEvent *event) {
+  if (!IsRecording() || event == nullptr) return;
+  MediaEventType type = MEUnknown;
+  GUID extendedType = GUID_NULL;
+  HRESULT status = S_OK;
+  event->GetType(&type);
+  event->GetExtendedType(&extendedType);
+  event->GetStatus(&status);
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::MediaEvent, status);
+  record.U32(type);
+  record.GuidValue(ToRecorded(extendedType));
+  PROPVARIANT value;
+  PropVariantInit(&value);
+  if (SUCCEEDED(event->GetValue(&value))) {
+    EncodePropVariant(record, &value);
+  } else {
+    record.Null();
+  }
+  PropVariantClear(&value);
+  UINT32 streamId = 0;
+  if (SUCCEEDED(event->GetUINT32(MF_EVENT_MFT_INPUT_STREAM_ID, &streamId))) {
+    record.U32(streamId);
+  } else {
+    record.Null();
+  }
+  EncodeAttributes(record, event, ValueTag::Attributes);
+  Finish(record);
+}
+
+void DeviceEventsRecorder::RecordMediaEvent(MediaEventType type, REFGUID extendedType, HRESULT status,
+                                            const PROPVARIANT *value) {
+  if (!IsRecording()) return;
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::MediaEvent, status);
+  record.U32(type);
+  record.GuidValue(ToRecorded(extendedType));
+  EncodePropVariant(record, value);
+  record.Null();
+  record.Null();
+  Finish(record);
+}
+
+void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, const KSIDENTIFIER *identifier,
+                                           ULONG identifierLength, const std::vector<uint8_t> *dataIn,
+                                           const void *data, ULONG dataLength, const ULONG *bytesReturned,
+                                           HRESULT result) {
+  if (!IsRecording()) return;
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, kind, result);
+  record.U32(static_cast<uint32_t>(type));
+  if (identifier == nullptr) {
+    record.Null();
+  } else {
+    record.Bytes(identifier, std::min(identifierLength, kMaxIdentifierBytes));
+  }
+  if (dataIn == nullptr) {
+    record.Null();
+  } else {
+    record.Bytes(dataIn->data(), dataIn->size());
+  }
+  record.U32(dataLength);
+  if (data == nullptr) {
+    record.Null();
+  } else {
+    // What the driver wrote, as far as it says it wrote and the buffer reaches.
+    ULONG length = dataLength;
+    if (bytesReturned != nullptr) length = std::min(length, *bytesReturned);
+    record.Bytes(data, std::min(length, kMaxDataBytes));
+  }
+  if (bytesReturned == nullptr) {
+    record.Null();
+  } else {
+    record.U32(*bytesReturned);
+  }
+  Finish(record);
+}
+
+void DeviceEventsRecorder::RecordFilter(IMFAttributes *filterAttributes) {
+  ComPtr<IMFTransform> filter;
+  if (FAILED(filterAttributes->GetUnknown(MF_DEVICEMFT_CONNECTED_FILTER_KSCONTROL, IID_PPV_ARGS(&filter)))) return;
+  DWORD inputCount = 0, outputCount = 0;
+  const HRESULT countResult = filter->GetStreamCount(&inputCount, &outputCount);
+  std::vector<DWORD> inputIds(inputCount), outputIds(outputCount);
+  HRESULT idsResult = countResult;
+  if (SUCCEEDED(countResult) && outputCount != 0) {
+    idsResult = filter->GetStreamIDs(inputCount, inputIds.data(), outputCount, outputIds.data());
+    if (FAILED(idsResult)) {
+      for (DWORD i = 0; i < outputCount; ++i) outputIds[i] = i;
+    }
+  }
+  std::vector<uint8_t> buffer;
+  RecordEncoder record = Begin(buffer, RecordKind::Filter, countResult);
+  record.U32(inputCount);
+  record.U32(outputCount);
+  record.U32(static_cast<uint32_t>(idsResult));
+  for (DWORD id : outputIds) {
+    record.U32(id);
+    ComPtr<IMFAttributes> attributes;
+    if (SUCCEEDED(filter->GetOutputStreamAttributes(id, &attributes)) && attributes) {
+      EncodeAttributes(record, attributes.Get(), ValueTag::Attributes);
+    } else {
+      record.Null();
+    }
+    std::vector<ComPtr<IMFMediaType>> types;
+    for (DWORD index = 0; index < kMaxTypesPerStream; ++index) {
+      ComPtr<IMFMediaType> type;
+      if (FAILED(filter->GetOutputAvailableType(id, index, &type)) || !type) break;
+      types.push_back(type);
+    }
+    record.U32(static_cast<uint32_t>(types.size()));
+    for (const auto &type : types) EncodeAttributes(record, type.Get(), ValueTag::MediaType);
+  }
+  ComPtr<IKsTopologyInfo> topology;
+  DWORD nodes = 0;
+  if (SUCCEEDED(filter.As(&topology)) && SUCCEEDED(topology->get_NumNodes(&nodes))) {
+    record.U32(nodes);
+    for (DWORD node = 0; node < nodes; ++node) {
+      GUID nodeType = GUID_NULL;
+      topology->get_NodeType(node, &nodeType);
+      record.GuidValue(ToRecorded(nodeType));
+    }
+  } else {
+    record.Null();
+  }
+  Finish(record);
+}
+
+}  // namespace mft_core

@@ -1,0 +1,80 @@
+// The device events recorder: encodes every recorded call, KS request, driver event and queued media
+// event on the calling thread and hands the bytes to a background writer. Switched on per transform
+// by the registry (HKLM "Software\Tavix\Veldara\WQ4XX", value "DeviceEventsRecording"), read when
+// the transform is created.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "device_events/EventsEncoder.h"
+#include "mft_core/ks/DeviceEventsRecorder.h"
+#include "mft_core/recorder/EventsFileWriter.h"
+
+namespace mft_core {
+
+struct DeviceEventsRecorderSettings {
+  bool enabled = false;
+  bool pixelData = false;  // samples with their pixels
+  std::wstring path;       // the recording file
+  EventsFileWriterOptions writer;
+
+  static constexpr const wchar_t *kRegistryKey = L"Software\\Tavix\\Veldara\\WQ4XX";
+  static constexpr const wchar_t *kEnabledValue = L"DeviceEventsRecording";        // DWORD, non-zero: on
+  static constexpr const wchar_t *kPixelDataValue = L"DeviceEventsPixelData";      // DWORD, non-zero: pixels too
+  static constexpr const wchar_t *kMaxMegabytesValue = L"DeviceEventsMaxMegabytes";  // DWORD, default 256
+  static constexpr const wchar_t *kFileValue = L"DeviceEventsFile";                // string, default below
+  static constexpr const wchar_t *kDefaultFile = L"c:\\VeldaraLogs\\events.bin";
+
+  // HKEY_LOCAL_MACHINE values, with the defaults where one is missing.
+  static DeviceEventsRecorderSettings FromRegistry();
+  // Switches recording on for transforms created from now on (what a field engineer sets by hand),
+  // and removes the values again.
+  HRESULT StoreInRegistry() const;
+  static void RemoveFromRegistry();
+};
+
+class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_shared_from_this<DeviceEventsRecorder> {
+ public:
+  // A recorder when the registry switches recording on and the file can be created, else empty.
+  static std::shared_ptr<DeviceEventsRecorder> CreateIfEnabled(const GUID &transformClass, const std::string &name);
+  static HRESULT Create(const DeviceEventsRecorderSettings &settings, const GUID &transformClass,
+                        const std::string &name, std::shared_ptr<DeviceEventsRecorder> &recorder);
+  ~DeviceEventsRecorder() override;
+
+  void Close() override;
+  const std::wstring &Path() const { return path; }
+  EventsFileWriter &Writer() { return *writer; }
+
+  bool IsRecording() const override;
+  void RecordCall(const char *function, const RecordedValue *arguments, size_t count) override;
+  void RecordReturn(const char *function, HRESULT result, const RecordedValue *arguments, size_t count) override;
+  void RecordDriverEvent(REFGUID eventSet, ULONG eventId) override;
+  void RecordMediaEvent(IMFMediaEvent *event) override;
+  void RecordMediaEvent(MediaEventType type, REFGUID extendedType, HRESULT status, const PROPVARIANT *value) override;
+  std::shared_ptr<IKsControlsObserver> ApplicationRequestsObserver() override { return applicationObserver; }
+  std::shared_ptr<IKsControlsObserver> DriverRequestsObserver() override { return driverObserver; }
+
+  // One KS request with the answer: `dataIn` holds the data as it was before the request.
+  void RecordKsRequest(device_events::RecordKind kind, KsControlType type, const KSIDENTIFIER *identifier,
+                       ULONG identifierLength, const std::vector<uint8_t> *dataIn, const void *data, ULONG dataLength,
+                       const ULONG *bytesReturned, HRESULT result);
+
+ private:
+  DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path);
+  // The driver filter as the transform finds it: its streams, their attributes and types, its nodes.
+  void RecordFilter(IMFAttributes *filterAttributes);
+  // Encodes into `buffer`, one of the writer's spare buffers.
+  device_events::RecordEncoder Begin(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result);
+  void Finish(device_events::RecordEncoder &record);
+
+  const bool pixelData;
+  const std::wstring path;
+  RecordClock clock;
+  std::unique_ptr<EventsFileWriter> writer;
+  std::shared_ptr<IKsControlsObserver> applicationObserver;
+  std::shared_ptr<IKsControlsObserver> driverObserver;
+};
+
+}  // namespace mft_core

@@ -1,0 +1,90 @@
+// Writes encoded records to the recording file on a thread of its own. Callers only queue: a full
+// queue or a full file drops records, counts them, and leaves a record saying how many, so the frame
+// path never waits for the disk and nothing is lost silently.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device_events/EventsFormat.h"
+#include "platform/WindowsSdk.h"
+#include "user_space_frameworks/Sync.h"
+
+namespace mft_core {
+
+// 100 ns ticks since the recording started, from the performance counter.
+class RecordClock {
+ public:
+  RecordClock();
+  uint64_t Now() const;
+
+ private:
+  LARGE_INTEGER start{};
+  LARGE_INTEGER frequency{};
+};
+
+struct EventsFileWriterOptions {
+  size_t queueRecords = 8192;             // records waiting for the writer at most
+  uint64_t maxFileBytes = 256ull << 20;   // the file's cap
+};
+
+class EventsFileWriter {
+ public:
+  // Creates (or truncates) the file, writes `header` and starts the writer thread.
+  static HRESULT Open(const std::wstring &path, const std::vector<uint8_t> &header,
+                      const EventsFileWriterOptions &options, const RecordClock &clock,
+                      std::unique_ptr<EventsFileWriter> &writer);
+  ~EventsFileWriter();
+  EventsFileWriter(const EventsFileWriter &) = delete;
+  EventsFileWriter &operator=(const EventsFileWriter &) = delete;
+
+  // A buffer to encode one record into (empty, with room from earlier records), and the record
+  // handed to the queue; neither blocks on the disk.
+  std::vector<uint8_t> TakeBuffer();
+  void Push(std::vector<uint8_t> &&record);
+  // Writes what is queued, the drop count if any and the closing record, and closes the file.
+  void Close();
+  // False once closed or after the disk refused a write.
+  bool IsOpen() const;
+  // Holds the writer back so that a test can fill the queue.
+  void PauseForTest(bool paused);
+  uint64_t DroppedRecords() const;
+  size_t QueuedRecords() const;
+
+ private:
+  EventsFileWriter(HANDLE file, uint64_t headerBytes, const EventsFileWriterOptions &options, const RecordClock &clock);
+  void Run();
+  void Write(std::deque<std::vector<uint8_t>> &batch, bool final);
+  std::vector<uint8_t> SpareBuffer();  // with the lock held
+  void EncodeDropped(std::vector<uint8_t> &out, uint64_t count, device_events::DropReason reason) const;
+
+  user_space_frameworks::UniqueHandle file;
+  const EventsFileWriterOptions options;
+  const RecordClock &clock;
+
+  mutable std::mutex mutex;  // everything below up to the thread
+  std::condition_variable wake;
+  std::deque<std::vector<uint8_t>> queue;
+  std::vector<std::vector<uint8_t>> spareBuffers;
+  uint64_t queueDrops = 0;        // dropped since the last drop record, queue full
+  uint64_t totalDropped = 0;
+  bool writerWaiting = false;
+  bool stopping = false;
+  bool paused = false;
+  std::thread writer;
+  std::atomic<bool> open{true};  // read on every record without the lock
+
+  // Writer thread only.
+  uint64_t fileBytes = 0;
+  uint64_t recordsWritten = 0;
+  uint64_t capDrops = 0;
+  std::vector<uint8_t> writeBuffer;
+};
+
+}  // namespace mft_core

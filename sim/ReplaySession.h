@@ -1,0 +1,46 @@
+// Replays a device events recording against a transform: the driver is played from the recording
+// (RecordedCameraFilter), the recorded calls and application KS requests are made again in their
+// order, each on a thread of its own standing for the recorded thread, and every result, everything
+// a call handed out (media types, attributes, output samples), every application request's answer and
+// every queued media event is compared with the recording. The first difference stops the replay.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "device_events/EventsReader.h"
+#include "platform/WindowsSdk.h"
+
+namespace sim {
+
+// Makes the transform the recording was made with.
+using ReplayTransformFactory =
+    std::function<HRESULT(const device_events::FileHeader &header, IMFDeviceTransform **transform)>;
+
+struct ReplayOptions {
+  DWORD waitMs = 10000;  // for a call to return or a media event to be queued
+};
+
+struct ReplayReport {
+  bool matched = false;
+  uint64_t records = 0;  // recorded records replayed or checked
+  uint64_t calls = 0;
+  uint64_t applicationRequests = 0;
+  uint64_t driverRequests = 0;
+  uint64_t driverEvents = 0;
+  uint64_t mediaEvents = 0;
+  std::string divergence;            // the first difference, empty when the run matched
+  std::vector<std::string> context;  // the recorded records before it, as timeline lines
+  std::string Summary() const;
+};
+
+ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTransformFactory &factory,
+                             const ReplayOptions &options = {});
+
+// The factory of the framework's pass-through transform as the session program makes it, for
+// recordings of "Simulated <camera> MFT".
+HRESULT CreateSimulatedSessionTransform(const device_events::FileHeader &header, IMFDeviceTransform **transform);
+
+}  // namespace sim

@@ -1,0 +1,140 @@
+#include "RecordingSupport.h"
+
+#include "device_events/Timeline.h"
+#include "mft_core/recorder/DeviceEventsRecorder.h"
+
+namespace recorder_tests {
+
+using mft_core::DeviceEventsRecorderSettings;
+
+RecordingSwitch::RecordingSwitch(const std::wstring &file, DWORD enabled, DWORD pixelData) {
+  DeviceEventsRecorderSettings settings;
+  settings.enabled = enabled != 0;
+  settings.pixelData = pixelData != 0;
+  settings.path = file;
+  settings.StoreInRegistry();
+}
+
+RecordingSwitch::~RecordingSwitch() { DeviceEventsRecorderSettings::RemoveFromRegistry(); }
+
+std::wstring TemporaryRecordingPath(const wchar_t *name) {
+  wchar_t folder[MAX_PATH] = {};
+  GetTempPathW(MAX_PATH, folder);
+  return std::wstring(folder) + L"wq-" + std::to_wstring(GetCurrentProcessId()) + L"-" + name + L".bin";
+}
+
+Recording ReadRecording(const std::wstring &path) {
+  Recording recording;
+  std::vector<uint8_t> bytes;
+  HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
+                            nullptr);
+  if (file == INVALID_HANDLE_VALUE) {
+    recording.error = "cannot open the recording";
+    return recording;
+  }
+  LARGE_INTEGER size{};
+  GetFileSizeEx(file, &size);
+  bytes.resize(static_cast<size_t>(size.QuadPart));
+  DWORD read = 0;
+  if (!bytes.empty()) ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
+  CloseHandle(file);
+  device_events::EventsReader reader(bytes.data(), bytes.size());
+  device_events::ReadError error;
+  if (!reader.ReadHeader(recording.header, error)) {
+    recording.error = error.Text();
+    return recording;
+  }
+  device_events::Record record;
+  for (;;) {
+    const auto status = reader.Next(record, error);
+    if (status == device_events::EventsReader::Status::End) break;
+    if (status == device_events::EventsReader::Status::Error) {
+      recording.error = error.Text();
+      break;
+    }
+    recording.records.push_back(record);
+  }
+  return recording;
+}
+
+std::vector<const device_events::Record *> OfKind(const Recording &recording, device_events::RecordKind kind) {
+  std::vector<const device_events::Record *> found;
+  for (const auto &record : recording.records) {
+    if (record.Kind() == kind) found.push_back(&record);
+  }
+  return found;
+}
+
+std::vector<const device_events::Record *> Calls(const Recording &recording, device_events::RecordKind kind,
+                                                 const std::string &name) {
+  std::vector<const device_events::Record *> found;
+  for (const auto *record : OfKind(recording, kind)) {
+    if (device_events::CallName(*record) == name) found.push_back(record);
+  }
+  return found;
+}
+
+}  // namespace recorder_tests
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "mft_core/transform/PassThroughDeviceMft.h"
+#include "sim/FrameServerHost.h"
+#include "user_space_frameworks/ComObject.h"
+
+namespace recorder_tests {
+
+using Microsoft::WRL::ComPtr;
+
+bool WaitFor(const std::function<bool()> &predicate) {
+  for (int i = 0; i < 500; ++i) {
+    if (predicate()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return predicate();
+}
+
+ComPtr<IMFDeviceTransform> CreatePassThrough() {
+  const mft_core::DeviceExtensionUnits units{sim::kDepthXuSet, 1, 7};
+  auto object = user_space_frameworks::MakeComObject<mft_core::PassThroughDeviceMft>("Recorded MFT", units);
+  ComPtr<IMFDeviceTransform> device;
+  object.As(&device);
+  return device;
+}
+
+void RunShortSession(ComPtr<IMFDeviceTransform> device) {
+  auto filter = sim::SimulatedCameraFilter::Create(sim::DepthCamera());
+  ASSERT_TRUE(filter);
+  ASSERT_TRUE(device);
+  sim::FrameServerHost host(device, filter);
+  device.Reset();
+  ASSERT_EQ(S_OK, host.Initialize());
+  ComPtr<IMFMediaType> type;
+  ASSERT_EQ(S_OK, host.FindOutputType(0, 848, 480, 30, type.GetAddressOf()));
+  ASSERT_EQ(S_OK, host.StartStream(0, type.Get()));
+  auto framesOut = [&] {
+    for (const auto &stats : host.Stats()) {
+      if (stats.outputStreamId == 0) return stats.framesOut;
+    }
+    return uint64_t{0};
+  };
+  ASSERT_TRUE(WaitFor([&] { return framesOut() >= 5; }));
+
+  KSPROPERTY property{};
+  property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
+  property.Id = 0;
+  property.Flags = KSPROPERTY_TYPE_GET;
+  BYTE value[40] = {};
+  ULONG returned = 0;
+  host.ApplicationKsControl()->KsProperty(&property, sizeof(property), value, sizeof(value), &returned);
+
+  EXPECT_EQ(1u, filter->SignalAutoUpdate());
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(S_OK, host.StopStream(0));
+  EXPECT_EQ(S_OK, host.Shutdown());
+}
+
+}  // namespace recorder_tests

@@ -1,0 +1,49 @@
+// Switching recording on in the registry for a test, and reading a recording back.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "device_events/EventsReader.h"
+#include "platform/WindowsSdk.h"
+
+namespace recorder_tests {
+
+// Sets the recording values under HKLM for the test's lifetime and removes them afterwards.
+class RecordingSwitch {
+ public:
+  explicit RecordingSwitch(const std::wstring &file, DWORD enabled = 1, DWORD pixelData = 0);
+  ~RecordingSwitch();
+  RecordingSwitch(const RecordingSwitch &) = delete;
+  RecordingSwitch &operator=(const RecordingSwitch &) = delete;
+};
+
+// A file name of this process in the temporary folder.
+std::wstring TemporaryRecordingPath(const wchar_t *name);
+
+struct Recording {
+  device_events::FileHeader header;
+  std::vector<device_events::Record> records;
+  std::string error;  // empty when the whole file was read
+};
+Recording ReadRecording(const std::wstring &path);
+
+// Records of one kind, and call records of one name.
+std::vector<const device_events::Record *> OfKind(const Recording &recording, device_events::RecordKind kind);
+std::vector<const device_events::Record *> Calls(const Recording &recording, device_events::RecordKind kind,
+                                                 const std::string &name);
+
+}  // namespace recorder_tests
+
+namespace recorder_tests {
+
+// The framework's pass-through transform over the simulated depth camera's units, named "Recorded MFT".
+Microsoft::WRL::ComPtr<IMFDeviceTransform> CreatePassThrough();
+// Streams depth for a few frames, sends one application KS request, lets the camera signal its
+// firmware event, stops and shuts down; everything is released on return.
+void RunShortSession(Microsoft::WRL::ComPtr<IMFDeviceTransform> device);
+// Polls `predicate` for up to five seconds.
+bool WaitFor(const std::function<bool()> &predicate);
+
+}  // namespace recorder_tests

@@ -1,0 +1,90 @@
+// Prints a device events recording as a timeline.
+//   events_dump <events.bin> [--kind call,return,app-ks,driver-ks,driver-event,media-event,dropped,filter,end]
+//               [--stream N[,N...]] [--verbose]
+// Exit code: 0 when the whole file was read, 1 when it is damaged (the records before the damage are
+// printed, then the offset and what is wrong), 2 for bad options.
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "device_events/EventsReader.h"
+#include "device_events/Timeline.h"
+#include "tools/EventNames.h"
+
+namespace {
+
+int Usage() {
+  std::cerr << "usage: events_dump <events.bin> [--kind KIND[,KIND...]] [--stream N[,N...]] [--verbose]\n"
+               "  kinds: call, return, app-ks, driver-ks, driver-event, media-event, dropped, filter, end\n";
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  using namespace device_events;
+  std::string path;
+  RecordFilter filter;
+  TimelineOptions options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--kind" && i + 1 < argc) {
+      std::string error;
+      if (!ParseKinds(argv[++i], filter.kinds, error)) {
+        std::cerr << error << "\n";
+        return Usage();
+      }
+    } else if (arg == "--stream" && i + 1 < argc) {
+      std::stringstream list(argv[++i]);
+      std::string item;
+      while (std::getline(list, item, ',')) {
+        try {
+          filter.streams.insert(static_cast<uint32_t>(std::stoul(item)));
+        } catch (const std::exception &) {
+          return Usage();
+        }
+      }
+    } else if (arg == "--verbose") {
+      options.verbose = true;
+    } else if (path.empty() && !arg.empty() && arg[0] != '-') {
+      path = arg;
+    } else {
+      return Usage();
+    }
+  }
+  if (path.empty()) return Usage();
+
+  std::vector<uint8_t> bytes;
+  std::string fileError;
+  if (!ReadFileBytes(path, bytes, fileError)) {
+    std::cerr << fileError << "\n";
+    return 1;
+  }
+  const auto names = tools::CreateEventNames();
+  EventsReader reader(bytes.data(), bytes.size());
+  FileHeader header;
+  ReadError error;
+  if (!reader.ReadHeader(header, error)) {
+    std::cerr << path << ": " << error.Text() << "\n";
+    return 1;
+  }
+  std::cout << FormatHeader(header, *names);
+  std::cout << "     seconds  thread  kind         what\n";
+  Record record;
+  size_t shown = 0, total = 0;
+  for (;;) {
+    const EventsReader::Status status = reader.Next(record, error);
+    if (status == EventsReader::Status::End) break;
+    if (status == EventsReader::Status::Error) {
+      std::cout.flush();
+      std::cerr << path << ": damaged after " << total << " records: " << error.Text() << "\n";
+      return 1;
+    }
+    ++total;
+    if (!filter.Matches(record)) continue;
+    ++shown;
+    std::cout << FormatRecord(record, *names, options) << "\n";
+  }
+  std::cout << shown << " of " << total << " records shown\n";
+  return 0;
+}
