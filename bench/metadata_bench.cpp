@@ -1,5 +1,7 @@
-// Cost per frame of the depth metadata parser (seven converters, a frame carrying every item) against
-// attaching the same six record blobs to the sample directly, measured in the same run.
+// Baseline: the platform work a frame's metadata cannot avoid: fetch the capture-metadata buffer from the
+// sample (the metadata store, its raw-stream buffer, lock and unlock) and attach the same six record
+// blobs to the sample. Measured: the depth metadata parser (seven converters) on a frame carrying every
+// item, in the same run.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -60,6 +62,16 @@ int Run() {
   WQ400DepthMetadataParser parser("WQ400 Depth Device MFT");
   const auto parse = [&] { parser.Parse(sample.Get()); };
   const auto attach = [&] {
+    ComPtr<IMFAttributes> metadata;
+    ComPtr<IMFMediaBuffer> buffer;
+    BYTE *bytes = nullptr;
+    DWORD length = 0;
+    if (FAILED(sample->GetUnknown(MFSampleExtension_CaptureMetadata, IID_PPV_ARGS(&metadata))) ||
+        FAILED(metadata->GetUnknown(MF_CAPTURE_METADATA_FRAME_RAWSTREAM, IID_PPV_ARGS(&buffer))) ||
+        FAILED(buffer->Lock(&bytes, nullptr, &length))) {
+      return;
+    }
+    buffer->Unlock();
     for (const Blob &blob : blobs) {
       sample->SetBlob(blob.attribute, blob.bytes.data(), static_cast<UINT32>(blob.bytes.size()));
     }

@@ -6,6 +6,12 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
+// MinGW declares the methods of its hand-written COM interfaces (IKsControl among them) with
+// __declspec(nothrow), which clang reads as an exception specification that every override would have
+// to repeat; the Windows SDK's own switch leaves it out, as the SDK's compiler effectively does.
+#if defined(__clang__) && defined(__MINGW32__) && !defined(COM_STDMETHOD_CAN_THROW)
+#define COM_STDMETHOD_CAN_THROW
+#endif
 #include <windows.h>
 #include <unknwn.h>
 // Media Foundation first: MinGW's ks headers redefine types that mfobjects.h pulls in otherwise.
@@ -19,6 +25,8 @@
 #include <ksproxy.h>
 #include <wrl/client.h>
 #include <comdef.h>
+#include <evntprov.h>
+#include <evntrace.h>
 
 #include <cstddef>
 
@@ -114,6 +122,24 @@ typedef enum {
 #define KSPROPERTY_CAMERACONTROL_FLAGS_ASYNCHRONOUS 0x00000004
 #endif
 constexpr ULONG KSPROPERTY_CAMERACONTROL_AUTO_EXPOSURE_PRIORITY = 19;
+
+// evntprov.h: provider traits and typed data descriptors of self-describing events (MinGW's
+// EVENT_INFO_CLASS stops at EventProviderBinaryTrackInfo; its EVENT_DATA_DESCRIPTOR keeps the type in the
+// low byte of Reserved, where the SDK overlays UCHAR Type).
+constexpr EVENT_INFO_CLASS EventProviderSetReserved1 = static_cast<EVENT_INFO_CLASS>(1);
+constexpr EVENT_INFO_CLASS EventProviderSetTraits = static_cast<EVENT_INFO_CLASS>(2);
+constexpr EVENT_INFO_CLASS EventProviderUseDescriptorType = static_cast<EVENT_INFO_CLASS>(3);
+#ifndef EVENT_DATA_DESCRIPTOR_TYPE_NONE
+#define EVENT_DATA_DESCRIPTOR_TYPE_NONE 0
+#define EVENT_DATA_DESCRIPTOR_TYPE_EVENT_METADATA 1
+#define EVENT_DATA_DESCRIPTOR_TYPE_PROVIDER_METADATA 2
+#define EVENT_DATA_DESCRIPTOR_TYPE_TIMESTAMP_OVERRIDE 3
+#endif
+#ifndef WINEVENT_CHANNEL_TRACELOGGING
+#define WINEVENT_CHANNEL_TRACELOGGING 11
+#endif
+static_assert(sizeof(EVENT_DATA_DESCRIPTOR) == 16, "pointer, size, type word");
+static_assert(sizeof(EVENT_DESCRIPTOR) == 16, "id, version, channel, level, opcode, task, keyword");
 
 // mfapi.h: callback flags and work queues (MinGW lacks them).
 #ifndef MFASYNC_FAST_IO_PROCESSING_CALLBACK

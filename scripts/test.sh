@@ -9,6 +9,8 @@ build_native
 build_windows
 start_wine
 status=0
+echo "== second compiler: clang for the same Windows target =="
+scripts/clang_check.sh || status=1
 echo "== native tests (AddressSanitizer, UndefinedBehaviorSanitizer) =="
 ctest --test-dir "$build_native" --output-on-failure -j "$jobs" || status=1
 echo "== Windows tests under Wine =="

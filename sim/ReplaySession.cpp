@@ -32,7 +32,7 @@ constexpr size_t kEventWindow = 8;
 // A queued event may lag its record by this many records before the replay waits for it.
 constexpr uint64_t kEventSlack = 64;
 
-// Calls that may wait for another thread's call (a state request waits for the frame server's answer,
+// ProcessOutput is made where it was entered (see ReplayRecording). Calls that may wait for another thread's call (a state request waits for the frame server's answer,
 // which releases it; the end of work in flight) are made where they were entered. Every other call is made where it
 // returned: its effect (a sample queued, a sample taken) happened at some point in between, and the
 // return is the one place where it had certainly happened.
@@ -461,6 +461,19 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
   ComPtr<IMFMediaEventGenerator> generator;
   device.As(&generator);
 
+  // Each call's return, found ahead: a ProcessOutput is made where it was entered, with the inputs
+  // whose samples its return shows it handed out made first.
+  std::map<const Record *, const Record *> exitOf;
+  {
+    std::map<uint32_t, std::vector<const Record *>> open;
+    for (const Record &r : records) {
+      if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(&r);
+      if (r.Kind() == RecordKind::CallExit && !open[r.threadId].empty()) {
+        exitOf[open[r.threadId].back()] = &r;
+        open[r.threadId].pop_back();
+      }
+    }
+  }
   const device_events::Names names;
   std::deque<std::string> context;
   auto diverge = [&](const Record &at, const std::string &what) {
@@ -518,6 +531,23 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           call->name = device_events::CallName(r);
           if (call->name == "Shutdown") shutdownReplayed = true;
           pending[r.threadId].push_back(call);
+          if (call->name == "ProcessOutput" && exitOf.count(&r) != 0) {
+            // A sample handed out may come from a frame whose ProcessInput was entered but had not
+            // returned yet: that input is made first. Output stream N takes input stream N's frames.
+            const Record &exit = *exitOf[&r];
+            for (size_t b = 1; b + 2 < exit.values.size(); b += 3) {
+              if (exit.values[b + 2].tag != ValueTag::Sample) continue;
+              const uint32_t stream = static_cast<uint32_t>(exit.values[b].number);
+              for (auto &other : pending) {
+                for (auto &input : other.second) {
+                  if (input->posted || input->name != "ProcessInput" || U32At(*input->entry, 1) != stream) continue;
+                  post(other.first, input);
+                  input->Wait(options.waitMs);
+                }
+              }
+            }
+            post(r.threadId, call);
+          }
           if (MadeAtEntry(call->name)) post(r.threadId, call);
           break;
         }
@@ -530,21 +560,6 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           auto call = calls.back();
           calls.pop_back();
           ++report.calls;
-          if (call->name == "ProcessOutput") {
-            // A sample handed out here may come from a frame whose ProcessInput had not returned yet
-            // when this call did: that input is made first. Output stream N takes input stream N's frames.
-            for (size_t b = 1; b + 2 < r.values.size(); b += 3) {
-              if (r.values[b + 2].tag != ValueTag::Sample) continue;
-              const uint32_t stream = static_cast<uint32_t>(r.values[b].number);
-              for (auto &other : pending) {
-                for (auto &input : other.second) {
-                  if (input->posted || input->name != "ProcessInput" || U32At(*input->entry, 1) != stream) continue;
-                  post(other.first, input);
-                  input->Wait(options.waitMs);
-                }
-              }
-            }
-          }
           post(r.threadId, call);
           if (!call->Wait(options.waitMs)) {
             diverge(r, "the call did not return within " + std::to_string(options.waitMs) + " ms");

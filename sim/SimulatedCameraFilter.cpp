@@ -460,6 +460,10 @@ bool SimulatedCameraFilter::TakeFault(KsRequestKind kind, const KSIDENTIFIER &id
   return false;
 }
 
+bool SimulatedCameraFilter::NodeExists(ULONG node) const {
+  return node == kFilterScope || node < config.nodeTypes.size();
+}
+
 bool SimulatedCameraFilter::SetKnownAtNode(const GUID &set, ULONG node) const {
   return std::any_of(config.extensionUnits.begin(), config.extensionUnits.end(),
                      [&](const ExtensionUnitConfig &unit) { return unit.set == set && unit.nodeId == node; });
@@ -478,6 +482,7 @@ STDMETHODIMP SimulatedCameraFilter::KsProperty(PKSPROPERTY pProperty, ULONG ulPr
   }
   {
     std::lock_guard<std::mutex> lock(mutex);
+    if (!NodeExists(node)) return Record(KsRequestKind::Property, identifier, node, ulDataLength, kNotFound);
     HRESULT faultResult;
     if (TakeFault(KsRequestKind::Property, identifier, faultResult)) {
       return Record(KsRequestKind::Property, identifier, node, ulDataLength, faultResult);
@@ -514,9 +519,10 @@ HRESULT SimulatedCameraFilter::PropertyUnlocked(const KSIDENTIFIER &identifier, 
     });
     if (!standardSet || node != kFilterScope) return kSetNotFound;
   }
-  if (flags & KSPROPERTY_TYPE_SETSUPPORT) return S_OK;
-
   Control *control = FindControl(identifier.Set, identifier.Id);
+  const bool firmwareProperty = identifier.Set == config.firmwareCommandSet && identifier.Id == config.firmwareCommandId;
+  // The unit answers the set-support query only for a property it has.
+  if (flags & KSPROPERTY_TYPE_SETSUPPORT) return control != nullptr || firmwareProperty ? S_OK : kNotFound;
   if (control == nullptr) return kNotFound;
 
   if (flags & KSPROPERTY_TYPE_BASICSUPPORT) {
@@ -637,10 +643,16 @@ STDMETHODIMP SimulatedCameraFilter::KsMethod(PKSMETHOD pMethod, ULONG ulMethodLe
                                              ULONG *) {
   if (pMethod == nullptr || ulMethodLength < sizeof(KSMETHOD)) return E_INVALIDARG;
   const KSIDENTIFIER identifier = *pMethod;
+  ULONG node = kFilterScope;
+  if (identifier.Flags & KSMETHOD_TYPE_TOPOLOGY) {
+    if (ulMethodLength < sizeof(KSM_NODE)) return E_INVALIDARG;
+    node = reinterpret_cast<const KSM_NODE *>(pMethod)->NodeId;
+  }
   std::lock_guard<std::mutex> lock(mutex);
-  HRESULT hr = kSetNotFound;  // the camera implements no methods
+  if (!NodeExists(node)) return Record(KsRequestKind::Method, identifier, node, ulDataLength, kNotFound);
+  HRESULT hr = kSetNotFound;  // the camera implements no methods, at the filter or at a node
   TakeFault(KsRequestKind::Method, identifier, hr);
-  return Record(KsRequestKind::Method, identifier, kFilterScope, ulDataLength, hr);
+  return Record(KsRequestKind::Method, identifier, node, ulDataLength, hr);
 }
 
 STDMETHODIMP SimulatedCameraFilter::KsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData,
@@ -666,10 +678,18 @@ STDMETHODIMP SimulatedCameraFilter::KsEvent(PKSEVENT pEvent, ULONG ulEventLength
   }
   if (ulEventLength < sizeof(KSEVENT)) return E_INVALIDARG;
   const KSIDENTIFIER identifier = *pEvent;
+  ULONG node = kFilterScope;
+  if (identifier.Flags & KSEVENT_TYPE_TOPOLOGY) {
+    if (ulEventLength < sizeof(KSE_NODE)) return E_INVALIDARG;
+    node = reinterpret_cast<const KSE_NODE *>(pEvent)->NodeId;
+  }
+  if (!NodeExists(node)) return Record(KsRequestKind::Event, identifier, node, ulDataLength, kNotFound);
   HRESULT hr;
   if (TakeFault(KsRequestKind::Event, identifier, hr)) {
-    return Record(KsRequestKind::Event, identifier, kFilterScope, ulDataLength, hr);
+    return Record(KsRequestKind::Event, identifier, node, ulDataLength, hr);
   }
+  // The firmware-condition event is the filter's; no node raises events.
+  if (node != kFilterScope) return Record(KsRequestKind::Event, identifier, node, ulDataLength, kSetNotFound);
   if (identifier.Set != kAutoUpdateEventSet || identifier.Id != kAutoUpdateEventId) {
     return Record(KsRequestKind::Event, identifier, kFilterScope, ulDataLength, kSetNotFound);
   }

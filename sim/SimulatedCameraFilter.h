@@ -198,6 +198,7 @@ class SimulatedCameraFilter
   bool TakeFault(KsRequestKind kind, const KSIDENTIFIER &identifier, HRESULT &result);
   Control *FindControl(const GUID &set, ULONG id);
   const Control *FindControl(const GUID &set, ULONG id) const;
+  bool NodeExists(ULONG node) const;
   bool SetKnownAtNode(const GUID &set, ULONG node) const;
   HRESULT PropertyUnlocked(const KSIDENTIFIER &identifier, ULONG node, void *data, ULONG dataLength,
                            ULONG *bytesReturned);

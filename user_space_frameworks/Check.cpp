@@ -2,9 +2,24 @@
 
 namespace user_space_frameworks {
 
-void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr) {
-  if (!trace::IsEnabled(TraceLevel::Error)) return;
-  trace::Write(TraceLevel::Error, prettyFunction, std::string(expression) + " failed: " + trace::HrText(hr));
+bool IsNormalExchangeResult(HRESULT hr) {
+  switch (hr) {
+    case MF_E_TRANSFORM_NEED_MORE_INPUT:      // a poll of an empty output queue
+    case MF_E_NO_MORE_TYPES:                  // the end of a media type list
+    case HRESULT_FROM_WIN32(ERROR_MORE_DATA): // a KS size query
+    case MF_E_NO_EVENTS_AVAILABLE:            // a poll of an empty event queue
+      return true;
+    default:
+      return false;
+  }
+}
+
+TraceLevel FailureLevel(HRESULT hr) { return IsNormalExchangeResult(hr) ? TraceLevel::Verbose : TraceLevel::Error; }
+
+void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr, bool expected) {
+  const TraceLevel level = expected ? TraceLevel::Verbose : FailureLevel(hr);
+  if (!trace::IsEnabled(level)) return;
+  trace::Write(level, prettyFunction, std::string(expression) + " failed: " + trace::HrText(hr));
 }
 
 void ReportNull(const char *prettyFunction, const char *name, HRESULT hr) {

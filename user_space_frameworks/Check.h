@@ -7,8 +7,13 @@
 
 namespace user_space_frameworks {
 
-// Traces "<expression> failed: 0x...." at the error level.
-void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr);
+// Results that are part of a normal exchange rather than faults: the end of a list, an empty poll, a
+// size query. They are traced at the verbose level, so that an error trace of a healthy session is empty.
+bool IsNormalExchangeResult(HRESULT hr);
+TraceLevel FailureLevel(HRESULT hr);
+
+// Traces "<expression> failed: 0x...." at the error level (verbose for a normal-exchange result).
+void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr, bool expected = false);
 // Traces "<name>" "nullptr" where a "valid pointer" was expected.
 void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);
 
@@ -21,6 +26,17 @@ void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);
       ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #expression, wqHr_);     \
       return wqHr_;                                                                \
     }                                                                              \
+  } while (0)
+
+// As RETURN_IF_FAILED, for a call where `normal` is an expected answer in this context (for example the
+// end of a wait on a queue that was shut down): that one is traced at the verbose level.
+#define RETURN_IF_FAILED_EXPECTING(normal, expression)                                              \
+  do {                                                                                               \
+    const HRESULT wqHr_ = (expression);                                                              \
+    if (FAILED(wqHr_)) {                                                                             \
+      ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #expression, wqHr_, wqHr_ == (normal));    \
+      return wqHr_;                                                                                  \
+    }                                                                                                \
   } while (0)
 
 // Refuses a missing pointer with E_POINTER.

@@ -28,7 +28,8 @@ HRESULT QueryInterfaceOver(Self *self, REFIID riid, void **ppv) {
   } else if (riid == __uuidof(First)) {
     *ppv = static_cast<First *>(self);
   } else {
-    ((riid == __uuidof(Rest) && *ppv == nullptr ? (*ppv = static_cast<Rest *>(self), true) : false), ...);
+    // The first match ends the search.
+    static_cast<void>(((riid == __uuidof(Rest) ? (*ppv = static_cast<Rest *>(self), true) : false) || ...));
   }
   if (*ppv == nullptr) return E_NOINTERFACE;
   static_cast<IUnknown *>(*ppv)->AddRef();

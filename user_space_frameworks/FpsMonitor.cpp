@@ -1,5 +1,6 @@
 #include "user_space_frameworks/FpsMonitor.h"
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -12,6 +13,10 @@ void FpsMonitor::Reset(double fps) {
   if (!(fps > 0)) throw std::invalid_argument("FPS must be > 0");
   nominalFps = fps;
   currentFps = fps;
+  // A change worth a camera engineer's attention: a twentieth of the nominal rate, and never below half
+  // a frame per second, so that the jitter of a healthy stream stays quiet and a real change is reported
+  // and followed within one step.
+  threshold = std::max(kMinimumThreshold, fps * kThresholdFraction);
   isFirstSample = true;
   lastTimestamp = 0;
   nextReportTime = 0;
@@ -33,6 +38,11 @@ void FpsMonitor::OnSample(uint64_t timeUs) {
     lastTimestamp = timeUs;
     isFirstSample = false;
     nextReportTime = nowMs + reportPeriod;
+    return;
+  }
+  if (timeUs < lastTimestamp) {
+    // The clock stepped back: no interval can be measured across it, so measuring starts again here.
+    lastTimestamp = timeUs;
     return;
   }
   intervals.Add(timeUs - lastTimestamp);

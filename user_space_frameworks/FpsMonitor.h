@@ -16,14 +16,19 @@ class FpsMonitor : public Object {
  public:
   using ChangeCallback = ICallback<const FpsMonitor &, void>;
 
+  static constexpr double kThresholdFraction = 0.05;
+  static constexpr double kMinimumThreshold = 0.5;
+
   FpsMonitor(std::string name, uint64_t reportPeriodMs, double fps);
 
-  // Re-initialises for a nominal rate; throws std::invalid_argument("FPS must be > 0") for 0.
+  // Re-initialises for a nominal rate and sets the threshold from it; throws
+  // std::invalid_argument("FPS must be > 0") for 0.
   void Reset(double fps);
   void OnSample(uint64_t timeUs);
 
   void SetCallback(std::shared_ptr<ChangeCallback> callback) { this->callback = std::move(callback); }
   void SetThreshold(double value) { threshold = value; }
+  double GetThreshold() const { return threshold; }
   double GetCurrentFps() const { return currentFps; }
   double GetMeasuredFps() const;
   const std::string &GetName() const { return name; }

@@ -1,24 +1,26 @@
 #include "user_space_frameworks/MediaEventNames.h"
 
+#include "user_space_frameworks/NameMap.h"
+
 namespace user_space_frameworks {
 
 const char *MediaEventTypeName(MediaEventType type) {
-  switch (type) {
-    case MEUnknown: return "MEUnknown";
-    case MEError: return "MEError";
-    case MEExtendedType: return "MEExtendedType";
-    case MENonFatalError: return "MENonFatalError";
-    case METransformUnknown: return "METransformUnknown";
-    case METransformNeedInput: return "METransformNeedInput";
-    case METransformHaveOutput: return "METransformHaveOutput";
-    case METransformDrainComplete: return "METransformDrainComplete";
-    case METransformMarker: return "METransformMarker";
-    case METransformInputStreamStateChanged: return "METransformInputStreamStateChanged";
-    case MEVideoCaptureDeviceRemoved: return "MEVideoCaptureDeviceRemoved";
-    case MEVideoCaptureDevicePreempted: return "MEVideoCaptureDevicePreempted";
-    case MEDeviceThermalStateChanged: return "MEDeviceThermalStateChanged";
-    default: return "Unknown";
-  }
+  static const NameMap<MediaEventType> names = {
+      {MEUnknown, "MEUnknown"},
+      {MEError, "MEError"},
+      {MEExtendedType, "MEExtendedType"},
+      {MENonFatalError, "MENonFatalError"},
+      {METransformUnknown, "METransformUnknown"},
+      {METransformNeedInput, "METransformNeedInput"},
+      {METransformHaveOutput, "METransformHaveOutput"},
+      {METransformDrainComplete, "METransformDrainComplete"},
+      {METransformMarker, "METransformMarker"},
+      {METransformInputStreamStateChanged, "METransformInputStreamStateChanged"},
+      {MEVideoCaptureDeviceRemoved, "MEVideoCaptureDeviceRemoved"},
+      {MEVideoCaptureDevicePreempted, "MEVideoCaptureDevicePreempted"},
+      {MEDeviceThermalStateChanged, "MEDeviceThermalStateChanged"},
+  };
+  return names[type];
 }
 
 }  // namespace user_space_frameworks

@@ -1,8 +1,12 @@
 #include "user_space_frameworks/Trace.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "user_space_frameworks/EtwProviders.h"
+#include "user_space_frameworks/GuidTranslator.h"
 
 namespace user_space_frameworks {
 
@@ -76,23 +80,88 @@ namespace trace {
 std::atomic<int> currentLevel{0};
 std::atomic<bool> eventsEnabled{false};
 
+// {3BFB992D-70B6-49B5-B1E9-CD61333ABD76}
+const GUID kClassicProviderGuid = {0x3bfb992d, 0x70b6, 0x49b5, {0xb1, 0xe9, 0xcd, 0x61, 0x33, 0x3a, 0xbd, 0x76}};
+// {311FA364-6F41-4848-904B-C456EE74DC8A}
+const GUID kEventProviderGuid = {0x311fa364, 0x6f41, 0x4848, {0x90, 0x4b, 0xc4, 0x56, 0xee, 0x74, 0xdc, 0x8a}};
+const char kClassicProviderName[] = "WQ400DeviceMft";
+const char kEventProviderName[] = "WQ400DeviceMft.Frames";
+
 namespace {
 std::mutex sinkMutex;
 std::shared_ptr<TraceSink> currentSink;
+std::atomic<int> sinkLevel{0};
+std::atomic<bool> sinkEvents{false};
 
 std::shared_ptr<TraceSink> Sink() {
   std::lock_guard<std::mutex> hold(sinkMutex);
   return currentSink;
 }
+
+// One level and one event switch for the trace points: the text sink's or a session's, whichever asks more.
+void Recompute();
+
+ClassicTraceProvider classicProvider(kClassicProviderGuid, &Recompute);
+StructuredEventProvider eventProvider(kEventProviderName, kEventProviderGuid, &Recompute);
+
+void Recompute() {
+  const int level = std::max(sinkLevel.load(std::memory_order_relaxed), classicProvider.EnabledLevel());
+  currentLevel.store(level, std::memory_order_relaxed);
+  eventsEnabled.store(sinkEvents.load(std::memory_order_relaxed) ||
+                          eventProvider.IsEnabled(TRACE_LEVEL_VERBOSE, kFrameEventsKeyword),
+                      std::memory_order_relaxed);
+}
+
+void StoreSink(std::shared_ptr<TraceSink> sink, int level, bool events) {
+  currentSink = std::move(sink);
+  const bool on = currentSink != nullptr;
+  sinkLevel.store(on ? level : 0, std::memory_order_relaxed);
+  sinkEvents.store(on && events, std::memory_order_relaxed);
+  Recompute();
+}
+
+const char *OpcodeText(EventOpcode opcode) {
+  switch (opcode) {
+    case EventOpcode::Start: return "Start";
+    case EventOpcode::Stop: return "Stop";
+    case EventOpcode::Info: break;
+  }
+  return "Info";
+}
+
+std::string FieldsText(EventOpcode opcode, const GUID *activityId, std::initializer_list<tracelogging::Field> fields) {
+  std::ostringstream text;
+  const char *separator = "";
+  if (opcode != EventOpcode::Info) {
+    text << "Opcode=" << OpcodeText(opcode);
+    separator = " ";
+  }
+  if (activityId != nullptr) {
+    text << separator << "ActivityId=" << GuidTranslator::ToString(*activityId);
+    separator = " ";
+  }
+  for (const auto &field : fields) {
+    text << separator << field.name << "=";
+    separator = " ";
+    switch (field.inType) {
+      case tracelogging::InUInt32: text << *static_cast<const uint32_t *>(field.data); break;
+      case tracelogging::InInt32: text << *static_cast<const int32_t *>(field.data); break;
+      case tracelogging::InInt64: text << *static_cast<const int64_t *>(field.data); break;
+      case tracelogging::InUInt64: text << *static_cast<const uint64_t *>(field.data); break;
+      case tracelogging::InAnsiString: text << static_cast<const char *>(field.data); break;
+      case tracelogging::InGuid: text << GuidTranslator::ToString(*static_cast<const GUID *>(field.data)); break;
+      default: text << "(" << field.size << " bytes)"; break;
+    }
+  }
+  return text.str();
+}
+
 }  // namespace
 
 std::shared_ptr<TraceSink> SetSink(std::shared_ptr<TraceSink> sink, TraceLevel level, bool events) {
   std::lock_guard<std::mutex> hold(sinkMutex);
-  std::shared_ptr<TraceSink> previous = std::move(currentSink);
-  currentSink = std::move(sink);
-  const bool on = currentSink != nullptr;
-  currentLevel.store(on ? static_cast<int>(level) : 0, std::memory_order_relaxed);
-  eventsEnabled.store(on && events, std::memory_order_relaxed);
+  std::shared_ptr<TraceSink> previous = currentSink;
+  StoreSink(std::move(sink), static_cast<int>(level), events);
   return previous;
 }
 
@@ -107,12 +176,53 @@ void ConfigureFromEnvironment() {
   SetSink(std::make_shared<TextTraceSink>(file != nullptr ? file : ""), chosen, true);
 }
 
-void Write(TraceLevel level, const char *prettyFunction, const std::string &message) {
-  if (auto sink = Sink()) sink->Write(level, QualifiedName(prettyFunction), message);
+ULONG RegisterPlatformProviders() {
+  const ULONG status = classicProvider.Register();
+  if (status != ERROR_SUCCESS) return status;
+  const ULONG eventStatus = eventProvider.Register();
+  if (eventStatus != ERROR_SUCCESS) classicProvider.Unregister();
+  return eventStatus;
 }
 
-void WriteEvent(const char *name, const std::string &fields) {
-  if (auto sink = Sink()) sink->Event(name, fields);
+void UnregisterPlatformProviders() {
+  eventProvider.Unregister();
+  classicProvider.Unregister();
+}
+
+ClassicTraceProvider &ClassicProvider() { return classicProvider; }
+StructuredEventProvider &EventProvider() { return eventProvider; }
+
+void Write(TraceLevel level, const char *prettyFunction, const std::string &message) {
+  const int value = static_cast<int>(level);
+  const bool toSink = sinkLevel.load(std::memory_order_relaxed) >= value;
+  const bool toSession = classicProvider.EnabledLevel() >= value;
+  if (!toSink && !toSession) return;
+  const std::string function = QualifiedName(prettyFunction);
+  if (toSink) {
+    if (auto sink = Sink()) sink->Write(level, function, message);
+  }
+  if (toSession) classicProvider.Write(value, function.c_str(), message.c_str());
+}
+
+void WriteEvent(const char *name, EventOpcode opcode, const GUID *activityId,
+                std::initializer_list<tracelogging::Field> fields) {
+  if (sinkEvents.load(std::memory_order_relaxed)) {
+    if (auto sink = Sink()) sink->Event(name, FieldsText(opcode, activityId, fields));
+  }
+  eventProvider.Write(name, TRACE_LEVEL_VERBOSE, kFrameEventsKeyword, static_cast<UCHAR>(opcode), activityId,
+                      fields.begin(), fields.size());
+}
+
+GUID NewActivityId() {
+  GUID id = GUID_NULL;
+  if (EventActivityIdControl(EVENT_ACTIVITY_CTRL_CREATE_ID, &id) == ERROR_SUCCESS && id != GUID_NULL) return id;
+  // Without the platform's ids (no session support), a process-unique counter still pairs the events.
+  static std::atomic<uint64_t> next{1};
+  const uint64_t value = next.fetch_add(1, std::memory_order_relaxed);
+  id.Data1 = static_cast<unsigned long>(value >> 32);
+  id.Data2 = static_cast<unsigned short>((value >> 16) & 0xFFFF);
+  id.Data3 = static_cast<unsigned short>(value & 0xFFFF);
+  return id;
 }
 
 std::string QualifiedName(const char *prettyFunction) {
@@ -155,15 +265,13 @@ std::string HrText(long hr) {
 }
 
 ScopedSink::ScopedSink(std::shared_ptr<TraceSink> sink, TraceLevel level)
-    : previousLevel(currentLevel.load()), previousEvents(eventsEnabled.load()) {
+    : previousLevel(sinkLevel.load()), previousEvents(sinkEvents.load()) {
   previous = SetSink(std::move(sink), level, true);
 }
 
 ScopedSink::~ScopedSink() {
   std::lock_guard<std::mutex> hold(sinkMutex);
-  currentSink = previous;
-  currentLevel.store(previousLevel);
-  eventsEnabled.store(previousEvents);
+  StoreSink(previous, previousLevel, previousEvents);
 }
 
 }  // namespace trace

@@ -1,15 +1,23 @@
-// Tracing: levels, a process-wide sink, entry/exit marks and structured per-frame events.
-// A disabled trace costs one relaxed atomic load and a branch; nothing is formatted or allocated.
+// Tracing: levels, a process-wide text sink, the platform's trace providers, entry/exit marks and
+// structured per-frame events. Lines go to the text sink and to the classic provider; per-frame events to
+// the text sink and to the self-describing provider. A disabled trace costs one relaxed atomic load and a
+// branch; nothing is formatted or allocated.
 #pragma once
 
 #include <atomic>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "user_space_frameworks/TraceLogging.h"
+
 namespace user_space_frameworks {
+
+class ClassicTraceProvider;
+class StructuredEventProvider;
 
 enum class TraceLevel : int { Off = 0, Error = 1, Warning = 2, Info = 3, Verbose = 4 };
 
@@ -60,6 +68,7 @@ class TextTraceSink : public TraceSink {
 
 namespace trace {
 
+// What the text sink and the listening trace sessions together ask for.
 extern std::atomic<int> currentLevel;
 extern std::atomic<bool> eventsEnabled;
 
@@ -68,14 +77,38 @@ inline bool IsEnabled(TraceLevel level) {
 }
 inline bool EventsEnabled() { return eventsEnabled.load(std::memory_order_relaxed); }
 
-// Installs `sink` at `level` (Off or a null sink switches tracing off). Returns the previous sink.
+// Installs `sink` at `level` (Off or a null sink switches the text sink off). Returns the previous sink.
 std::shared_ptr<TraceSink> SetSink(std::shared_ptr<TraceSink> sink, TraceLevel level, bool events = true);
 // Reads WQ400_TRACE ("error", "warning", "info", "verbose") and WQ400_TRACE_FILE once; the host and
 // the module call it at start-up.
 void ConfigureFromEnvironment();
 
+// The platform providers: registered at module attach, unregistered at detach.
+extern const GUID kClassicProviderGuid;     // "WQ400DeviceMft"
+extern const GUID kEventProviderGuid;       // "WQ400DeviceMft.Frames"
+extern const char kClassicProviderName[];
+extern const char kEventProviderName[];
+constexpr ULONGLONG kFrameEventsKeyword = 0x1;
+ULONG RegisterPlatformProviders();
+void UnregisterPlatformProviders();
+ClassicTraceProvider &ClassicProvider();
+StructuredEventProvider &EventProvider();
+
 void Write(TraceLevel level, const char *prettyFunction, const std::string &message);
-void WriteEvent(const char *name, const std::string &fields);
+
+// One per-frame event with typed fields, at verbose level under the frame-events keyword.
+enum class EventOpcode : unsigned char { Info = 0, Start = 1, Stop = 2 };
+void WriteEvent(const char *name, EventOpcode opcode, const GUID *activityId,
+                std::initializer_list<tracelogging::Field> fields);
+// A new activity id that pairs a start event with its stop event.
+GUID NewActivityId();
+
+inline tracelogging::Field UInt32Field(const char *name, const uint32_t &value) {
+  return {name, tracelogging::InUInt32, 0, &value, sizeof(value)};
+}
+inline tracelogging::Field Int64Field(const char *name, const int64_t &value) {
+  return {name, tracelogging::InInt64, 0, &value, sizeof(value)};
+}
 
 // "HRESULT mft_core::MFDeviceTransform::CheckShutdown()" -> "mft_core::MFDeviceTransform::CheckShutdown"
 std::string QualifiedName(const char *prettyFunction);
@@ -113,14 +146,4 @@ class ScopedSink {
       ::user_space_frameworks::trace::Write(::user_space_frameworks::TraceLevel::level, WQ_FUNCTION, \
                                             wqTraceStream_.str());                                 \
     }                                                                                              \
-  } while (0)
-
-// Structured per-frame event: WQ_TRACE_EVENT("SampleTime", "stream=" << id << " time=" << t);
-#define WQ_TRACE_EVENT(name, streamExpression)                  \
-  do {                                                          \
-    if (::user_space_frameworks::trace::EventsEnabled()) {      \
-      std::ostringstream wqTraceStream_;                        \
-      wqTraceStream_ << streamExpression;                       \
-      ::user_space_frameworks::trace::WriteEvent(name, wqTraceStream_.str()); \
-    }                                                           \
   } while (0)

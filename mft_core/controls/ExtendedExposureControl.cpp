@@ -1,6 +1,7 @@
 #include "mft_core/controls/ExtendedExposureControl.h"
 
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/NameMap.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace mft_core {
@@ -20,14 +21,14 @@ uint32_t Distance(uint32_t a, uint32_t b) {
 }  // namespace
 
 const char *ExposureControlStateName(ExposureControlState state) {
-  switch (state) {
-    case ExposureControlState::ManualConverged: return "ManualConverged";
-    case ExposureControlState::ManualConverging: return "ManualConverging";
-    case ExposureControlState::Auto: return "Auto";
-    case ExposureControlState::AutoLocking: return "AutoLocking";
-    case ExposureControlState::AutoLocked: return "AutoLocked";
-  }
-  return "Unknown";
+  static const user_space_frameworks::NameMap<ExposureControlState> names = {
+      {ExposureControlState::ManualConverged, "ManualConverged"},
+      {ExposureControlState::ManualConverging, "ManualConverging"},
+      {ExposureControlState::Auto, "Auto"},
+      {ExposureControlState::AutoLocking, "AutoLocking"},
+      {ExposureControlState::AutoLocked, "AutoLocked"},
+  };
+  return names[state];
 }
 
 ExtendedExposureControl::ExtendedExposureControl(const std::string &displayName, IKsControl *ksControl,

@@ -6,7 +6,7 @@
 
 #include "mft_core/ks/KsText.h"
 #include "user_space_frameworks/Check.h"
-#include "user_space_frameworks/GuidText.h"
+#include "user_space_frameworks/GuidTranslator.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -63,11 +63,11 @@ HRESULT ExtensionUnitKsControl::FindDeviceSpecificNode(const ComPtr<IMFTransform
     if (ksControl->KsProperty(reinterpret_cast<PKSPROPERTY>(&query), sizeof(query), nullptr, 0,
                               &bytesReturned) == S_OK) {
       nodeId = index;
-      WQ_TRACE(Info, name << ": set " << user_space_frameworks::GuidText(xuSetId) << " found at node " << nodeId);
+      WQ_TRACE(Info, name << ": set " << user_space_frameworks::GuidTranslator::Name(xuSetId) << " found at node " << nodeId);
       return S_OK;
     }
   }
-  WQ_TRACE(Warning, name << ": no device-specific node answers set " << user_space_frameworks::GuidText(xuSetId) << " ("
+  WQ_TRACE(Warning, name << ": no device-specific node answers set " << user_space_frameworks::GuidTranslator::Name(xuSetId) << " ("
                          << numNodes << " nodes)");
   return E_NOINTERFACE;
 }
@@ -77,7 +77,7 @@ namespace {
 // Re-addresses an application's request to the unit's node: KSP_NODE, KSM_NODE and KSE_NODE all open
 // with the 24-byte identifier, followed by the node id.
 template <typename NodeRequest, typename Send>
-HRESULT SendToNode(const std::string &name, const char *kind, const KSIDENTIFIER &request, ULONG nodeId,
+HRESULT SendToNode(const std::string &name, const char *kind, KsIdentifierKind ksKind, const KSIDENTIFIER &request, ULONG nodeId,
                    ULONG dataLength, const ULONG *bytesReturned, Send &&send) {
   static_assert(offsetof(NodeRequest, NodeId) == sizeof(KSIDENTIFIER), "the identifier comes first");
   NodeRequest nodeRequest = {};
@@ -88,10 +88,10 @@ HRESULT SendToNode(const std::string &name, const char *kind, const KSIDENTIFIER
   const HRESULT hr = send(identifier, static_cast<ULONG>(sizeof(nodeRequest)));
   if (hr == HRESULT_FROM_WIN32(ERROR_MORE_DATA) && dataLength == 0) {
     // A size query: "more data" with the size is its normal answer.
-    WQ_TRACE(Verbose, name << ": " << kind << " " << KsIdentifierText(*identifier) << " needs "
+    WQ_TRACE(Verbose, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " needs "
                            << (bytesReturned ? std::to_string(*bytesReturned) : std::string("?")) << " bytes");
   } else if (FAILED(hr)) {
-    WQ_TRACE(Error, name << ": " << kind << " " << KsIdentifierText(*identifier) << " failed "
+    WQ_TRACE(Error, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " failed "
                          << user_space_frameworks::trace::HrText(hr) << ", data length " << dataLength
                          << ", bytes returned "
                          << (bytesReturned ? std::to_string(*bytesReturned) : std::string("null")));
@@ -106,7 +106,7 @@ STDMETHODIMP ExtensionUnitKsControl::KsProperty(PKSPROPERTY pProperty, ULONG /*u
                                                 ULONG *pBytesReturned) {
   RETURN_HR_IF_NULL(E_NOINTERFACE, filterKsControl);
   RETURN_IF_NULL(pProperty);
-  return SendToNode<KSP_NODE>(name, "KsProperty", *pProperty, nodeId, ulDataLength, pBytesReturned,
+  return SendToNode<KSP_NODE>(name, "KsProperty", KsIdentifierKind::Property, *pProperty, nodeId, ulDataLength, pBytesReturned,
                               [&](KSIDENTIFIER *request, ULONG length) {
                                 return filterKsControl->KsProperty(request, length, pPropertyData, ulDataLength,
                                                                    pBytesReturned);
@@ -117,7 +117,7 @@ STDMETHODIMP ExtensionUnitKsControl::KsMethod(PKSMETHOD pMethod, ULONG /*ulMetho
                                               ULONG ulDataLength, ULONG *pBytesReturned) {
   RETURN_HR_IF_NULL(E_NOINTERFACE, filterKsControl);
   RETURN_IF_NULL(pMethod);
-  return SendToNode<KSM_NODE>(name, "KsMethod", *pMethod, nodeId, ulDataLength, pBytesReturned,
+  return SendToNode<KSM_NODE>(name, "KsMethod", KsIdentifierKind::Method, *pMethod, nodeId, ulDataLength, pBytesReturned,
                               [&](KSIDENTIFIER *request, ULONG length) {
                                 return filterKsControl->KsMethod(request, length, pMethodData, ulDataLength,
                                                                  pBytesReturned);
@@ -131,7 +131,7 @@ STDMETHODIMP ExtensionUnitKsControl::KsEvent(PKSEVENT pEvent, ULONG ulEventLengt
     // Disabling names the event by its data alone: nothing to address.
     return filterKsControl->KsEvent(nullptr, ulEventLength, pEventData, ulDataLength, pBytesReturned);
   }
-  return SendToNode<KSE_NODE>(name, "KsEvent", *pEvent, nodeId, ulDataLength, pBytesReturned,
+  return SendToNode<KSE_NODE>(name, "KsEvent", KsIdentifierKind::Event, *pEvent, nodeId, ulDataLength, pBytesReturned,
                               [&](KSIDENTIFIER *request, ULONG length) {
                                 return filterKsControl->KsEvent(request, length, pEventData, ulDataLength,
                                                                 pBytesReturned);

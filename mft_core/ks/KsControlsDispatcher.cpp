@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <sstream>
 
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ExceptionGuard.h"
@@ -97,10 +98,11 @@ HRESULT KsControlsDispatcher::Dispatch(const KsControlDispatcher<T> &dispatcher,
                                         : HRESULT_FROM_WIN32(ERROR_SET_NOT_FOUND);
   OnKsControlExit(type, identifier, identifierLength, data, dataLength, bytesReturned, hr);
 
-  if (hr != S_OK) {
-    WQ_TRACE(Error, KsIdentifierText(KindOf(type), routable)
-                        << " failed: " << user_space_frameworks::trace::HrText(hr) << ", bytes returned "
-                        << (bytesReturned != nullptr ? std::to_string(*bytesReturned) : std::string("null")));
+  if (hr != S_OK && user_space_frameworks::trace::IsEnabled(user_space_frameworks::FailureLevel(hr))) {
+    std::ostringstream text;
+    text << KsIdentifierText(KindOf(type), routable) << " failed: " << user_space_frameworks::trace::HrText(hr)
+         << ", bytes returned " << (bytesReturned != nullptr ? std::to_string(*bytesReturned) : std::string("null"));
+    user_space_frameworks::trace::Write(user_space_frameworks::FailureLevel(hr), WQ_FUNCTION, text.str());
   }
   return hr;
 }

@@ -5,17 +5,44 @@
 #include "mft_core/ks/KsControlHandlers.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ExceptionGuard.h"
+#include "user_space_frameworks/NameMap.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace mft_core {
 
 using user_space_frameworks::AutoLock;
 
+// What the platform's work items hold instead of the listener itself. The platform may keep a finished
+// or cancelled work item's result for as long as it likes (Wine keeps a cancelled waiting item's); were the
+// listener the result's callback, that would keep the listener and, through it, the driver's control.
+class KsEventListener::CallbackRelay : public user_space_frameworks::ComObject<IMFAsyncCallback> {
+ public:
+  explicit CallbackRelay(std::weak_ptr<KsEventListener> listener) : listener(std::move(listener)) {}
+  STDMETHODIMP GetParameters(DWORD *pdwFlags, DWORD *pdwQueue) override {
+    if (const auto owner = listener.lock()) return owner->GetParameters(pdwFlags, pdwQueue);
+    RETURN_IF_NULL(pdwFlags);
+    RETURN_IF_NULL(pdwQueue);
+    *pdwFlags = MFASYNC_FAST_IO_PROCESSING_CALLBACK;
+    *pdwQueue = MFASYNC_CALLBACK_QUEUE_STANDARD;
+    return S_OK;
+  }
+  STDMETHODIMP Invoke(IMFAsyncResult *pAsyncResult) override {
+    // A listener already let go has nothing left to do with a late completion.
+    if (const auto owner = listener.lock()) return owner->Invoke(pAsyncResult);
+    return S_OK;
+  }
+
+ private:
+  std::weak_ptr<KsEventListener> listener;
+};
+
 std::shared_ptr<KsEventListener> KsEventListener::Own(KsEventListener *listener) {
-  return std::shared_ptr<KsEventListener>(listener, [](KsEventListener *owned) {
-    owned->Uninit();
-    owned->Release();
+  std::shared_ptr<KsEventListener> owned(listener, [](KsEventListener *released) {
+    released->Uninit();
+    released->Release();
   });
+  listener->relay = user_space_frameworks::MakeComObject<CallbackRelay>(owned);
+  return owned;
 }
 
 std::shared_ptr<KsEventListener> KsEventListener::Create(const std::string &name, REFGUID eventSet, ULONG eventId,
@@ -40,13 +67,9 @@ KsEventListener::KsEventListener(const std::string &name, REFGUID eventSet, ULON
 KsEventListener::~KsEventListener() = default;
 
 const char *KsEventListener::StateText(LONG state) {
-  switch (state) {
-    case Stopped: return "Stopped";
-    case Starting: return "Starting";
-    case Active: return "Active";
-    case Stopping: return "Stopping";
-  }
-  return "Unknown";
+  static const user_space_frameworks::NameMap<LONG> names = {
+      {Stopped, "Stopped"}, {Starting, "Starting"}, {Active, "Active"}, {Stopping, "Stopping"}};
+  return names[state];
 }
 
 HRESULT KsEventListener::Init(IKsControl *ksControl) {
@@ -61,11 +84,13 @@ HRESULT KsEventListener::Init(IKsControl *ksControl) {
   kseventdata.EventHandle.Reserved[1] = 0;
   RETURN_HR_IF_NULL(E_OUTOFMEMORY, kseventdata.EventHandle.Event);
   asyncResult.Reset();
-  RETURN_IF_FAILED(MFCreateAsyncResult(nullptr, this, nullptr, &asyncResult));
+  RETURN_HR_IF_NULL(E_OUTOFMEMORY, relay);
+  RETURN_IF_FAILED(MFCreateAsyncResult(nullptr, relay.Get(), nullptr, &asyncResult));
   return S_OK;
 }
 
 void KsEventListener::Uninit() {
+  AutoLock transition(startStopLock);
   LONG remaining = 0;
   {
     AutoLock lock(critSec);
@@ -73,7 +98,8 @@ void KsEventListener::Uninit() {
     remaining = startCount;
   }
   for (; remaining > 0; --remaining) Stop();
-  // The result holds a reference to this listener; letting it go breaks the cycle.
+  // A late Invoke reads the result and the handles under the lock: they go under it too.
+  AutoLock lock(critSec);
   asyncResult.Reset();
   kseventdata.EventHandle.Event = nullptr;
   notificationEvent.Reset();
@@ -81,26 +107,32 @@ void KsEventListener::Uninit() {
 }
 
 HRESULT KsEventListener::Start() {
+  AutoLock transition(startStopLock);
+  AutoLock lock(critSec);
   const HANDLE stopCompletedEvent = stopCompleted.Get();
   RETURN_HR_IF_NULL(E_OUTOFMEMORY, stopCompletedEvent);
   RETURN_HR_IF_NULL(E_OUTOFMEMORY, kseventdata.EventHandle.Event);
   RETURN_HR_IF_NULL(E_OUTOFMEMORY, asyncResult);
 
-  AutoLock lock(critSec);
+  // Every start counts, even one that fails below: its caller's Stop gives it back.
   ++startCount;
-  if (startCount >= 2) {
+  // No Start sees Starting or Stopping: both live only inside a Start or Stop, which are serialised.
+  if (state == Active) {
     WQ_TRACE(Info, name << ": already started, state " << StateText(state) << ", count " << startCount);
     return S_OK;
   }
-  if (state != Stopped) {
-    WQ_TRACE(Error, name << ": cannot start in state " << StateText(state));
-    // Refused: this start does not count, so the caller's later Stop stays balanced.
-    --startCount;
-    return E_UNEXPECTED;
+  if (startCount >= 2) {
+    WQ_TRACE(Warning, name << ": arming again after a failed start, count " << startCount);
   }
   state = Starting;
-  RETURN_IF_FAILED(WaitAsyncForNotification());
+  const HRESULT armed = WaitAsyncForNotification();
+  if (FAILED(armed)) {
+    // Nothing is armed: the next Start tries again rather than finding the listener stuck in Starting.
+    state = Stopped;
+    RETURN_IF_FAILED(armed);
+  }
   state = Active;
+  failedWaits = 0;
   KSEVENT event{};
   event.Set = eventSet;
   event.Id = eventId;
@@ -114,13 +146,14 @@ HRESULT KsEventListener::WaitAsyncForNotification() {
   // Each wait gets its own result so that Invoke can tell the current wait from an earlier one that
   // the platform still delivers (a wait that fired while being cancelled may be invoked twice).
   Microsoft::WRL::ComPtr<IMFAsyncResult> nextResult;
-  RETURN_IF_FAILED(MFCreateAsyncResult(nullptr, this, nullptr, &nextResult));
+  RETURN_IF_FAILED(MFCreateAsyncResult(nullptr, relay.Get(), nullptr, &nextResult));
   asyncResult = nextResult;
-  RETURN_IF_FAILED(workItemWrapper->WaitAsync(kseventdata.EventHandle.Event, asyncResult.Get(), this));
+  RETURN_IF_FAILED(workItemWrapper->WaitAsync(kseventdata.EventHandle.Event, asyncResult.Get(), relay.Get()));
   return S_OK;
 }
 
 void KsEventListener::Stop() {
+  AutoLock transition(startStopLock);
   {
     AutoLock lock(critSec);
     if (startCount <= 0) {
@@ -133,7 +166,8 @@ void KsEventListener::Stop() {
       return;
     }
     if (state != Active) {
-      WQ_TRACE(Error, name << ": unexpected stop in state " << StateText(state));
+      // The start that counted never armed a wait: there is nothing to stop.
+      WQ_TRACE(Warning, name << ": last stop in state " << StateText(state));
       return;
     }
     state = Stopping;
@@ -145,7 +179,8 @@ void KsEventListener::Stop() {
   }
 
   // Where cancelling invokes the callback, Invoke completes the stop at once; where it does not, the
-  // wait runs out and the event is disabled here instead.
+  // wait runs out and the event is disabled here instead. Uninit, the only closer of this handle, is
+  // excluded by startStopLock.
   const DWORD waitResult = WaitForSingleObject(stopCompleted.Get(), kStopTimeoutMs);
   if (waitResult == WAIT_TIMEOUT) {
     WQ_TRACE(Error, name << ": stop did not complete within " << kStopTimeoutMs << " ms");
@@ -199,29 +234,44 @@ STDMETHODIMP KsEventListener::GetParameters(DWORD *pdwFlags, DWORD *pdwQueue) {
 
 STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
   return WQ_GUARDED([&]() -> HRESULT {
-    {
-      AutoLock lock(critSec);
-      if (pAsyncResult == nullptr || pAsyncResult != asyncResult.Get()) {
-        WQ_TRACE(Warning, name << ": completion of an earlier wait ignored in state " << StateText(state));
-        return S_OK;
-      }
-    }
+    if (pAsyncResult == nullptr) return E_POINTER;
     // A cancelled wait is not a driver notification.
     const HRESULT status = pAsyncResult->GetStatus();
     const bool signalled = SUCCEEDED(status);
-    if (signalled) {
-      // Recorded where it is delivered: a cancelled or stale wait is not a driver event.
-      if (recorder) recorder->RecordDriverEvent(eventSet, eventId);
-      NotifyObservers();
+    DWORD rearmDelayMs = 0;
+    bool notify = false;
+    {
+      AutoLock lock(critSec);
+      if (pAsyncResult != asyncResult.Get()) {
+        WQ_TRACE(Verbose, name << ": completion of an earlier wait ignored in state " << StateText(state));
+        return S_OK;
+      }
+      if (state == Active) {
+        if (signalled) {
+          failedWaits = 0;
+          notify = true;
+        } else {
+          // The wait failed, so whether the driver signalled is unknown: observers are told once (they
+          // read the camera's state), and the wait is armed again after a pause that grows up to a bound.
+          ++failedWaits;
+          notify = failedWaits == 1;
+          rearmDelayMs = kFirstRearmDelayMs << std::min<DWORD>(failedWaits - 1, 7);
+          if (rearmDelayMs > kMaxRearmDelayMs) rearmDelayMs = kMaxRearmDelayMs;
+          WQ_TRACE(Warning, name << ": wait completed with " << user_space_frameworks::trace::HrText(status)
+                                 << ", armed again in " << rearmDelayMs << " ms");
+        }
+      }
     }
+    // Recorded where it is delivered: a cancelled or stale wait is not a driver event.
+    if (signalled && notify && recorder) recorder->RecordDriverEvent(eventSet, eventId);
+    if (notify) NotifyObservers();
+    if (rearmDelayMs != 0) Sleep(rearmDelayMs);
 
     AutoLock lock(critSec);
+    // A Stop or Uninit may have run meanwhile: only the current wait may act.
+    if (pAsyncResult != asyncResult.Get()) return S_OK;
     switch (state) {
       case Active:
-        if (!signalled) {
-          WQ_TRACE(Warning, name << ": wait completed with " << user_space_frameworks::trace::HrText(status));
-          return S_OK;
-        }
         RETURN_IF_FAILED(WaitAsyncForNotification());
         return S_OK;
       case Stopping: {

@@ -28,6 +28,9 @@ class KsEventListener : public user_space_frameworks::ComObject<IMFAsyncCallback
   enum State : LONG { Stopped = 0, Starting = 1, Active = 2, Stopping = 3 };
   static constexpr LONG kWorkItemPriority = 5;
   static constexpr DWORD kStopTimeoutMs = 5000;
+  // A wait that completes with a failure is armed again after a pause that doubles up to this bound.
+  static constexpr DWORD kFirstRearmDelayMs = 10;
+  static constexpr DWORD kMaxRearmDelayMs = 1000;
 
   // The listener is reference counted (pending work items hold it); the shared pointer owns one
   // reference and uninitialises the listener when the last owner lets go.
@@ -68,6 +71,7 @@ class KsEventListener : public user_space_frameworks::ComObject<IMFAsyncCallback
  private:
   static const char *StateText(LONG state);
   static std::shared_ptr<KsEventListener> Own(KsEventListener *listener);
+  class CallbackRelay;
 
   std::string name;
   LONG state = Stopped;
@@ -77,6 +81,10 @@ class KsEventListener : public user_space_frameworks::ComObject<IMFAsyncCallback
   user_space_frameworks::UniqueHandle notificationEvent;  // owns kseventdata.EventHandle.Event
   Microsoft::WRL::ComPtr<IMFAsyncResult> asyncResult;
   user_space_frameworks::CriticalSection critSec;
+  // Serialises Start, Stop and Uninit, and is held across the stop's wait: a Start that arrives while the
+  // last Stop waits for its completion starts afresh once that stop is over instead of being refused.
+  // Invoke never takes it. Order: startStopLock before critSec.
+  user_space_frameworks::CriticalSection startStopLock;
   ULONG eventId;
   GUID eventSet;
   user_space_frameworks::UniqueHandle stopCompleted;  // the stop-completed event
@@ -84,7 +92,10 @@ class KsEventListener : public user_space_frameworks::ComObject<IMFAsyncCallback
   std::shared_ptr<mft_utils::WaitWorkItemWrapper> workItemWrapper;
   LONG startCount = 0;
   bool stopCompletionPending = false;
+  DWORD failedWaits = 0;  // consecutive waits that completed with a failure while Active
   std::shared_ptr<const WorkQueueAssignment> workQueue;
+  // The callback of every work item: it reaches the listener only while an owner still holds it.
+  Microsoft::WRL::ComPtr<IMFAsyncCallback> relay;
 };
 
 }  // namespace mft_core

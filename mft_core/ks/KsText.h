@@ -1,4 +1,5 @@
-// Short texts for traces of KS requests: "{set} id N flags 0x..", optionally after the request's kind.
+// KS requests in traces, named by the identifier translator:
+// "Set: PROPSETID_VIDCAP_VIDEOPROCAMP, Id: KSPROPERTY_VIDEOPROCAMP_GAIN, Flags: KSPROPERTY_TYPE_GET".
 #pragma once
 
 #include <string>
@@ -9,8 +10,7 @@ namespace mft_core {
 
 enum class KsIdentifierKind : int { Property = 0, Event = 1, Method = 2 };
 
-std::string KsIdentifierText(const KSIDENTIFIER &identifier);
-// "property {set} id N flags 0x..", or "property (null)".
+// A null identifier (a driver-event disable, a size query) reads "(no event)" and so on.
 std::string KsIdentifierText(KsIdentifierKind kind, const KSIDENTIFIER *identifier);
 
 }  // namespace mft_core

@@ -78,6 +78,7 @@ HRESULT InputStream::GetPreferredState(DeviceStreamState *theState, IMFMediaType
 HRESULT InputStream::SetPreferredState(DeviceStreamState state, IMFMediaType *mediaType) {
   {
     user_space_frameworks::AutoLock guard(streamLock);
+    RETURN_HR_IF(MF_E_SHUTDOWN, stateChangeAborted);
     if (mediaType != nullptr) {
       // IsSupported takes the (recursive) stream lock too.
       if (!IsSupported(mediaType, 0)) {
@@ -99,12 +100,22 @@ HRESULT InputStream::SetPreferredState(DeviceStreamState state, IMFMediaType *me
   RETURN_IF_FAILED(eventGenerator->QueueEvent(event.Get()));
 
   const DWORD waitResult = stateChangedEvent.Wait(stateChangeTimeoutMs);
+  {
+    user_space_frameworks::AutoLock guard(streamLock);
+    RETURN_HR_IF(MF_E_SHUTDOWN, stateChangeAborted);
+  }
   if (waitResult != WAIT_OBJECT_0) {
     WQ_TRACE(Error, traceName << ": no answer to the state change to " << state << " within " << stateChangeTimeoutMs
                               << " ms (wait result " << waitResult << ")");
     return E_FAIL;
   }
   return S_OK;
+}
+
+void InputStream::AbortStateChangeWait() {
+  user_space_frameworks::AutoLock guard(streamLock);
+  stateChangeAborted = true;
+  stateChangedEvent.Set();
 }
 
 HRESULT InputStream::SetState(DeviceStreamState theState) {
@@ -151,9 +162,14 @@ HRESULT InputStream::ProcessSample(IMFSample *sample) {
     nextNode = firstNode;
     parser = metadataParser;
   }
-  // Metadata first: the frame counter the drop monitor reads comes from it.
-  if (parser) LOG_IF_FAILED(parser->Parse(sample));
-  frameDropMonitor.OnSample(sample);
+  // Metadata first: the frame counter the drop monitor reads comes from it. Without a parser no sample
+  // can carry a counter, so the frame is only counted (and the attribute look-up saved).
+  if (parser) {
+    LOG_IF_FAILED(parser->Parse(sample));
+    frameDropMonitor.OnSample(sample);
+  } else {
+    frameDropMonitor.OnSample(nullptr);
+  }
   if (!nextNode) {
     WQ_TRACE(Verbose, traceName << ": not connected, sample dropped");
     return S_OK;

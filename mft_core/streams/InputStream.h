@@ -33,6 +33,9 @@ class InputStream : public Stream {
   // Asks the frame server, through METransformInputStreamStateChanged, to move the stream to `state`
   // with `mediaType` and waits for its SetState. Blocking: never call it holding a stream lock.
   HRESULT SetPreferredState(DeviceStreamState state, IMFMediaType *mediaType);
+  // The transform is shutting down and no answer will come: a pending SetPreferredState, and every later
+  // one, returns MF_E_SHUTDOWN at once.
+  void AbortStateChangeWait();
 
   HRESULT SetState(DeviceStreamState theState) override;
   // Flushes every node downstream, output streams included.
@@ -59,6 +62,7 @@ class InputStream : public Stream {
   std::shared_ptr<IMetadataParser> metadataParser;
   user_space_frameworks::FpsMonitor fpsMonitor;
   bool isStarted = false;
+  bool stateChangeAborted = false;
 
   user_space_frameworks::Event stateChangedEvent;  // auto-reset; signalled by SetState
   FrameDropMonitor frameDropMonitor;               // atomic counters, touched only by the input thread and SetState

@@ -123,7 +123,13 @@ HRESULT OutputStream::ProcessSample(IMFSample *sample) {
   if (user_space_frameworks::trace::EventsEnabled()) {
     LONGLONG sampleTime = 0;
     sample->GetSampleTime(&sampleTime);
-    WQ_TRACE_EVENT("SampleQueued", "stream=" << id << " time=" << sampleTime << " queue=" << queueLength);
+    const uint32_t stream = id;
+    const int64_t time = sampleTime;
+    const uint32_t queued = static_cast<uint32_t>(queueLength);
+    user_space_frameworks::trace::WriteEvent("SampleQueued", user_space_frameworks::trace::EventOpcode::Info, nullptr,
+                                             {user_space_frameworks::trace::UInt32Field("Stream", stream),
+                                              user_space_frameworks::trace::Int64Field("SampleTime", time),
+                                              user_space_frameworks::trace::UInt32Field("QueueLength", queued)});
   }
   return S_OK;
 }
@@ -136,7 +142,11 @@ HRESULT OutputStream::ProcessOutput(MFT_OUTPUT_DATA_BUFFER &buffer, DWORD stream
   if (sampleQueue.empty()) {
     buffer.dwStatus = MFT_OUTPUT_DATA_BUFFER_NO_SAMPLE;
     buffer.pSample = nullptr;
-    WQ_TRACE_EVENT("No Sample", "stream=" << streamId);
+    if (user_space_frameworks::trace::EventsEnabled()) {
+      const uint32_t stream = streamId;
+      user_space_frameworks::trace::WriteEvent("No Sample", user_space_frameworks::trace::EventOpcode::Info, nullptr,
+                                               {user_space_frameworks::trace::UInt32Field("Stream", stream)});
+    }
     return MF_E_TRANSFORM_NEED_MORE_INPUT;
   }
   // The queue's reference passes to the caller.
@@ -164,6 +174,17 @@ HRESULT OutputStream::Flush() {
 HRESULT OutputStream::SetState(DeviceStreamState theState) {
   RETURN_IF_FAILED(Stream::SetState(theState));
   if (theState != DeviceStreamState_Run) return S_OK;
+  {
+    // Both monitors measure against the type the stream now runs with.
+    user_space_frameworks::AutoLock guard(streamLock);
+    UINT32 numerator = 0, denominator = 0;
+    if (currentMediaType &&
+        SUCCEEDED(MFGetAttributeRatio(currentMediaType.Get(), MF_MT_FRAME_RATE, &numerator, &denominator)) &&
+        denominator != 0 && numerator / denominator > 0) {
+      topologyFpsMonitor.Reset(numerator / denominator);
+      processOutputFpsMonitor.Reset(numerator / denominator);
+    }
+  }
   Microsoft::WRL::ComPtr<IMFMediaEvent> event;
   RETURN_IF_FAILED(MFCreateMediaEvent(MEUnknown, MEDeviceStreamCreated, S_OK, nullptr, event.GetAddressOf()));
   RETURN_IF_FAILED(event->SetUINT32(MF_EVENT_MFT_INPUT_STREAM_ID, id));

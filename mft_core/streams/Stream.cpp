@@ -3,26 +3,12 @@
 #include <sstream>
 
 #include "user_space_frameworks/Check.h"
-#include "user_space_frameworks/GuidText.h"
+#include "user_space_frameworks/MediaTypeTranslator.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace mft_core {
 
 namespace {
-
-// Video subtypes are a FourCC (or format number) in the platform's base GUID.
-std::string SubtypeText(REFGUID subtype) {
-  GUID base = MFVideoFormat_Base;
-  base.Data1 = subtype.Data1;
-  if (base != subtype) return user_space_frameworks::GuidText(subtype);
-  std::string text;
-  for (int shift = 0; shift < 32; shift += 8) {
-    const char c = static_cast<char>((subtype.Data1 >> shift) & 0xFF);
-    if (c < 0x20 || c > 0x7E) return std::to_string(subtype.Data1);
-    text += c;
-  }
-  return text;
-}
 
 void SplitPair(UINT64 value, UINT32 &high, UINT32 &low) {
   high = static_cast<UINT32>(value >> 32);
@@ -35,7 +21,7 @@ std::string DescribeMediaType(IMFMediaType *mediaType) {
   if (mediaType == nullptr) return "(none)";
   std::ostringstream text;
   GUID subtype = GUID_NULL;
-  if (SUCCEEDED(mediaType->GetGUID(MF_MT_SUBTYPE, &subtype))) text << SubtypeText(subtype);
+  if (SUCCEEDED(mediaType->GetGUID(MF_MT_SUBTYPE, &subtype))) text << user_space_frameworks::MediaTypeTranslator::SubtypeName(subtype);
   else text << "(no subtype)";
   UINT64 pair = 0;
   UINT32 a = 0, b = 0;

@@ -93,6 +93,10 @@ HRESULT DeviceMft::UninitializeMembers() {
     autoUpdateEventListener->Uninit();
     autoUpdateEventListener.reset();
   }
+  {
+    user_space_frameworks::AutoLock lock(listenerStartsLock);
+    listenerStarts.clear();
+  }
   deviceXuKsControl.Reset();
   msXuKsControl.Reset();
   return S_OK;
@@ -123,6 +127,7 @@ HRESULT DeviceMft::CreateInputStreams() {
   for (DWORD streamId : inputStreamIds) {
     auto inputStream = std::make_shared<InputStream>(streamId, this);
     RETURN_IF_FAILED(inputStream->Init(sourceTransform.Get(), excludedSubtypes));
+    user_space_frameworks::AutoLock lock(streamListLock);
     inputStreams.push_back(inputStream);
   }
   return S_OK;
@@ -186,17 +191,39 @@ HRESULT DeviceMft::OnShutdown() {
 }
 
 HRESULT DeviceMft::StartStreaming(const std::shared_ptr<OutputStream> &outputStream, IMFMediaType *nextMediaType) {
-  const bool wasRunning = outputStream->GetState() == DeviceStreamState_Run;
-  RETURN_IF_FAILED(StartOutputStream(outputStream, nextMediaType));
-  if (!wasRunning) RETURN_IF_FAILED(autoUpdateEventListener->Start());
-  return S_OK;
+  // The listener runs exactly while some output stream runs: a stream left running counts one start,
+  // even when starting it failed after it was set running (its later stop gives that start back).
+  const HRESULT started = LOG_IF_FAILED(StartOutputStream(outputStream, nextMediaType));
+  if (outputStream->GetState() == DeviceStreamState_Run) RETURN_IF_FAILED(StartListenerFor(outputStream->GetID()));
+  return started;
 }
 
 HRESULT DeviceMft::StopStreaming(const std::shared_ptr<OutputStream> &outputStream, IMFMediaType *nextMediaType) {
   // Only a stream that counted a start gives one back, so the listener keeps running for the others.
-  if (outputStream->GetState() == DeviceStreamState_Run) autoUpdateEventListener->Stop();
+  StopListenerFor(outputStream->GetID());
   RETURN_IF_FAILED(StopOutputStream(outputStream, nextMediaType));
   return S_OK;
+}
+
+HRESULT DeviceMft::StartListenerFor(DWORD outputStreamId) {
+  {
+    user_space_frameworks::AutoLock lock(listenerStartsLock);
+    if (!listenerStarts.insert(outputStreamId).second) return S_OK;
+  }
+  // Shutdown waits for this call before it lets the listener go, so the member is live here.
+  const std::shared_ptr<KsEventListener> listener = autoUpdateEventListener;
+  RETURN_HR_IF_NULL(E_UNEXPECTED, listener);
+  RETURN_IF_FAILED(listener->Start());
+  return S_OK;
+}
+
+void DeviceMft::StopListenerFor(DWORD outputStreamId) {
+  {
+    user_space_frameworks::AutoLock lock(listenerStartsLock);
+    if (listenerStarts.erase(outputStreamId) == 0) return;
+  }
+  const std::shared_ptr<KsEventListener> listener = autoUpdateEventListener;
+  if (listener) listener->Stop();
 }
 
 }  // namespace mft_core

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,9 @@ class DeviceMft : public MFDeviceTransform {
   HRESULT InitializeMembers() override;
   HRESULT CreateFilterKsControl() override;
   HRESULT RegisterKsControlHandlres() override;
+  // One start of the listener per running output stream, counted once per stream.
+  HRESULT StartListenerFor(DWORD outputStreamId);
+  void StopListenerFor(DWORD outputStreamId);
   // Driver subtypes that input streams leave out; none for a plain device.
   virtual std::vector<GUID> GetExcludedInputMediaTypes();
 
@@ -68,6 +72,10 @@ class DeviceMft : public MFDeviceTransform {
   // the transform lives, so concurrent readers need no lock.
   std::shared_ptr<DeviceInfo> deviceInfo;
   std::wstring urlString;
+
+ private:
+  user_space_frameworks::CriticalSection listenerStartsLock;
+  std::set<DWORD> listenerStarts;  // output streams that hold a start of the listener
 };
 
 }  // namespace mft_core

@@ -1,6 +1,7 @@
 #include "mft_core/transform/MFDeviceTransform.h"
 
 #include "user_space_frameworks/ExceptionGuard.h"
+#include "user_space_frameworks/ModuleVersion.h"
 
 namespace mft_core {
 
@@ -44,11 +45,12 @@ HRESULT MFDeviceTransform::RecordReturn(const char *function, HRESULT result, co
   return result;
 }
 
-// The guard of every public method: record, refuse after shutdown, run the handler; then record the
-// result, including one the exception guard made.
+// The guard of every public method: record, enter the call gate, refuse after shutdown, run the handler;
+// then record the result, including one the exception guard made.
 #define WQ_TRANSFORM_ENTRY(function, handler, ...)                                 \
   RecordReturn(function, ::user_space_frameworks::Guarded(function, [&]() -> HRESULT { \
     RecordCall(function, __VA_ARGS__);                                             \
+    const ::user_space_frameworks::CallGate::Pass wqPass_(callGate);               \
     RETURN_IF_FAILED(CheckShutdown());                                             \
     RETURN_IF_FAILED(handler);                                                     \
     return S_OK;                                                                   \
@@ -167,7 +169,18 @@ STDMETHODIMP MFDeviceTransform::GetAttributes(IMFAttributes **pAttributes) {
 }
 
 STDMETHODIMP MFDeviceTransform::Shutdown() {
-  return WQ_TRANSFORM_ENTRY(WQ_FUNCTION, OnShutdown(), "");
+  return RecordReturn(WQ_FUNCTION, ::user_space_frameworks::Guarded(WQ_FUNCTION, [&]() -> HRESULT {
+    RecordCall(WQ_FUNCTION, "");
+    RETURN_IF_FAILED(CheckShutdown());
+    // One Shutdown goes ahead; one that races it is refused as any call after shutdown.
+    if (!callGate.Close()) RETURN_IF_FAILED(CheckShutdown());
+    // New calls are refused from here on. Calls already inside finish against live members: those
+    // waiting for the frame server are woken first, since its answers are refused now.
+    AbortPendingWaits();
+    callGate.Drain(0);
+    RETURN_IF_FAILED(OnShutdown());
+    return S_OK;
+  }), "");
 }
 
 STDMETHODIMP MFDeviceTransform::GetShutdownStatus(MFSHUTDOWN_STATUS *pStatus) {
@@ -396,7 +409,7 @@ HRESULT MFDeviceTransform::OnGetShutdownStatus(MFSHUTDOWN_STATUS *status) {
 // ---- Streaming control ---------------------------------------------------------------------------------------------
 
 void MFDeviceTransform::TraceVersionBanner() {
-  WQ_TRACE(Info, GetTraceName() << " built " << __DATE__ << " " << __TIME__);
+  WQ_TRACE(Info, user_space_frameworks::VersionBanner());
 }
 
 HRESULT MFDeviceTransform::StartStreaming(const std::shared_ptr<OutputStream> &outputStream,
@@ -411,7 +424,33 @@ HRESULT MFDeviceTransform::StopStreaming(const std::shared_ptr<OutputStream> &ou
   return S_OK;
 }
 
-HRESULT MFDeviceTransform::CheckShutdown() { return IsShutdown() ? MF_E_SHUTDOWN : S_OK; }
+HRESULT MFDeviceTransform::CheckShutdown() { return IsShutdown() || callGate.IsClosed() ? MF_E_SHUTDOWN : S_OK; }
+
+void MFDeviceTransform::AbortPendingWaits() {
+  user_space_frameworks::AutoLock lock(streamListLock);
+  for (const auto &inputStream : inputStreams) inputStream->AbortStateChangeWait();
+}
+
+HRESULT MFDeviceTransform::OnKsProperty(PKSPROPERTY pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
+                                        ULONG ulDataLength, ULONG *pBytesReturned) {
+  const user_space_frameworks::CallGate::Pass pass(callGate);
+  RETURN_IF_FAILED(CheckShutdown());
+  return KsControlsDispatcher::OnKsProperty(pProperty, ulPropertyLength, pPropertyData, ulDataLength, pBytesReturned);
+}
+
+HRESULT MFDeviceTransform::OnKsMethod(PKSMETHOD pMethod, ULONG ulMethodLength, LPVOID pMethodData, ULONG ulDataLength,
+                                      ULONG *pBytesReturned) {
+  const user_space_frameworks::CallGate::Pass pass(callGate);
+  RETURN_IF_FAILED(CheckShutdown());
+  return KsControlsDispatcher::OnKsMethod(pMethod, ulMethodLength, pMethodData, ulDataLength, pBytesReturned);
+}
+
+HRESULT MFDeviceTransform::OnKsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,
+                                     ULONG *pBytesReturned) {
+  const user_space_frameworks::CallGate::Pass pass(callGate);
+  RETURN_IF_FAILED(CheckShutdown());
+  return KsControlsDispatcher::OnKsEvent(pEvent, ulEventLength, pEventData, ulDataLength, pBytesReturned);
+}
 
 HRESULT MFDeviceTransform::GetFilterStreamIds(std::vector<DWORD> &ids) {
   ids.clear();

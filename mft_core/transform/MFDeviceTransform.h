@@ -15,8 +15,10 @@
 #include "mft_core/transform/MediaEventGenerator.h"
 #include "mft_core/transform/RealTimeClient.h"
 #include "platform/WindowsSdk.h"
+#include "user_space_frameworks/CallGate.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ComObject.h"
+#include "user_space_frameworks/ModuleLock.h"
 #include "user_space_frameworks/Sync.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -163,6 +165,17 @@ class MFDeviceTransform : public DeviceTransformEntries,
   virtual HRESULT StopOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                    IMFMediaType *nextMediaType) = 0;
   virtual HRESULT CheckShutdown();
+  // Wakes calls blocked in a wait that only the frame server could end, once shutdown has begun: the
+  // frame server's answers are refused from then on. Input streams' preferred-state waits here.
+  virtual void AbortPendingWaits();
+
+  // KS requests from applications are refused after shutdown like every other call.
+  HRESULT OnKsProperty(PKSPROPERTY pProperty, ULONG ulPropertyLength, LPVOID pPropertyData, ULONG ulDataLength,
+                       ULONG *pBytesReturned) override;
+  HRESULT OnKsMethod(PKSMETHOD pMethod, ULONG ulMethodLength, LPVOID pMethodData, ULONG ulDataLength,
+                     ULONG *pBytesReturned) override;
+  HRESULT OnKsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,
+                    ULONG *pBytesReturned) override;
 
   // ---- Construction hooks (the device transform and the product implement them) --------------------------
   virtual HRESULT UninitializeMembers() = 0;
@@ -196,8 +209,14 @@ class MFDeviceTransform : public DeviceTransformEntries,
   Microsoft::WRL::ComPtr<IMFTransform> sourceTransform;
   Microsoft::WRL::ComPtr<IMFAttributes> attributes;
   std::shared_ptr<IDeviceEventsRecorder> deviceEventsRecorder;
+  // Every public call runs inside it; Shutdown closes it and waits for the calls inside before the
+  // members they use are uninitialised. A call either completes against live members or is refused.
+  user_space_frameworks::CallGate callGate;
 
  private:
+  // A live transform keeps its module loaded.
+  user_space_frameworks::ModuleReference moduleReference;
+
   HRESULT DeviceGetInputCurrentType(DWORD dwInputStreamID, IMFMediaType **pMediaType) final;
   HRESULT DeviceProcessInput(DWORD dwInputStreamID, IMFSample *pSample, DWORD dwFlags) final;
   HRESULT DeviceProcessMessage(MFT_MESSAGE_TYPE eMessage, ULONG_PTR ulParam) final;

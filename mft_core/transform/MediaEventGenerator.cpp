@@ -2,7 +2,7 @@
 
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ExceptionGuard.h"
-#include "user_space_frameworks/GuidText.h"
+#include "user_space_frameworks/GuidTranslator.h"
 #include "user_space_frameworks/MediaEventNames.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -34,7 +34,8 @@ MediaEventGenerator::~MediaEventGenerator() = default;
 STDMETHODIMP MediaEventGenerator::GetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) {
   return WQ_GUARDED([&]() -> HRESULT {
     if (isQueueCreated != 1) return E_OUTOFMEMORY;
-    RETURN_IF_FAILED(OnGetEvent(dwFlags, ppEvent));
+    // Only our Shutdown shuts the queue down, and that is how the frame server's pending wait ends.
+    RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, OnGetEvent(dwFlags, ppEvent));
     return S_OK;
   });
 }
@@ -50,7 +51,7 @@ STDMETHODIMP MediaEventGenerator::BeginGetEvent(IMFAsyncCallback *pCallback, IUn
 STDMETHODIMP MediaEventGenerator::EndGetEvent(IMFAsyncResult *pResult, IMFMediaEvent **ppEvent) {
   return WQ_GUARDED([&]() -> HRESULT {
     if (isQueueCreated != 1) return E_OUTOFMEMORY;
-    RETURN_IF_FAILED(OnEndGetEvent(pResult, ppEvent));
+    RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, OnEndGetEvent(pResult, ppEvent));
     return S_OK;
   });
 }
@@ -75,7 +76,7 @@ HRESULT MediaEventGenerator::OnGetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) 
     return MF_E_SHUTDOWN;
   }
   // May block until an event arrives: the lock is not held, so QueueEvent and Shutdown go on.
-  RETURN_IF_FAILED(local_pQueue->GetEvent(dwFlags, ppEvent));
+  RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, local_pQueue->GetEvent(dwFlags, ppEvent));
   return S_OK;
 }
 
@@ -87,7 +88,7 @@ HRESULT MediaEventGenerator::OnBeginGetEvent(IMFAsyncCallback *pCallback, IUnkno
 
 HRESULT MediaEventGenerator::OnEndGetEvent(IMFAsyncResult *pResult, IMFMediaEvent **ppEvent) {
   user_space_frameworks::AutoLock guard(lock);
-  RETURN_IF_FAILED(pQueue->EndGetEvent(pResult, ppEvent));
+  RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, pQueue->EndGetEvent(pResult, ppEvent));
   return S_OK;
 }
 
@@ -97,11 +98,11 @@ HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtend
   // METransformHaveOutput comes with every frame: verbose only.
   if (met == METransformHaveOutput) {
     WQ_TRACE(Verbose, user_space_frameworks::MediaEventTypeName(met)
-                          << " extended type " << user_space_frameworks::GuidText(guidExtendedType)
+                          << " extended type " << user_space_frameworks::GuidTranslator::Name(guidExtendedType)
                           << " status " << user_space_frameworks::trace::HrText(hrStatus));
   } else {
     WQ_TRACE(Info, user_space_frameworks::MediaEventTypeName(met)
-                       << " extended type " << user_space_frameworks::GuidText(guidExtendedType)
+                       << " extended type " << user_space_frameworks::GuidTranslator::Name(guidExtendedType)
                        << " status " << user_space_frameworks::trace::HrText(hrStatus));
   }
   if (queuedEventsRecorder) queuedEventsRecorder->RecordMediaEvent(met, guidExtendedType, hrStatus, pvValue);

@@ -4,7 +4,10 @@ namespace mft_core {
 
 HRESULT PassThroughDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) {
   RETURN_IF_FAILED(DeviceMft::OnInitializeTransform(pAttributes));
-  currentTopologies.assign(inputStreams.size(), nullptr);
+  {
+    user_space_frameworks::AutoLock lock(topologiesLock);
+    currentTopologies.assign(inputStreams.size(), nullptr);
+  }
   for (const auto &inputStream : inputStreams) RETURN_IF_FAILED(CreateOutputStream(inputStream));
   return S_OK;
 }
@@ -23,16 +26,18 @@ HRESULT PassThroughDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> 
 HRESULT PassThroughDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                                 IMFMediaType *nextMediaType) {
   const DWORD topoId = outputStream->GetID();
-  if (topoId < currentTopologies.size() && currentTopologies[topoId]) {
+  // Each call works on its own reference: the slot may change while a topology waits for the frame
+  // server, and the slot's lock is never held across that wait.
+  if (const std::shared_ptr<Topology> previous = GetTopology(topoId)) {
     // A running stream restarted with another type: its input stream stops before it starts again.
-    RETURN_IF_FAILED(currentTopologies.at(topoId)->Deactivate());
+    RETURN_IF_FAILED(previous->Deactivate());
   }
   std::shared_ptr<Topology> topology;
   RETURN_IF_FAILED(BuildTopology(outputStream, nextMediaType, topology));
   RETURN_IF_FAILED(outputStream->SetCurrentMediaType(nextMediaType));
   RETURN_IF_FAILED(outputStream->SetState(DeviceStreamState_Run));
-  currentTopologies.at(topoId) = topology;
-  RETURN_IF_FAILED(currentTopologies.at(topoId)->Activate());
+  ExchangeTopology(topoId, topology);
+  RETURN_IF_FAILED(topology->Activate());
   return S_OK;
 }
 
@@ -40,20 +45,35 @@ HRESULT PassThroughDeviceMft::StopOutputStream(const std::shared_ptr<OutputStrea
                                                IMFMediaType *nextMediaType) {
   RETURN_IF_FAILED(outputStream->SetState(DeviceStreamState_Stop));
   RETURN_IF_FAILED(outputStream->SetCurrentMediaType(nextMediaType));
-  const DWORD topoId = outputStream->GetID();
-  std::shared_ptr<Topology> &topology = currentTopologies.at(topoId);
+  const std::shared_ptr<Topology> topology = ExchangeTopology(outputStream->GetID(), nullptr);
   if (topology) {
     // Stopped either way: a topology that fails to deactivate is dropped all the same.
     LOG_IF_FAILED(topology->Deactivate());
-    topology.reset();
   }
   return S_OK;
+}
+
+std::shared_ptr<Topology> PassThroughDeviceMft::GetTopology(DWORD topoId) {
+  user_space_frameworks::AutoLock lock(topologiesLock);
+  // An identifier past the end has none; storing one there throws std::out_of_range instead.
+  return topoId < currentTopologies.size() ? currentTopologies[topoId] : nullptr;
+}
+
+std::shared_ptr<Topology> PassThroughDeviceMft::ExchangeTopology(DWORD topoId, std::shared_ptr<Topology> next) {
+  user_space_frameworks::AutoLock lock(topologiesLock);
+  std::shared_ptr<Topology> &slot = currentTopologies.at(topoId);
+  slot.swap(next);
+  return next;
 }
 
 HRESULT PassThroughDeviceMft::UninitializeMembers() {
   RETURN_IF_FAILED(DeviceMft::UninitializeMembers());
   // No frame server answers state requests any more: topologies are released, not deactivated.
-  for (auto &topology : currentTopologies) topology.reset();
+  std::vector<std::shared_ptr<Topology>> released;
+  {
+    user_space_frameworks::AutoLock lock(topologiesLock);
+    for (auto &topology : currentTopologies) released.push_back(std::move(topology));
+  }
   return S_OK;
 }
 

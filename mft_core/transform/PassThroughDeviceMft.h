@@ -24,8 +24,15 @@ class PassThroughDeviceMft : public DeviceMft {
                         std::shared_ptr<Topology> &topology) override;
   HRESULT UninitializeMembers() override;
 
-  // Indexed by output stream identifier; empty while that stream is stopped.
+  // The topology of an output stream, and its replacement (returning the one it replaces). Callers keep
+  // their own reference for as long as they use it.
+  std::shared_ptr<Topology> GetTopology(DWORD topoId);
+  std::shared_ptr<Topology> ExchangeTopology(DWORD topoId, std::shared_ptr<Topology> next);
+
+  // Indexed by output stream identifier; empty while that stream is stopped. Guarded by topologiesLock,
+  // which is never held while a topology is activated or deactivated.
   std::vector<std::shared_ptr<Topology>> currentTopologies;
+  user_space_frameworks::CriticalSection topologiesLock;
 };
 
 }  // namespace mft_core

@@ -89,7 +89,10 @@ HRESULT WQ400DepthExtendedExposureControl::Get(KSCAMERA_EXTENDEDPROP_VIDEOPROCSE
   LONG minExposureValue = 0, maxExposureValue = 0, stepExposureValue = 0, defExposureValue = 0;
   RETURN_IF_FAILED(xuKsControl->QueryKsPropertyInfo(3, minExposureValue, maxExposureValue, stepExposureValue, defExposureValue));
 
-  KSPROPERTY ksProperty = {kWQ400DepthXuSetId, kExposureModeControl, KSPROPERTY_TYPE_GET};
+  KSPROPERTY ksProperty{};
+  ksProperty.Set = kWQ400DepthXuSetId;
+  ksProperty.Id = kExposureModeControl;
+  ksProperty.Flags = KSPROPERTY_TYPE_GET;
   BYTE currentExposureMode = 0;
   ULONG bytesReturned = 0;
   RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
@@ -107,7 +110,10 @@ HRESULT WQ400DepthExtendedExposureControl::Get(KSCAMERA_EXTENDEDPROP_VIDEOPROCSE
 }
 
 HRESULT WQ400DepthExtendedExposureControl::SetManual(uint32_t exposure) {
-  KSPROPERTY ksProperty = {kWQ400DepthXuSetId, kExposureModeControl, KSPROPERTY_TYPE_GET};
+  KSPROPERTY ksProperty{};
+  ksProperty.Set = kWQ400DepthXuSetId;
+  ksProperty.Id = kExposureModeControl;
+  ksProperty.Flags = KSPROPERTY_TYPE_GET;
   BYTE currentExposureMode = 0;
   ULONG bytesReturned = 0;
   RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
@@ -124,7 +130,10 @@ HRESULT WQ400DepthExtendedExposureControl::SetManual(uint32_t exposure) {
 }
 
 HRESULT WQ400DepthExtendedExposureControl::SetAuto() {
-  KSPROPERTY ksProperty = {kWQ400DepthXuSetId, kExposureModeControl, KSPROPERTY_TYPE_GET};
+  KSPROPERTY ksProperty{};
+  ksProperty.Set = kWQ400DepthXuSetId;
+  ksProperty.Id = kExposureModeControl;
+  ksProperty.Flags = KSPROPERTY_TYPE_GET;
   BYTE currentExposureMode = 0;
   ULONG bytesReturned = 0;
   RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));

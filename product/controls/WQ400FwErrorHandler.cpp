@@ -1,18 +1,19 @@
 #include "product/controls/WQ400FwErrorHandler.h"
 
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/NameMap.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace mft_core {
 
 const char *WQ400FwErrorHandler::ErrorName(uint8_t code) {
-  switch (code) {
-    case etXuErrSuccess: return "etXuErrSuccess";
-    case etXuErrHotLaserPwrReduce: return "etXuErrHotLaserPwrReduce";
-    case etXuErrHotLaserDisable: return "etXuErrHotLaserDisable";
-    case etXuErrFlagBLaserDisable: return "etXuErrFlagBLaserDisable";
-    default: return "Unknown Error";
-  }
+  static const user_space_frameworks::NameMap<uint8_t> names = {
+      {etXuErrSuccess, "etXuErrSuccess"},
+      {etXuErrHotLaserPwrReduce, "etXuErrHotLaserPwrReduce"},
+      {etXuErrHotLaserDisable, "etXuErrHotLaserDisable"},
+      {etXuErrFlagBLaserDisable, "etXuErrFlagBLaserDisable"},
+  };
+  return names.Contains(code) ? names[code] : "Unknown Error";
 }
 
 WQ400FwErrorHandler::WQ400FwErrorHandler(const std::string &namePrefix,

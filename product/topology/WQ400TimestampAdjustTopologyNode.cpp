@@ -1,7 +1,5 @@
 #include "product/topology/WQ400TimestampAdjustTopologyNode.h"
 
-#include <atomic>
-
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -10,12 +8,6 @@ namespace mft_core {
 namespace {
 
 constexpr const char *kEventName = "mft_core::WQ400TimestampAdjustTopologyNode::ProcessSample";
-
-// Activity ids pair each start event with its stop event.
-uint64_t NewActivityId() {
-  static std::atomic<uint64_t> nextActivityId{1};
-  return nextActivityId.fetch_add(1, std::memory_order_relaxed);
-}
 
 }  // namespace
 
@@ -29,9 +21,12 @@ HRESULT WQ400TimestampAdjustTopologyNode::ProcessSample(IMFSample *sample) {
   if (user_space_frameworks::trace::EventsEnabled()) {
     LONGLONG sampleTime = 0;
     LOG_IF_FAILED(sample->GetSampleTime(&sampleTime));
-    const uint64_t activityId = NewActivityId();
-    WQ_TRACE_EVENT(kEventName, "Opcode=Start ActivityId=" << activityId << " SampleTime=" << sampleTime);
-    WQ_TRACE_EVENT(kEventName, "Opcode=Stop ActivityId=" << activityId << " SampleTime=" << sampleTime);
+    namespace trace = user_space_frameworks::trace;
+    const int64_t time = sampleTime;
+    // A new activity pairs the start event with its stop event.
+    const GUID activityId = trace::NewActivityId();
+    trace::WriteEvent(kEventName, trace::EventOpcode::Start, &activityId, {trace::Int64Field("SampleTime", time)});
+    trace::WriteEvent(kEventName, trace::EventOpcode::Stop, &activityId, {trace::Int64Field("SampleTime", time)});
   }
   return GetNextNodes().at(0)->Process(sample);
 }

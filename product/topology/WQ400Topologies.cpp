@@ -13,11 +13,13 @@ HRESULT WQ400Topology::Init(std::shared_ptr<InputStream> inputStream, std::share
                             IMFMediaType *nextMediaType) {
   RETURN_IF_NULL(inputStream);
   RETURN_IF_NULL(outputStream);
-  RETURN_IF_NULL(nextMediaType);
+  // No type is not a type the input stream offers.
   if (!inputStream->IsSupported(nextMediaType, 0)) {
     UINT32 width = 0, height = 0, numerator = 0, denominator = 0;
-    MFGetAttributeSize(nextMediaType, MF_MT_FRAME_SIZE, &width, &height);
-    MFGetAttributeRatio(nextMediaType, MF_MT_FRAME_RATE, &numerator, &denominator);
+    if (nextMediaType != nullptr) {
+      MFGetAttributeSize(nextMediaType, MF_MT_FRAME_SIZE, &width, &height);
+      MFGetAttributeRatio(nextMediaType, MF_MT_FRAME_RATE, &numerator, &denominator);
+    }
     WQ_TRACE(Error, GetName() << ": input stream " << inputStream->GetID() << " does not offer " << width << "x"
                               << height << " @ " << numerator << "/" << denominator << " fps");
     return E_INVALIDARG;

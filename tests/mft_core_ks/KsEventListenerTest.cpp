@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
+#include <vector>
 #include <thread>
 
 #include "common/FakeKsControl.h"
@@ -259,6 +261,159 @@ TEST(KsEventListenerLifetimeTest, ReleasingAStartedListenerStopsItWithoutLeaks) 
   Sleep(100);
   ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &after));
   EXPECT_LE(after, before);
+}
+
+// Waiting work items the test completes by hand: a wait can fail to arm, complete with any status, and
+// a cancel completes the wait late from another thread, as a busy platform queue does.
+class ScriptedWorkItems : public mft_utils::WaitWorkItemWrapper {
+ public:
+  ~ScriptedWorkItems() override { JoinAll(); }
+  // The late cancellations must have run before the listener goes, or the last owner could be one of them.
+  void JoinAll() {
+    for (auto &thread : threads) {
+      if (thread.joinable()) thread.join();
+    }
+  }
+  HRESULT WaitAsync(HANDLE, IMFAsyncResult *asyncResult, IMFAsyncCallback *callback) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++waits;
+    if (failingWaits > 0) {
+      --failingWaits;
+      return E_OUTOFMEMORY;
+    }
+    pending = asyncResult;
+    pendingCallback = callback;
+    return S_OK;
+  }
+  HRESULT Cancel() override {
+    ++cancels;
+    threads.emplace_back([this] {
+      Sleep(cancelDelayMs);
+      Complete(MF_E_OPERATION_CANCELLED);
+    });
+    return S_OK;
+  }
+  // Completes the armed wait with `status` on this thread; false when none is armed.
+  bool Complete(HRESULT status) {
+    ComPtr<IMFAsyncResult> result;
+    ComPtr<IMFAsyncCallback> callback;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      result.Swap(pending);
+      callback.Swap(pendingCallback);
+    }
+    if (!result) return false;
+    result->SetStatus(status);
+    callback->Invoke(result.Get());
+    return true;
+  }
+  std::mutex mutex;
+  ComPtr<IMFAsyncResult> pending;
+  ComPtr<IMFAsyncCallback> pendingCallback;
+  std::vector<std::thread> threads;
+  std::atomic<int> waits{0}, cancels{0};
+  int failingWaits = 0;
+  DWORD cancelDelayMs = 200;
+};
+
+class ScriptedListenerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    driver = user_space_frameworks::MakeComObject<FakeKsControl>();
+    workItems = std::make_shared<ScriptedWorkItems>();
+    listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE, nullptr,
+                                       workItems);
+    ASSERT_EQ(S_OK, listener->Init(driver.Get()));
+  }
+  void TearDown() override {
+    workItems->JoinAll();
+    listener.reset();
+    workItems.reset();
+  }
+  bool WaitForState(KsEventListener::State state) {
+    for (int i = 0; i < 2000; ++i) {
+      if (listener->GetState() == state) return true;
+      Sleep(1);
+    }
+    return false;
+  }
+  ComPtr<FakeKsControl> driver;
+  std::shared_ptr<ScriptedWorkItems> workItems;
+  std::shared_ptr<KsEventListener> listener;
+};
+
+// A stream that starts while the last stream's stop still waits for its completion is not refused: the
+// listener runs again for it once the stop is over.
+TEST_F(ScriptedListenerTest, AStartDuringTheLastStopsWaitStartsAgain) {
+  ASSERT_EQ(S_OK, listener->Start());
+  std::thread stopping([&] { listener->Stop(); });
+  ASSERT_TRUE(WaitForState(KsEventListener::Stopping));
+  EXPECT_EQ(S_OK, listener->Start());
+  stopping.join();
+  EXPECT_EQ(KsEventListener::Active, listener->GetState());
+  EXPECT_EQ(1, listener->GetStartCount());
+  EXPECT_EQ(2u, driver->EnableCount());
+  EXPECT_EQ(1u, driver->DisableCount());
+  listener->Stop();
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+  EXPECT_EQ(0, listener->GetStartCount());
+}
+
+// A start that could not arm its wait still counts (its caller's stop gives it back) and leaves the
+// listener able to start again; it is not stuck half-started.
+TEST_F(ScriptedListenerTest, AStartThatCannotArmCountsAndTheNextStartArms) {
+  workItems->failingWaits = 1;
+  EXPECT_EQ(E_OUTOFMEMORY, listener->Start());
+  EXPECT_EQ(1, listener->GetStartCount());
+  EXPECT_NE(KsEventListener::Active, listener->GetState());
+  listener->Stop();
+  EXPECT_EQ(0, listener->GetStartCount());
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+  ASSERT_EQ(S_OK, listener->Start());
+  EXPECT_EQ(KsEventListener::Active, listener->GetState());
+  EXPECT_EQ(1u, driver->EnableCount());
+  listener->Stop();
+}
+
+// A wait that completes with a failure while the listener is active does not leave it deaf: observers
+// are told (the driver may have signalled) and a new wait is armed; later signals still arrive.
+TEST_F(ScriptedListenerTest, AFailedWaitIsReportedAndArmedAgain) {
+  auto observer = std::make_shared<CountingObserver>();
+  listener->RegisterObserver(observer);
+  ASSERT_EQ(S_OK, listener->Start());
+  const int armed = workItems->waits.load();
+  ASSERT_TRUE(workItems->Complete(E_FAIL));
+  EXPECT_EQ(1, observer->count.load());
+  EXPECT_EQ(armed + 1, workItems->waits.load());
+  // Failing again and again: armed each time, observers told only about the first.
+  ASSERT_TRUE(workItems->Complete(E_FAIL));
+  ASSERT_TRUE(workItems->Complete(E_FAIL));
+  EXPECT_EQ(1, observer->count.load());
+  EXPECT_EQ(armed + 3, workItems->waits.load());
+  ASSERT_TRUE(workItems->Complete(S_OK));
+  EXPECT_EQ(2, observer->count.load());
+  EXPECT_EQ(KsEventListener::Active, listener->GetState());
+  workItems->cancelDelayMs = 0;
+  listener->Stop();
+  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
+}
+
+// However long the platform keeps a finished or cancelled work item, a released listener leaves the
+// driver's control referenced only by its owner.
+TEST(KsEventListenerLifetimeTest, AReleasedListenerLetsGoOfTheDriverAfterStartAndStop) {
+  auto driver = user_space_frameworks::MakeComObject<FakeKsControl>();
+  driver->AddRef();
+  const ULONG alone = driver->Release();
+  {
+    auto listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE);
+    ASSERT_EQ(S_OK, listener->Init(driver.Get()));
+    ASSERT_EQ(S_OK, listener->Start());
+    listener->Stop();
+    ASSERT_EQ(S_OK, listener->Start());
+  }
+  Sleep(100);
+  driver->AddRef();
+  EXPECT_EQ(alone, driver->Release());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The timestamp node, the product chains, and the frame path from input stream to output stream.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "product/metadata/WQ400MetadataParsers.h"
 #include "product/topology/WQ400TimestampAdjustTopologyNode.h"
 #include "product/topology/WQ400Topologies.h"
+#include "user_space_frameworks/EtwProviders.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace mft_core {
@@ -83,6 +85,58 @@ TEST(WQ400TimestampAdjustTopologyNode, TracesStartAndStopAndPassesTheSampleOnUnc
   }
 }
 
+struct PlatformEvent {
+  UCHAR opcode;
+  GUID activity;
+  std::vector<uint8_t> metadata;
+  int64_t sampleTime;
+};
+std::vector<PlatformEvent> platformEvents;
+
+ULONG WINAPI CapturePlatformEvent(REGHANDLE, PCEVENT_DESCRIPTOR descriptor, LPCGUID activity, LPCGUID, ULONG count,
+                                  PEVENT_DATA_DESCRIPTOR data) {
+  PlatformEvent event{descriptor->Opcode, activity ? *activity : GUID_NULL, {}, 0};
+  const auto *metadata = reinterpret_cast<const uint8_t *>(static_cast<uintptr_t>(data[1].Ptr));
+  event.metadata.assign(metadata, metadata + data[1].Size);
+  if (count == 3 && data[2].Size == sizeof(int64_t)) {
+    std::memcpy(&event.sampleTime, reinterpret_cast<const void *>(static_cast<uintptr_t>(data[2].Ptr)), 8);
+  }
+  platformEvents.push_back(event);
+  return ERROR_SUCCESS;
+}
+
+TEST(WQ400TimestampAdjustTopologyNode, WritesAnActivityStartAndStopToTheListeningSession) {
+  user_space_frameworks::trace::ScopedSink noSink(nullptr, TraceLevel::Off);
+  auto &provider = user_space_frameworks::trace::EventProvider();
+  provider.SetWriteTransfer(&CapturePlatformEvent);
+  platformEvents.clear();
+  auto next = std::make_shared<RecordingNode>();
+  WQ400TimestampAdjustTopologyNode node({next});
+  ComPtr<IMFSample> sample = test_samples::MakeSample(777);
+  ASSERT_EQ(S_OK, node.Process(sample.Get()));
+  EXPECT_TRUE(platformEvents.empty()) << "nobody listens";
+
+  provider.OnEnable(EVENT_CONTROL_CODE_ENABLE_PROVIDER, TRACE_LEVEL_VERBOSE, 0, 0);
+  ASSERT_EQ(S_OK, node.Process(sample.Get()));
+  ASSERT_EQ(S_OK, node.Process(sample.Get()));
+  provider.OnEnable(EVENT_CONTROL_CODE_DISABLE_PROVIDER, 0, 0, 0);
+  provider.SetWriteTransfer(&::EventWriteTransfer);
+
+  ASSERT_EQ(4u, platformEvents.size());
+  const std::string name = "mft_core::WQ400TimestampAdjustTopologyNode::ProcessSample";
+  for (size_t i = 0; i < platformEvents.size(); ++i) {
+    const PlatformEvent &event = platformEvents[i];
+    EXPECT_EQ(i % 2 == 0 ? 1 : 2, event.opcode);
+    EXPECT_EQ(777, event.sampleTime);
+    const std::string metadata(event.metadata.begin() + 3, event.metadata.end());
+    EXPECT_EQ(name + std::string("\0SampleTime\0\x09", 13), metadata.substr(0, name.size() + 13));
+  }
+  EXPECT_EQ(platformEvents[0].activity, platformEvents[1].activity);
+  EXPECT_EQ(platformEvents[2].activity, platformEvents[3].activity);
+  EXPECT_NE(platformEvents[0].activity, platformEvents[2].activity) << "each sample gets its own activity";
+  EXPECT_NE(GUID_NULL, platformEvents[0].activity);
+}
+
 TEST(WQ400TimestampAdjustTopologyNode, WithoutANextNodeIsAProgrammingError) {
   WQ400TimestampAdjustTopologyNode node({});
   EXPECT_THROW(node.ProcessSample(test_samples::MakeSample().Get()), std::out_of_range);
@@ -112,6 +166,8 @@ TEST(WQ400Topologies, BuildOneChainForATypeTheInputStreamOffers) {
     EXPECT_EQ(c.name, topology->GetName());
     // Same size at another rate is not offered.
     EXPECT_EQ(E_INVALIDARG, topology->Init(input, output, VideoType(640, 480, 15).Get())) << c.name;
+    // No type at all is not one the input stream offers either.
+    EXPECT_EQ(E_INVALIDARG, topology->Init(input, output, nullptr)) << c.name;
     EXPECT_TRUE(topology->GetItems().empty()) << c.name;
     EXPECT_EQ(nullptr, topology->GetFirstNode()) << c.name;
 

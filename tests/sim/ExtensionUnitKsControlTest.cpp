@@ -148,4 +148,57 @@ TEST_F(Fixture, UvcCommandReadsAndWritesOneProperty) {
   EXPECT_EQ(E_INVALIDARG, mode.Set(&invalid, 1));
 }
 
+// The driver answers only what a real one would: the set-support query for a property its unit has,
+// at the unit's own node; requests to a node that does not exist are refused; node methods and events
+// reach the node they name.
+TEST_F(Fixture, TheDriverRoutesNodeRequestsAndRefusesWhatItDoesNotHave) {
+  Connect(CameraWithSeveralUnits());
+  ULONG bytesReturned = 0;
+  auto setSupport = [&](ULONG id, ULONG node) {
+    KSP_NODE query = {};
+    query.Property = {sim::kDepthXuSet, id, KSPROPERTY_TYPE_TOPOLOGY | KSPROPERTY_TYPE_SETSUPPORT};
+    query.NodeId = node;
+    return ksControl->KsProperty(&query.Property, sizeof(query), nullptr, 0, &bytesReturned);
+  };
+  EXPECT_EQ(S_OK, setSupport(3, 3));
+  EXPECT_EQ(S_OK, setSupport(1, 3));  // the firmware command property
+  EXPECT_NE(S_OK, setSupport(0x77, 3));
+  EXPECT_NE(S_OK, setSupport(3, 1));
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_FOUND), setSupport(3, 40));
+  // Discovery with a property the unit lacks finds nothing.
+  EXPECT_EQ(E_NOINTERFACE, xu->Init(transform, ksControl, 0x77));
+
+  ASSERT_EQ(S_OK, xu->Init(transform, ksControl, 3));
+  filter->ClearRequests();
+  KSMETHOD method = {sim::kDepthXuSet, 1, KSMETHOD_TYPE_SEND};
+  EXPECT_NE(S_OK, xu->KsMethod(&method, sizeof(method), nullptr, 0, &bytesReturned));
+  KSEVENT event = {sim::kDepthXuSet, 1, KSEVENT_TYPE_BASICSUPPORT};
+  EXPECT_NE(S_OK, xu->KsEvent(&event, sizeof(event), nullptr, 0, &bytesReturned));
+  const auto requests = filter->Requests();
+  ASSERT_EQ(2u, requests.size());
+  EXPECT_EQ(KsRequestKind::Method, requests[0].kind);
+  EXPECT_EQ(KsRequestKind::Event, requests[1].kind);
+  for (const auto &request : requests) EXPECT_EQ(3u, request.node);
+
+  // Node forms too short to hold the node, or naming a node that does not exist, are refused.
+  KSM_NODE nodeMethod = {};
+  nodeMethod.Method = {sim::kDepthXuSet, 1, KSMETHOD_TYPE_SEND | KSMETHOD_TYPE_TOPOLOGY};
+  nodeMethod.NodeId = 40;
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_FOUND),
+            ksControl->KsMethod(&nodeMethod.Method, sizeof(nodeMethod), nullptr, 0, &bytesReturned));
+  EXPECT_EQ(E_INVALIDARG, ksControl->KsMethod(&nodeMethod.Method, sizeof(KSMETHOD), nullptr, 0, &bytesReturned));
+  KSE_NODE nodeEvent = {};
+  nodeEvent.Event = {sim::kDepthXuSet, 1, KSEVENT_TYPE_BASICSUPPORT | KSEVENT_TYPE_TOPOLOGY};
+  nodeEvent.NodeId = 40;
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_FOUND),
+            ksControl->KsEvent(&nodeEvent.Event, sizeof(nodeEvent), nullptr, 0, &bytesReturned));
+  EXPECT_EQ(E_INVALIDARG, ksControl->KsEvent(&nodeEvent.Event, sizeof(KSEVENT), nullptr, 0, &bytesReturned));
+  KSP_NODE nodeProperty = {};
+  nodeProperty.Property = {sim::kDepthXuSet, 3, KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_TOPOLOGY};
+  nodeProperty.NodeId = 40;
+  uint32_t value = 0;
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_NOT_FOUND),
+            ksControl->KsProperty(&nodeProperty.Property, sizeof(nodeProperty), &value, sizeof(value), &bytesReturned));
+}
+
 }  // namespace

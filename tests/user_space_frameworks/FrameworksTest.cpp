@@ -155,6 +155,37 @@ TEST(FpsMonitorTest, SuddenChangeIsFollowedOneThresholdStepPerSample) {
   EXPECT_DOUBLE_EQ(16.0, monitor.GetCurrentFps());
 }
 
+// As the input stream sets it up: only the nominal rate is given, the monitor picks its own threshold.
+TEST(FpsMonitorTest, ReportsPeriodicallyAtASteadyRateAndFollowsARealChange) {
+  FpsProbe probe;
+  FpsMonitor monitor("input", 30000, 1);
+  monitor.SetCallback(std::make_shared<Callback<FpsProbe, const FpsMonitor &>>(&probe, &FpsProbe::OnFps));
+  monitor.Reset(30);
+  EXPECT_GT(monitor.GetThreshold(), 0.0);
+  EXPECT_LT(monitor.GetThreshold(), 3.0);
+  // 65 s at 30 fps with a little jitter: the two periodic reports and nothing else.
+  uint64_t t = 5000000;
+  for (int i = 0; i < 65 * 30; ++i) {
+    t += 33333 + (i % 3 == 0 ? 400 : 0) - (i % 3 == 1 ? 400 : 0);
+    monitor.OnSample(t);
+  }
+  EXPECT_EQ(2, probe.calls);
+  EXPECT_DOUBLE_EQ(30.0, monitor.GetCurrentFps());
+
+  // The camera drops to 15 fps: reported at once, and the reported rate ends within a threshold of it.
+  probe.calls = 0;
+  for (int i = 0; i < 5 * 15; ++i) monitor.OnSample(t += 66667);
+  EXPECT_GE(probe.calls, 1);
+  EXPECT_NEAR(15.0, monitor.GetCurrentFps(), monitor.GetThreshold());
+
+  // The clock steps back: no interval is measured across the step, the rate stays put.
+  probe.calls = 0;
+  monitor.OnSample(t - 1000000);
+  monitor.OnSample(t - 1000000 + 66667);
+  EXPECT_EQ(0, probe.calls);
+  EXPECT_NEAR(15.0, monitor.GetMeasuredFps(), 0.5);
+}
+
 TEST(FpsMonitorTest, PeriodicReportEveryPeriod) {
   FpsProbe probe;
   FpsMonitor monitor("input", 1000, 1);
