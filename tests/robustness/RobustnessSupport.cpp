@@ -12,6 +12,7 @@
 #include "product/controls/WQ400PrivateProperties.h"
 #include "product/metadata/WQ400MetadataRecords.h"
 #include "tools/DllTransformFactory.h"
+#include "user_space_frameworks/ComObject.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -181,6 +182,55 @@ std::vector<KsRequestShape> AnsweredRequests(const sim::CameraConfig &camera) {
 }
 
 }  // namespace
+
+namespace {
+
+// A media buffer over a guarded region: its current length ends right at the trailing guard page.
+class GuardedMediaBuffer : public user_space_frameworks::ComObject<IMFMediaBuffer> {
+ public:
+  explicit GuardedMediaBuffer(const std::vector<uint8_t> &bytes)
+      : region(std::max<size_t>(bytes.size(), 1)), length(static_cast<DWORD>(bytes.size())) {
+    if (!bytes.empty()) std::memcpy(Data(), bytes.data(), bytes.size());
+  }
+  STDMETHODIMP Lock(BYTE **buffer, DWORD *maxLength, DWORD *currentLength) override {
+    if (buffer == nullptr) return E_POINTER;
+    *buffer = Data();
+    if (maxLength != nullptr) *maxLength = length;
+    if (currentLength != nullptr) *currentLength = length;
+    return S_OK;
+  }
+  STDMETHODIMP Unlock() override { return S_OK; }
+  STDMETHODIMP GetCurrentLength(DWORD *currentLength) override {
+    if (currentLength == nullptr) return E_POINTER;
+    *currentLength = length;
+    return S_OK;
+  }
+  STDMETHODIMP SetCurrentLength(DWORD currentLength) override {
+    return currentLength == length ? S_OK : E_INVALIDARG;
+  }
+  STDMETHODIMP GetMaxLength(DWORD *maxLength) override {
+    if (maxLength == nullptr) return E_POINTER;
+    *maxLength = length;
+    return S_OK;
+  }
+
+ private:
+  BYTE *Data() const { return region.EndingAtGuard(length); }
+  GuardedRegion region;
+  const DWORD length;
+};
+
+}  // namespace
+
+HRESULT AttachGuardedCaptureMetadata(IMFSample *sample, const std::vector<uint8_t> &raw) {
+  if (sample == nullptr) return E_POINTER;
+  ComPtr<IMFMediaBuffer> buffer = user_space_frameworks::MakeComObject<GuardedMediaBuffer>(raw);
+  ComPtr<IMFAttributes> captureMetadata;
+  HRESULT hr = MFCreateAttributes(captureMetadata.GetAddressOf(), 1);
+  if (SUCCEEDED(hr)) hr = captureMetadata->SetUnknown(MF_CAPTURE_METADATA_FRAME_RAWSTREAM, buffer.Get());
+  if (SUCCEEDED(hr)) hr = sample->SetUnknown(MFSampleExtension_CaptureMetadata, captureMetadata.Get());
+  return hr;
+}
 
 KsFuzzer::KsFuzzer(uint32_t seed, const sim::CameraConfig &camera, HANDLE eventHandle)
     : random(seed), answered(AnsweredRequests(camera)), eventHandle(eventHandle) {

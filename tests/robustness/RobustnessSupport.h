@@ -91,6 +91,10 @@ class GuardedRegion {
   BYTE *usableEnd = nullptr;
 };
 
+// Attaches `raw` as the sample's raw capture metadata in a media buffer whose bytes end at a guard page,
+// so reading one byte past the metadata the camera sent faults.
+HRESULT AttachGuardedCaptureMetadata(IMFSample *sample, const std::vector<uint8_t> &raw);
+
 enum class KsKind { Property, Event, Method };
 
 struct KsRequestStats {
