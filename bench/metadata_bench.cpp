@@ -2,11 +2,10 @@
 // sample (the metadata store, its raw-stream buffer, lock and unlock) and attach the same six record
 // blobs to the sample. Measured: the depth metadata parser (seven converters) on a frame carrying every
 // item, in the same run.
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <vector>
 
+#include "bench/BenchTiming.h"
 #include "platform/WindowsSdk.h"
 #include "product/metadata/UvcMetaDataWrapper.h"
 #include "product/metadata/WQ400MetadataParsers.h"
@@ -16,19 +15,6 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 using namespace mft_core;
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-template <typename Body>
-double MicrosecondsPerFrame(int frames, Body &&body) {
-  const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < frames; ++i) body();
-  const std::chrono::duration<double, std::micro> elapsed = std::chrono::steady_clock::now() - start;
-  return elapsed.count() / frames;
-}
 
 int Run() {
   sim::CameraMetadataWriter camera(sim::CameraKind::Depth);
@@ -76,18 +62,7 @@ int Run() {
       sample->SetBlob(blob.attribute, blob.bytes.data(), static_cast<UINT32>(blob.bytes.size()));
     }
   };
-  constexpr int kFrames = 2000;
-  parse();
-  attach();
-  std::vector<double> parser_us, baseline_us;
-  for (int round = 0; round < 21; ++round) {
-    parser_us.push_back(MicrosecondsPerFrame(kFrames, parse));
-    baseline_us.push_back(MicrosecondsPerFrame(kFrames, attach));
-  }
-  const double median = Median(parser_us);
-  const double baseline = Median(baseline_us);
-  std::printf("BENCH metadata_depth_parser: median %.3f us, baseline %.3f us, ratio %.2f\n", median, baseline,
-              median / baseline);
+  bench::Print("metadata_depth_parser", bench::Compare({21, 2000, 1}, parse, attach), bench::Unit::Microseconds);
   return 0;
 }
 

@@ -22,7 +22,23 @@ class IMetadataToAttribute : public user_space_frameworks::Object {
   // Copies this converter's record from the sample's metadata onto the sample. Failures are traced,
   // never returned: one converter's failure must not keep the others from running.
   virtual void Process(Microsoft::WRL::ComPtr<IMFSample> sample);
-  virtual void ExtractDataToAttribute(IMFSample *sample) = 0;
+  // Opens the sample's metadata and extracts from it.
+  virtual void ExtractDataToAttribute(IMFSample *sample);
+
+  // The parser's per-frame path: the frame's metadata is opened (fetched and locked) once and shared by
+  // every converter; a wrapper whose Init failed finds nothing.
+  virtual void ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata);
+  virtual void ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) = 0;
+
+ protected:
+  // Entry and exit marks of `function` at the verbose level around `body`.
+  template <typename Body>
+  static void TraceAround(const char *function, Body &&body) {
+    const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
+    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "==>");
+    body();
+    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "<==");
+  }
 
  private:
   std::string name;
@@ -59,19 +75,17 @@ class MetadataToAttribute : public IMetadataToAttribute {
         keepLast(keepLast) {}
 
   void Process(Microsoft::WRL::ComPtr<IMFSample> sample) override {
-    const char *function = MetadataRecordTypeName<T>::processFunction;
-    const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
-    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "==>");
-    ExtractDataToAttribute(sample.Get());
-    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "<==");
+    TraceAround(MetadataRecordTypeName<T>::processFunction, [&] { ExtractDataToAttribute(sample.Get()); });
   }
 
-  void ExtractDataToAttribute(IMFSample *sample) override {
+  void ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) override {
+    TraceAround(MetadataRecordTypeName<T>::processFunction, [&] { ExtractFromMetadata(sample, metadata); });
+  }
+
+  void ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) override {
     if (sample == nullptr) return;
     constexpr UINT32 size = static_cast<UINT32>(sizeof(T));
-    UvcMetaDataWrapper wrapper;
-    const MetadataItemView item =
-        SUCCEEDED(wrapper.Init(sample)) ? wrapper.GetMetadataItem(metadataId, size, size) : MetadataItemView{};
+    const MetadataItemView item = metadata.GetMetadataItem(metadataId, size, size);
     if (item) {
       const void *data = item.data;
       LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(data), size));

@@ -4,11 +4,10 @@
 
 namespace mft_core {
 
-void WQ400HwTimestampToAttribute::ExtractDataToAttribute(IMFSample *sample) {
+void WQ400HwTimestampToAttribute::ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
   if (sample == nullptr) return;
-  UvcMetaDataWrapper wrapper;
-  if (FAILED(wrapper.Init(sample))) return;
-  const uint8_t *header = wrapper.GetUsbVideoHeader();
+  // Null unless the wrapper opened a buffer holding the whole header.
+  const uint8_t *header = metadata.GetUsbVideoHeader();
   if (header == nullptr) return;
   const UINT32 hwTimestamp = ReadLittleU32(header);
   // A sample that cannot take the attribute simply goes without it.
@@ -22,7 +21,17 @@ WQ400MetaDataCaptureTimingToAttribute::WQ400MetaDataCaptureTimingToAttribute(std
 
 void WQ400MetaDataCaptureTimingToAttribute::Process(Microsoft::WRL::ComPtr<IMFSample> sample) {
   MetadataToAttribute::Process(sample);
-  if (!sample) return;
+  SetFrameCounterFromBlob(sample.Get());
+}
+
+void WQ400MetaDataCaptureTimingToAttribute::ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
+  MetadataToAttribute::ProcessFrame(sample, metadata);
+  SetFrameCounterFromBlob(sample);
+}
+
+// The counter comes from whatever capture-timing blob the sample carries now, not from the item.
+void WQ400MetaDataCaptureTimingToAttribute::SetFrameCounterFromBlob(IMFSample *sample) {
+  if (sample == nullptr) return;
   // Read into a record on the stack rather than an allocated copy: a blob of any other length either
   // fails to fit or comes back short, and both leave the counter alone.
   VeldaraWQ400MetaDataTavixCaptureTiming timing{};
