@@ -7,55 +7,19 @@
 // the sample out.
 #include <cstdio>
 #include <deque>
-#include <vector>
 
 #include "bench/BenchTiming.h"
+#include "bench/DepthMetadataBaseline.h"
+#include "bench/MediaFoundationSession.h"
 #include "bench/RunningTransform.h"
-#include "mft_core/streams/FrameDropMonitor.h"
 #include "platform/WindowsSdk.h"
-#include "product/metadata/UvcMetaDataWrapper.h"
-#include "product/metadata/WQ400MetadataRecords.h"
 #include "tools/DllTransformFactory.h"
 
-namespace {
-
 using Microsoft::WRL::ComPtr;
-using namespace mft_core;
-
-struct Blob {
-  GUID attribute;
-  std::vector<uint8_t> bytes;
-};
-
-// The records the depth transform attaches, taken out of the frame once.
-bool ReadRecords(IMFSample *sample, std::vector<Blob> &blobs, UINT32 &hwTimestamp, UINT32 &frameCounter) {
-  const std::pair<GUID, uint32_t> records[] = {
-      {MFSampleExtension_PinholeCameraIntrinsics, WQ400MetadataId_CameraIntrinsics},
-      {MFStreamExtension_CameraExtrinsics, WQ400MetadataId_CameraExtrinsics},
-      {VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, WQ400MetadataId_CaptureTiming},
-      {VELDARA_SAMPLE_WQ400_STATISTICS, WQ400MetadataId_Stat},
-      {VELDARA_SAMPLE_WQ400_CONFIGURATION, WQ400MetadataId_Configuration},
-      {VELDARA_SAMPLE_WQ400_DEPTH_CONTROL, WQ400MetadataId_DepthControl},
-  };
-  UvcMetaDataWrapper wrapper;
-  if (FAILED(wrapper.Init(sample)) || wrapper.GetUsbVideoHeader() == nullptr) return false;
-  hwTimestamp = ReadLittleU32(wrapper.GetUsbVideoHeader());
-  for (const auto &record : records) {
-    const MetadataItemView item = wrapper.GetMetadataItem(record.second, 0, 0xFFFF);
-    if (!item) return false;
-    blobs.push_back({record.first, std::vector<uint8_t>(item.data, item.data + item.size)});
-    if (record.second == WQ400MetadataId_CaptureTiming) frameCounter = ReadLittleU32(item.data + 8);
-  }
-  return true;
-}
-
-}  // namespace
 
 int main() {
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
-    std::fprintf(stderr, "Media Foundation did not start\n");
-    return 1;
-  }
+  bench::MediaFoundationSession session;
+  if (!session.Started()) return 1;
   int status = 0;
   {
     tools::DllTransformFactory factory(tools::DllTransformFactory::DefaultModulePath());
@@ -68,9 +32,8 @@ int main() {
     HRESULT hr = factory.CreateTransform(sim::DepthCamera(), &device);
     if (SUCCEEDED(hr)) hr = depth.Start(sim::DepthCamera(), device, 848, 480, 30);
     ComPtr<IMFSample> sample = bench::MakeCapturedFrame(sim::CameraKind::Depth, 848 * 480 * 2);
-    std::vector<Blob> blobs;
-    UINT32 hwTimestamp = 0, frameCounter = 0;
-    if (FAILED(hr) || !sample || !ReadRecords(sample.Get(), blobs, hwTimestamp, frameCounter)) {
+    bench::DepthMetadataBaseline metadata;
+    if (FAILED(hr) || !sample || !metadata.Init(sample.Get())) {
       std::fprintf(stderr, "the depth transform did not start (0x%08lX)\n", static_cast<unsigned long>(hr));
       return 1;
     }
@@ -83,20 +46,7 @@ int main() {
     MFCreateEventQueue(queue.GetAddressOf());
     std::deque<ComPtr<IMFSample>> held;
     const auto baselineStep = [&] {
-      ComPtr<IMFAttributes> metadata;
-      ComPtr<IMFMediaBuffer> buffer;
-      BYTE *bytes = nullptr;
-      DWORD length = 0;
-      if (SUCCEEDED(sample->GetUnknown(MFSampleExtension_CaptureMetadata, IID_PPV_ARGS(&metadata))) &&
-          SUCCEEDED(metadata->GetUnknown(MF_CAPTURE_METADATA_FRAME_RAWSTREAM, IID_PPV_ARGS(&buffer))) &&
-          SUCCEEDED(buffer->Lock(&bytes, nullptr, &length))) {
-        buffer->Unlock();
-      }
-      for (const Blob &blob : blobs) {
-        sample->SetBlob(blob.attribute, blob.bytes.data(), static_cast<UINT32>(blob.bytes.size()));
-      }
-      sample->SetUINT32(VELDARA_SAMPLE_WQ400_HW_TIMESTAMP, hwTimestamp);
-      sample->SetUINT32(WQ400_MF_FRAME_COUNTER, frameCounter);
+      metadata.Attach(sample.Get(), true);
       held.emplace_back(sample.Get());
       ComPtr<IMFMediaEvent> event;
       queue->QueueEventParamVar(METransformHaveOutput, GUID_NULL, S_OK, nullptr);
@@ -111,7 +61,5 @@ int main() {
     queue->Shutdown();
     depth.Stop();
   }
-  MFShutdown();
-  CoUninitialize();
   return status;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "bench/BenchTiming.h"
+#include "bench/MediaFoundationSession.h"
 
 #include "product/controls/WQ400FishEyeExtendedExposureControl.h"
 #include "product/metadata/WQ400MetadataRecords.h"
@@ -26,10 +27,8 @@ void Paint(BYTE *pixels) {
 }  // namespace
 
 int main() {
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
-    std::fprintf(stderr, "Media Foundation did not start\n");
-    return 1;
-  }
+  bench::MediaFoundationSession session;
+  if (!session.Started()) return 1;
   int status = 0;
   {
     auto filter = sim::SimulatedCameraFilter::Create(sim::FisheyeCamera());
@@ -74,7 +73,5 @@ int main() {
     bench::Print("fisheye_exposure_frame_pair", bench::Compare({21, 200, 1}, productStep, baselineStep));
     if (status != 0) std::fprintf(stderr, "the engine refused a frame\n");
   }
-  MFShutdown();
-  CoUninitialize();
   return status;
 }

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "bench/BenchTiming.h"
+#include "bench/MediaFoundationSession.h"
 #include "bench/RunningTransform.h"
 #include "mft_core/recorder/DeviceEventsRecorder.h"
 #include "mft_core/transform/PassThroughDeviceMft.h"
@@ -28,10 +29,8 @@ HRESULT StartPassThrough(bench::RunningTransform &running) {
 }  // namespace
 
 int main() {
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
-    std::fprintf(stderr, "Media Foundation did not start\n");
-    return 1;
-  }
+  bench::MediaFoundationSession session;
+  if (!session.Started()) return 1;
   int status = 0;
   wchar_t folder[MAX_PATH] = {};
   GetTempPathW(MAX_PATH, folder);
@@ -66,7 +65,5 @@ int main() {
     recorded.Stop();
   }
   DeleteFileW(path.c_str());
-  MFShutdown();
-  CoUninitialize();
   return status;
 }

@@ -5,6 +5,7 @@
 #include <deque>
 
 #include "bench/BenchTiming.h"
+#include "bench/MediaFoundationSession.h"
 
 #include "mft_core/streams/InputStream.h"
 #include "mft_core/streams/OutputStream.h"
@@ -23,10 +24,8 @@ class BenchEventGenerator : public mft_core::MediaEventGenerator {
 }  // namespace
 
 int main() {
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
-    std::fprintf(stderr, "Media Foundation did not start\n");
-    return 1;
-  }
+  bench::MediaFoundationSession session;
+  if (!session.Started()) return 1;
   int status = 0;
   {
     ComPtr<IMFSample> sample;
@@ -73,7 +72,5 @@ int main() {
     queue->Shutdown();
     generator->Shutdown();
   }
-  MFShutdown();
-  CoUninitialize();
   return status;
 }
