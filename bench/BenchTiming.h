@@ -1,5 +1,7 @@
 // Timing shared by the benchmarks: a measured step and its baseline run in interleaved rounds of one
-// process, so that machine noise falls on both alike, and the medians of the rounds are compared.
+// process, so that machine noise falls on both alike, and the medians of the rounds are compared. On a
+// shared machine keep rounds short (well under a scheduler time slice, a few hundred microseconds) and
+// many: a preempted round then lands in the tail instead of moving the median.
 #pragma once
 
 #include <algorithm>

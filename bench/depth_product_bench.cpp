@@ -56,7 +56,7 @@ int main() {
       out->Release();
     };
 
-    bench::Print("depth_product_path", bench::Compare({31, 1000, 1}, productStep, baselineStep));
+    bench::Print("depth_product_path", bench::Compare({301, 40, 5}, productStep, baselineStep));
     if (status != 0) std::fprintf(stderr, "a frame did not come out\n");
     queue->Shutdown();
     depth.Stop();

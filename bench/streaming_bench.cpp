@@ -67,7 +67,7 @@ int main() {
       out.pSample->Release();
     };
 
-    bench::Print("streaming_passthrough", bench::Compare({41, 2000, 1}, productStep, baselineStep));
+    bench::Print("streaming_passthrough", bench::Compare({301, 200, 5}, productStep, baselineStep));
     if (status != 0) std::fprintf(stderr, "a sample did not come out\n");
     queue->Shutdown();
     generator->Shutdown();
