@@ -83,19 +83,7 @@ class MetadataToAttribute : public IMetadataToAttribute {
   }
 
   void ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) override {
-    if (sample == nullptr) return;
-    constexpr UINT32 size = static_cast<UINT32>(sizeof(T));
-    const MetadataItemView item = metadata.GetMetadataItem(metadataId, size, size);
-    if (item) {
-      const void *data = item.data;
-      LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(data), size));
-      if (keepLast) {
-        std::memcpy(&lastData, data, size);
-        hasLastData = true;
-      }
-    } else if (keepLast && hasLastData) {
-      LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(&lastData), size));
-    }
+    (void)AttachRecord(sample, metadata);
   }
 
   const GUID &GetAttributeId() const { return attributeId; }
@@ -103,6 +91,27 @@ class MetadataToAttribute : public IMetadataToAttribute {
   bool KeepsLast() const { return keepLast; }
 
  protected:
+  // The work of ExtractFromMetadata. Answers the frame's own record when it went onto the sample (the
+  // bytes of the blob the sample now carries), null otherwise.
+  const uint8_t *AttachRecord(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
+    if (sample == nullptr) return nullptr;
+    constexpr UINT32 size = static_cast<UINT32>(sizeof(T));
+    const MetadataItemView item = metadata.GetMetadataItem(metadataId, size, size);
+    if (item) {
+      const void *data = item.data;
+      const HRESULT hr = LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(data), size));
+      if (keepLast) {
+        std::memcpy(&lastData, data, size);
+        hasLastData = true;
+      }
+      return SUCCEEDED(hr) ? item.data : nullptr;
+    }
+    if (keepLast && hasLastData) {
+      LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(&lastData), size));
+    }
+    return nullptr;
+  }
+
   bool hasLastData = false;
   T lastData{};
   const GUID attributeId;

@@ -1,5 +1,7 @@
 #include "product/metadata/WQ400TimingToAttribute.h"
 
+#include <cstddef>
+
 #include "mft_core/streams/FrameDropMonitor.h"
 
 namespace mft_core {
@@ -25,8 +27,16 @@ void WQ400MetaDataCaptureTimingToAttribute::Process(Microsoft::WRL::ComPtr<IMFSa
 }
 
 void WQ400MetaDataCaptureTimingToAttribute::ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
-  MetadataToAttribute::ProcessFrame(sample, metadata);
-  SetFrameCounterFromBlob(sample);
+  const uint8_t *attached = nullptr;
+  TraceAround(MetadataRecordTypeName<VeldaraWQ400MetaDataTavixCaptureTiming>::processFunction,
+              [&] { attached = AttachRecord(sample, metadata); });
+  if (attached == nullptr) {
+    SetFrameCounterFromBlob(sample);
+    return;
+  }
+  // The blob the sample now carries is this very record: its counter is read without fetching it back.
+  const UINT32 counter = ReadLittleU32(attached + offsetof(VeldaraWQ400MetaDataTavixCaptureTiming, frameCounter));
+  LOG_IF_FAILED(sample->SetUINT32(WQ400_MF_FRAME_COUNTER, counter));
 }
 
 // The counter comes from whatever capture-timing blob the sample carries now, not from the item.

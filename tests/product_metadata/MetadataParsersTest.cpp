@@ -290,6 +290,18 @@ TEST(WQ400CaptureTiming, TheFrameCounterIsReadBackFromTheSamplesBlob) {
   ASSERT_EQ(S_OK, odd->SetBlob(VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, blob.data(), 31));
   timing.Process(odd);
   EXPECT_FALSE(GetUINT32(odd.Get(), WQ400_MF_FRAME_COUNTER));
+
+  // The same through a parser, which opens the frame's metadata once for all converters: the frame's own
+  // record wins over a carried blob, and without one the carried blob still gives the counter.
+  WQ400DepthMetadataParser parser("d");
+  ComPtr<IMFSample> both = MakeSampleWithMetadata(EveryItem(1, 0x01020304));
+  ASSERT_EQ(S_OK, both->SetBlob(VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, blob.data(), 32));
+  parser.Parse(both.Get());
+  EXPECT_EQ(0x01020304u, GetUINT32(both.Get(), WQ400_MF_FRAME_COUNTER));
+  ComPtr<IMFSample> carriedOnly = MakeSampleWithMetadata(MetadataBufferBuilder().UsbVideoHeader(1).Bytes());
+  ASSERT_EQ(S_OK, carriedOnly->SetBlob(VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, blob.data(), 32));
+  parser.Parse(carriedOnly.Get());
+  EXPECT_EQ(counter, GetUINT32(carriedOnly.Get(), WQ400_MF_FRAME_COUNTER));
 }
 
 TEST(WQ400HwTimestamp, TakesTheHeadersFirstWordOnlyWhenTheHeaderIsThere) {
