@@ -68,12 +68,13 @@ STDMETHODIMP MediaEventGenerator::QueueEvent(MediaEventType met, REFGUID guidExt
 // The queue is created with the generator and released with it, never replaced: the frame path reads it
 // without the lock, and the platform queue serialises its own callers.
 HRESULT MediaEventGenerator::OnGetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) {
-  if (!pQueue) {
+  IMFMediaEventQueue *const local_pQueue = pQueue.Get();
+  if (local_pQueue == nullptr) {
     WQ_TRACE(Error, "no event queue");
     return MF_E_SHUTDOWN;
   }
   // May block until an event arrives: nothing is held, so QueueEvent and Shutdown go on.
-  RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, pQueue->GetEvent(dwFlags, ppEvent));
+  RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, local_pQueue->GetEvent(dwFlags, ppEvent));
   return S_OK;
 }
 
