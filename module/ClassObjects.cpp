@@ -43,13 +43,10 @@ HRESULT CreateWQ400FishEyeDeviceMft(IUnknown **object) {
 
 }  // namespace mft_utils
 
-// One line per class.
+// One line per class. The class identifiers are constant-initialised, so they are set before this table.
 const mft_utils::ClassObjectEntry coi[] = {
-    {{0xE365CD7E, 0xB3A0, 0x47B2, {0xAA, 0x49, 0xE0, 0x45, 0xAA, 0x4E, 0x77, 0xBF}},
-     &mft_utils::CreateWQ400DepthDeviceMft, L"WQ400 Depth Device MFT"},
-    {{0x5B45BF9D, 0xC4BF, 0x4F8B, {0x81, 0xC8, 0x40, 0x7A, 0xBF, 0xAA, 0xAE, 0xA8}},
-     &mft_utils::CreateWQ400ColorDeviceMft, L"WQ400 Color Device MFT"},
-    {{0x42547A62, 0x2335, 0x4325, {0x83, 0xA3, 0x21, 0x7D, 0x4F, 0x96, 0x59, 0x4D}},
-     &mft_utils::CreateWQ400FishEyeDeviceMft, L"WQ400 FishEye Device MFT"},
+    {mft_core::CLSID_WQ400DepthDeviceMft, &mft_utils::CreateWQ400DepthDeviceMft, L"WQ400 Depth Device MFT"},
+    {mft_core::CLSID_WQ400ColorDeviceMFT, &mft_utils::CreateWQ400ColorDeviceMft, L"WQ400 Color Device MFT"},
+    {mft_core::CLSID_WQ400FishEyeDeviceMft, &mft_utils::CreateWQ400FishEyeDeviceMft, L"WQ400 FishEye Device MFT"},
 };
 const size_t coiCount = sizeof(coi) / sizeof(coi[0]);

@@ -12,7 +12,8 @@ namespace mft_core {
 
 class PassThroughDeviceMft : public DeviceMft {
  public:
-  PassThroughDeviceMft(std::string name, const DeviceExtensionUnits &units) : DeviceMft(std::move(name), units) {}
+  PassThroughDeviceMft(std::string name, const DeviceExtensionUnits &units, const GUID &transformClass = GUID_NULL)
+      : DeviceMft(std::move(name), units, transformClass) {}
 
  protected:
   ~PassThroughDeviceMft() override = default;

@@ -11,7 +11,7 @@ namespace mft_core {
 
 const GUID kWQ400ColorXuSetId = {0xB8EC416E, 0xA3AC, 0x4580, {0x8D, 0x5C, 0x0B, 0xEE, 0x15, 0x97, 0xE4, 0x3D}};
 
-WQ400ColorDeviceMFT::WQ400ColorDeviceMFT() : WQ400DeviceMft("WQ400 Color Device MFT", kWQ400ColorXuSetId, 2, 0) {}
+WQ400ColorDeviceMFT::WQ400ColorDeviceMFT() : WQ400DeviceMft("WQ400 Color Device MFT", CLSID_WQ400ColorDeviceMFT, kWQ400ColorXuSetId, 2, 0) {}
 
 HRESULT WQ400ColorDeviceMFT::OnInitializeTransform(IMFAttributes *pAttributes) {
   RETURN_IF_FAILED(WQ400DeviceMft::OnInitializeTransform(pAttributes));

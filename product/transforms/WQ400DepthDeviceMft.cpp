@@ -47,7 +47,7 @@ std::ostream &operator<<(std::ostream &out, const FrameFormat &format) {
 
 }  // namespace
 
-WQ400DepthDeviceMft::WQ400DepthDeviceMft() : WQ400DeviceMft(kDisplayName, kWQ400DepthXuSetId, 1, 7) {}
+WQ400DepthDeviceMft::WQ400DepthDeviceMft() : WQ400DeviceMft(kDisplayName, CLSID_WQ400DepthDeviceMft, kWQ400DepthXuSetId, 1, 7) {}
 
 HRESULT WQ400DepthDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) {
   RETURN_IF_FAILED(WQ400DeviceMft::OnInitializeTransform(pAttributes));

@@ -13,11 +13,18 @@ namespace mft_core {
 extern const GUID kWQ400SubtypeZ16;  // "Z16 "
 extern const GUID kWQ400SubtypeY8;   // "Y8  "
 
+// The class identifiers the module registers its transforms under.
+extern const GUID CLSID_WQ400DepthDeviceMft;
+extern const GUID CLSID_WQ400ColorDeviceMFT;
+extern const GUID CLSID_WQ400FishEyeDeviceMft;
+
 class WQ400DeviceMft : public PassThroughDeviceMft {
  protected:
   // `deviceXuNode` and `msXuNode` are the controls by which the product's own unit and the platform
   // unit are found among the filter's nodes; 0 for the platform unit means the camera has none.
-  WQ400DeviceMft(std::string displayName, const GUID &deviceXuSetId, ULONG deviceXuNode, ULONG msXuNode);
+  // `transformClass` is the class the module creates it as.
+  WQ400DeviceMft(std::string displayName, const GUID &transformClass, const GUID &deviceXuSetId, ULONG deviceXuNode,
+                 ULONG msXuNode);
   ~WQ400DeviceMft() override = default;
 
   HRESULT OnInitializeTransform(IMFAttributes *pAttributes) override;

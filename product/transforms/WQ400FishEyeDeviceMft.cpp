@@ -24,7 +24,8 @@ static_assert(WQ400FishEyeDeviceMft::kIntrinsicsReplySize ==
               "fisheye intrinsics reply");
 
 WQ400FishEyeDeviceMft::WQ400FishEyeDeviceMft()
-    : WQ400DeviceMft("WQ400 FishEye Device MFT", kWQ400FishEyeXuSetId, 1, 0) {}
+    : WQ400DeviceMft("WQ400 FishEye Device MFT", CLSID_WQ400FishEyeDeviceMft, kWQ400FishEyeXuSetId,
+                     1, 0) {}
 
 HRESULT WQ400FishEyeDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) {
   RETURN_IF_FAILED(WQ400DeviceMft::OnInitializeTransform(pAttributes));

@@ -47,12 +47,11 @@ ComPtr<IMFDeviceTransform> CreateFromDll(const sim::CameraConfig &camera) {
 sim::ReplayReport ReplayThroughDll(const std::vector<uint8_t> &bytes, const std::string &transformName) {
   return sim::ReplayRecording(bytes, [&](const device_events::FileHeader &header, IMFDeviceTransform **transform) {
     EXPECT_EQ(transformName, header.transformName);
+    // The recording names the class the module created.
     GUID clsid = GUID_NULL;
-    if (!tools::DllTransformFactory::ClassOfRecording(mft_core::FromRecorded(header.transformClass),
-                                                      header.transformName, clsid)) {
-      return CLASS_E_CLASSNOTAVAILABLE;
-    }
-    return Module().CreateClass(clsid, transform);
+    if (!tools::DllTransformFactory::ClassOfTransform(header.transformName, clsid)) return CLASS_E_CLASSNOTAVAILABLE;
+    EXPECT_TRUE(IsEqualGUID(clsid, mft_core::FromRecorded(header.transformClass)));
+    return Module().CreateClass(mft_core::FromRecorded(header.transformClass), transform);
   });
 }
 

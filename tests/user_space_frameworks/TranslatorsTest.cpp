@@ -25,6 +25,8 @@ TEST(GuidTranslatorTest, NamesPlatformSupplementAndCameraGuids) {
   EXPECT_EQ("GUID_NULL", GuidTranslator::Name(GUID_NULL));
   EXPECT_EQ("MF_MT_SUBTYPE", GuidTranslator::Name(MF_MT_SUBTYPE));
   EXPECT_EQ("MFVideoFormat_NV12", GuidTranslator::Name(MFVideoFormat_NV12));
+  // A depth camera's subtype shares its value with an audio format; the video name wins.
+  EXPECT_EQ("MFVideoFormat_D16", GuidTranslator::Name(MFVideoFormat_D16));
   EXPECT_EQ("MF_DEVICESTREAM_STREAM_CATEGORY", GuidTranslator::Name(MF_DEVICESTREAM_STREAM_CATEGORY));
   EXPECT_EQ("MFSampleExtension_PinholeCameraIntrinsics", GuidTranslator::Name(MFSampleExtension_PinholeCameraIntrinsics));
   EXPECT_EQ("PINNAME_VIDEO_CAPTURE", GuidTranslator::Name(PINNAME_VIDEO_CAPTURE));
