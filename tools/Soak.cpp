@@ -12,11 +12,9 @@
 #include <vector>
 
 #include "platform/WindowsSdk.h"
-
-#include <psapi.h>
-
 #include "sim/FrameServerHost.h"
 #include "tools/DllTransformFactory.h"
+#include "tools/ProcessFootprint.h"
 #include "user_space_frameworks/Trace.h"
 
 using Microsoft::WRL::ComPtr;
@@ -41,31 +39,6 @@ struct Camera {
   ComPtr<IMFDeviceTransform> transform;
   std::unique_ptr<sim::FrameServerHost> host;
 };
-
-struct Footprint {
-  DWORD handles = 0;
-  uint64_t privateBytes = 0;
-  double cpuSeconds = 0;  // user and kernel time of the whole process
-};
-
-Footprint Measure() {
-  Footprint footprint;
-  GetProcessHandleCount(GetCurrentProcess(), &footprint.handles);
-  PROCESS_MEMORY_COUNTERS_EX counters = {};
-  counters.cb = sizeof(counters);
-  if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS *>(&counters),
-                           sizeof(counters))) {
-    footprint.privateBytes = counters.PrivateUsage;
-  }
-  FILETIME created, exited, kernel, user;
-  if (GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) {
-    auto seconds = [](const FILETIME &time) {
-      return ((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) / 1e7;
-    };
-    footprint.cpuSeconds = seconds(kernel) + seconds(user);
-  }
-  return footprint;
-}
 
 uint64_t Delivered(std::vector<Camera> &cameras) {
   uint64_t frames = 0;
@@ -177,9 +150,11 @@ int main(int argc, char **argv) {
     }
     bool started = true;
     for (auto &camera : cameras) started = started && Start(camera, factory, options.fps);
-    Footprint warm, end;
+    tools::ProcessFootprint warm, end;
     uint64_t framesAtWarmup = 0;
     uint64_t largestPrivate = 0;
+    std::string handleSeries;  // every ten seconds after the warm-up
+    double nextHandleCount = 0;
     const auto begin = GetTickCount64();
     auto elapsed = [&] { return (GetTickCount64() - begin) / 1000.0; };
     bool warmedUp = false;
@@ -187,17 +162,23 @@ int main(int argc, char **argv) {
       Sleep(250);
       if (!warmedUp && elapsed() >= options.warmup) {
         warmedUp = true;
-        warm = Measure();
+        warm = tools::MeasureProcess();
         framesAtWarmup = Delivered(cameras);
+        nextHandleCount = elapsed() + 10;
+        handleSeries = std::to_string(warm.handles);
       }
-      if (warmedUp) largestPrivate = std::max(largestPrivate, Measure().privateBytes);
+      if (warmedUp && elapsed() >= nextHandleCount) {
+        nextHandleCount += 10;
+        handleSeries += " " + std::to_string(tools::MeasureProcess().handles);
+      }
+      if (warmedUp) largestPrivate = std::max(largestPrivate, tools::PrivateBytes());
       if (!options.quiet) {
         std::printf("\r%5.1f s  %llu frames delivered   ", elapsed(), static_cast<unsigned long long>(Delivered(cameras)));
         std::fflush(stdout);
       }
     }
     const double seconds = elapsed();
-    end = Measure();
+    end = tools::MeasureProcess();
     const uint64_t framesAtEnd = Delivered(cameras);
     if (!options.quiet) std::printf("\n");
     for (auto &camera : cameras) {
@@ -242,14 +223,17 @@ int main(int argc, char **argv) {
     std::printf("Private memory: %.1f MiB after warm-up, %.1f MiB at the end (%+.1f KiB), largest %.1f MiB\n",
                 warm.privateBytes / 1048576.0, end.privateBytes / 1048576.0, growth / 1024.0,
                 largestPrivate / 1048576.0);
-    std::printf("Handles: %lu after warm-up, %lu at the end\n", warm.handles, end.handles);
+    std::printf("Handles: %lu after warm-up, %lu at the end (every 10 s: %s)\n", warm.handles, end.handles,
+                handleSeries.c_str());
     std::printf("CPU: %.1f us per frame over %llu frames after warm-up (%.0f%% of one core; the simulated cameras'\n"
                 "     painting and the frame server's pulling included)\n",
                 cpuPerFrameUs, static_cast<unsigned long long>(frames),
                 100.0 * (end.cpuSeconds - warm.cpuSeconds) / std::max(0.001, seconds - options.warmup));
     // Flat: a leak of one small allocation per frame (about 100 bytes x 540 frames a second) would pass
-    // 4 MiB within a minute; heap and work-queue growth that settles stays well inside it.
-    const bool memoryFlat = growth <= 4 * 1024 * 1024 && end.handles <= warm.handles + 8;
+    // 4 MiB within a minute; heap growth that settles stays well inside it. The platform's work queues
+    // add a thread (and its handle) now and then under load; a handle per second or per frame would
+    // pass 16 within a minute.
+    const bool memoryFlat = growth <= 4 * 1024 * 1024 && end.handles <= warm.handles + 16;
     std::printf("Result: %s%s\n", framesOk ? "no frame lost" : "FRAMES LOST OR LATE",
                 memoryFlat ? ", memory and handles flat" : ", MEMORY OR HANDLES GREW");
     exitCode = framesOk && memoryFlat ? 0 : 1;

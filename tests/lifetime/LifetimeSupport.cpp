@@ -1,10 +1,10 @@
 #include "lifetime/LifetimeSupport.h"
 
-#include <psapi.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+
+#include "user_space_frameworks/ComObject.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -95,16 +95,47 @@ void RoundWatchdog::Run() {
   }
 }
 
-Footprint CurrentFootprint() {
-  Footprint footprint;
-  GetProcessHandleCount(GetCurrentProcess(), &footprint.handles);
-  PROCESS_MEMORY_COUNTERS_EX counters = {};
-  counters.cb = sizeof(counters);
-  if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS *>(&counters),
-                           sizeof(counters))) {
-    footprint.privateBytes = counters.PrivateUsage;
+namespace {
+
+// Signals each completion of the wait, which is how a cancellation is seen where the platform invokes it.
+class WaitCompletion : public user_space_frameworks::ComObject<IMFAsyncCallback> {
+ public:
+  WaitCompletion() : done(CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
+  ~WaitCompletion() override { CloseHandle(done); }
+  STDMETHODIMP GetParameters(DWORD *flags, DWORD *queue) override {
+    *flags = 0;
+    *queue = MFASYNC_CALLBACK_QUEUE_MULTITHREADED;
+    return S_OK;
   }
-  return footprint;
+  STDMETHODIMP Invoke(IMFAsyncResult *) override {
+    SetEvent(done);
+    return S_OK;
+  }
+  HANDLE done;
+};
+
+}  // namespace
+
+int64_t PlatformGrowthOfCancelledWaits(uint64_t pairs) {
+  auto callback = user_space_frameworks::MakeComObject<WaitCompletion>();
+  HANDLE never = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  auto pair = [&] {
+    ComPtr<IMFAsyncResult> result;
+    MFWORKITEM_KEY key = 0;
+    if (FAILED(MFCreateAsyncResult(nullptr, callback.Get(), nullptr, result.GetAddressOf())) ||
+        FAILED(MFPutWaitingWorkItem(never, 0, result.Get(), &key))) {
+      return;
+    }
+    MFCancelWorkItem(key);
+    // Where cancelling does not invoke the callback, the short wait runs out instead.
+    WaitForSingleObject(callback->done, 100);
+  };
+  for (int i = 0; i < 200; ++i) pair();  // the queue's threads and first pages
+  const uint64_t before = tools::PrivateBytes();
+  for (uint64_t i = 0; i < pairs; ++i) pair();
+  const uint64_t after = tools::PrivateBytes();
+  CloseHandle(never);
+  return static_cast<int64_t>(after) - static_cast<int64_t>(before);
 }
 
 ComPtr<IMFMediaType> OutputType(IMFDeviceTransform *transform, DWORD streamId, UINT32 width, UINT32 height,

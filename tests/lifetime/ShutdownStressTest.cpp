@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <random>
 #include <thread>
 
@@ -16,6 +17,7 @@ namespace lifetime {
 namespace {
 
 struct RoundResult {
+  uint64_t earlyCalls = 0;  // calls that returned before Shutdown did: the race really ran
   uint64_t lateCalls = 0;
   uint64_t lateAccepted = 0;
 };
@@ -48,7 +50,7 @@ void RunRound(const Subject &subject, uint64_t round, std::mt19937 &random, Roun
     ComPtr<IMFSample> sample = test_samples::MakeSample(writer, 1);
 
     std::atomic<bool> shutdownReturned{false};
-    std::atomic<uint64_t> lateCalls{0}, lateAccepted{0};
+    std::atomic<uint64_t> earlyCalls{0}, lateCalls{0}, lateAccepted{0};
     // Repeats `call` until one call that began after Shutdown returned has been made; that one must be
     // refused.
     auto worker = [&](auto call) {
@@ -56,6 +58,7 @@ void RunRound(const Subject &subject, uint64_t round, std::mt19937 &random, Roun
         for (;;) {
           const bool late = shutdownReturned.load();
           const HRESULT hr = call();
+          if (!shutdownReturned.load()) ++earlyCalls;
           if (late) {
             ++lateCalls;
             if (hr != MF_E_SHUTDOWN) ++lateAccepted;
@@ -106,6 +109,7 @@ void RunRound(const Subject &subject, uint64_t round, std::mt19937 &random, Roun
     EXPECT_EQ(MF_E_SHUTDOWN, shutdown->Shutdown()) << name;
     watchdog.Phase("the frame server's own shutdown");
     host.Shutdown();
+    result.earlyCalls += earlyCalls;
     result.lateCalls += lateCalls;
     result.lateAccepted += lateAccepted;
     EXPECT_EQ(0u, lateAccepted.load()) << name << ": a call made after Shutdown returned was not refused";
@@ -126,6 +130,9 @@ TEST(ShutdownStress, ShutdownRacesEveryOtherCallOnEachTransform) {
     watchdog.BeginRound(subject.name + " round " + std::to_string(round));
     RunRound(subject, round, random, watchdog, result);
   }
+  std::printf("%llu rounds: %llu calls returned before Shutdown did, %llu began after it\n",
+              static_cast<unsigned long long>(rounds), static_cast<unsigned long long>(result.earlyCalls),
+              static_cast<unsigned long long>(result.lateCalls));
   EXPECT_EQ(4 * rounds, result.lateCalls);
   EXPECT_EQ(0u, result.lateAccepted);
 }
