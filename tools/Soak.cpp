@@ -14,8 +14,8 @@
 #include "platform/WindowsSdk.h"
 #include "sim/FrameServerHost.h"
 #include "tools/DllTransformFactory.h"
+#include "tools/PlatformScope.h"
 #include "tools/ProcessFootprint.h"
-#include "user_space_frameworks/Trace.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -120,11 +120,8 @@ int main(int argc, char **argv) {
     std::cerr << "usage: soak [--seconds 60] [--warmup S] [--fps 90] [--quiet] [--dll PATH]\n";
     return 2;
   }
-  user_space_frameworks::trace::ConfigureFromEnvironment();
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
-    std::cerr << "Media Foundation did not start\n";
-    return 1;
-  }
+  const tools::PlatformScope platform;
+  if (!platform.Started()) return 1;
   int exitCode = 0;
   {
     tools::DllTransformFactory factory(options.modulePath.empty() ? tools::DllTransformFactory::DefaultModulePath()
@@ -238,7 +235,5 @@ int main(int argc, char **argv) {
                 memoryFlat ? ", memory and handles flat" : ", MEMORY OR HANDLES GREW");
     exitCode = framesOk && memoryFlat ? 0 : 1;
   }
-  MFShutdown();
-  CoUninitialize();
   return exitCode;
 }

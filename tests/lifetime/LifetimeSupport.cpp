@@ -4,29 +4,17 @@
 #include <cstdlib>
 #include <memory>
 
+#include "common/BuiltModule.h"
 #include "user_space_frameworks/ComObject.h"
 
 using Microsoft::WRL::ComPtr;
 
 namespace lifetime {
 
-namespace {
-
-std::wstring ModulePath() {
-  std::string path = WQ_MODULE_FILE;
-  if (!path.empty() && path[0] == '/') path = "Z:" + path;  // the build tree through Wine's root drive
-  for (char &c : path) {
-    if (c == '/') c = '\\';
-  }
-  return std::wstring(path.begin(), path.end());
-}
-
-}  // namespace
-
 tools::DllTransformFactory &Module() {
   static tools::DllTransformFactory *const module = [] {
     // Never unloaded: transforms' late work items may still run inside it at process exit.
-    auto *factory = new tools::DllTransformFactory(ModulePath());
+    auto *factory = new tools::DllTransformFactory(test_module::BuiltModulePath());
     if (!factory->Load()) {
       std::fprintf(stderr, "%s\n", factory->Error().c_str());
       std::abort();

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/Waiting.h"
 #include "platform/WindowsSdk.h"
 #include "sim/CameraConfig.h"
 #include "sim/FrameServerHost.h"
@@ -41,20 +42,8 @@ Microsoft::WRL::ComPtr<IMFDeviceTransform> CreateThroughDll(const Subject &subje
 // `count` times WQ400_LIFETIME_SCALE (a whole multiplier, default 1), for longer runs outside CI.
 uint64_t Scaled(uint64_t count);
 
-template <typename T>
-ULONG References(T *object) {
-  object->AddRef();
-  return object->Release();
-}
-
-template <typename Predicate>
-bool WaitFor(Predicate predicate, int timeoutMs = 10000) {
-  for (int waited = 0; waited < timeoutMs; waited += 2) {
-    if (predicate()) return true;
-    Sleep(2);
-  }
-  return predicate();
-}
+using test_waiting::References;
+using test_waiting::WaitFor;
 
 // Ends the program with a message naming the round when a round outlives its limit: a hang cannot
 // be failed from the hung thread, and the next rounds would only pile up behind it.
