@@ -486,6 +486,31 @@ bool SimulatedCameraFilter::TakeFault(KsRequestKind kind, const KSIDENTIFIER &id
   return false;
 }
 
+namespace {
+
+// Before a driver sees a request, the kernel checks that every byte the caller claims for the identifier
+// and the data is mapped and accessible; a length that runs into unmapped or inaccessible memory fails
+// the request with ERROR_NOACCESS and the driver never touches the buffer.
+bool Addressable(const void *buffer, ULONG length) {
+  if (buffer == nullptr || length == 0) return true;
+  uintptr_t at = reinterpret_cast<uintptr_t>(buffer);
+  const uintptr_t end = at + length;
+  if (end < at) return false;
+  while (at < end) {
+    MEMORY_BASIC_INFORMATION region = {};
+    if (VirtualQuery(reinterpret_cast<const void *>(at), &region, sizeof(region)) == 0) return false;
+    if (region.State != MEM_COMMIT || region.Protect == 0 || (region.Protect & (PAGE_NOACCESS | PAGE_GUARD)) != 0) {
+      return false;
+    }
+    at = reinterpret_cast<uintptr_t>(region.BaseAddress) + region.RegionSize;
+  }
+  return true;
+}
+
+const HRESULT kNoAccess = HRESULT_FROM_WIN32(ERROR_NOACCESS);
+
+}  // namespace
+
 bool SimulatedCameraFilter::NodeExists(ULONG node) const {
   return node == kFilterScope || node < config.nodeTypes.size();
 }
@@ -498,6 +523,7 @@ bool SimulatedCameraFilter::SetKnownAtNode(const GUID &set, ULONG node) const {
 STDMETHODIMP SimulatedCameraFilter::KsProperty(PKSPROPERTY pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
                                                ULONG ulDataLength, ULONG *pBytesReturned) {
   if (pProperty == nullptr || ulPropertyLength < sizeof(KSPROPERTY)) return E_INVALIDARG;
+  if (!Addressable(pProperty, ulPropertyLength) || !Addressable(pPropertyData, ulDataLength)) return kNoAccess;
   ULONG localBytes = 0;
   ULONG *bytesReturned = pBytesReturned ? pBytesReturned : &localBytes;
   const KSIDENTIFIER identifier = *pProperty;
@@ -665,9 +691,10 @@ HRESULT SimulatedCameraFilter::FirmwareRead(void *data, ULONG dataLength, ULONG 
   return S_OK;
 }
 
-STDMETHODIMP SimulatedCameraFilter::KsMethod(PKSMETHOD pMethod, ULONG ulMethodLength, LPVOID, ULONG ulDataLength,
-                                             ULONG *) {
+STDMETHODIMP SimulatedCameraFilter::KsMethod(PKSMETHOD pMethod, ULONG ulMethodLength, LPVOID pMethodData,
+                                             ULONG ulDataLength, ULONG *) {
   if (pMethod == nullptr || ulMethodLength < sizeof(KSMETHOD)) return E_INVALIDARG;
+  if (!Addressable(pMethod, ulMethodLength) || !Addressable(pMethodData, ulDataLength)) return kNoAccess;
   const KSIDENTIFIER identifier = *pMethod;
   ULONG node = kFilterScope;
   if (identifier.Flags & KSMETHOD_TYPE_TOPOLOGY) {
@@ -684,6 +711,7 @@ STDMETHODIMP SimulatedCameraFilter::KsMethod(PKSMETHOD pMethod, ULONG ulMethodLe
 STDMETHODIMP SimulatedCameraFilter::KsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData,
                                             ULONG ulDataLength, ULONG *pBytesReturned) {
   if (pBytesReturned) *pBytesReturned = 0;
+  if (!Addressable(pEvent, ulEventLength) || !Addressable(pEventData, ulDataLength)) return kNoAccess;
   std::lock_guard<std::mutex> lock(mutex);
   if (pEvent == nullptr) {
     // Disable: the event data that enabled the subscription names it.

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "product/transforms/WQ400CalibrationReplies.h"
 #include "user_space_frameworks/Trace.h"
 
 namespace mft_core {
@@ -49,22 +50,10 @@ bool WQ400CalibrationTable::FindBody(uint8_t sensorIndex, size_t &bodyOffset) co
 std::vector<uint8_t> WQ400CalibrationTable::Intrinsics(uint8_t sensorIndex) const {
   size_t body = 0;
   if (!FindBody(sensorIndex, body)) return {};
-  if (reply.size() - body < sizeof(uint32_t)) {
-    WQ_TRACE(Warning, "intrinsics of sensor " << static_cast<int>(sensorIndex) << " end before their count");
-    return {};
-  }
-  const uint64_t models = ReadU32(body);
-  if (models == 0) {
-    WQ_TRACE(Info, "sensor " << static_cast<int>(sensorIndex) << " has no intrinsic models");
-    return {};
-  }
-  const uint64_t size = sizeof(uint32_t) + kIntrinsicModelSize * models;
-  if (size > reply.size() - body) {
-    WQ_TRACE(Warning, "sensor " << static_cast<int>(sensorIndex) << " announces " << models << " intrinsic models ("
-                                << size << " bytes), " << reply.size() - body << " returned");
-    return {};
-  }
-  return std::vector<uint8_t>(reply.begin() + body, reply.begin() + body + static_cast<size_t>(size));
+  // The record's size follows its model count, not the entry's length; it must lie within the reply.
+  std::vector<BYTE> intrinsics;
+  CopyIntrinsicsRecord(reply.data() + body, reply.size() - body, intrinsics);
+  return intrinsics;
 }
 
 std::vector<uint8_t> WQ400CalibrationTable::Extrinsics(uint8_t sensorIndex) const {

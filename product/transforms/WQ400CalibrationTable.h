@@ -12,8 +12,7 @@ namespace mft_core {
 class WQ400CalibrationTable {
  public:
   static constexpr size_t kEntryHeadSize = 4;
-  static constexpr size_t kIntrinsicModelSize = 44;  // MFPinholeCameraIntrinsic_IntrinsicModel
-  static constexpr size_t kExtrinsicsSize = 48;      // MFCameraExtrinsics with one transform
+  static constexpr size_t kExtrinsicsSize = 48;  // MFCameraExtrinsics with one transform
 
   explicit WQ400CalibrationTable(std::vector<uint8_t> reply) : reply(std::move(reply)) {}
 

@@ -5,6 +5,7 @@
 #include "product/device/WQ400DeviceInfo.h"
 #include "product/metadata/WQ400MetadataParsers.h"
 #include "product/topology/WQ400Topologies.h"
+#include "product/transforms/WQ400CalibrationReplies.h"
 #include "product/transforms/WQ400CalibrationTable.h"
 #include "product/transforms/WQ400FirmwareCheck.h"
 
@@ -97,26 +98,9 @@ HRESULT WQ400DepthDeviceMft::RegisterKsControlHandlres() {
 }
 
 std::vector<BYTE> WQ400DepthDeviceMft::ReadCalibrationTable(ULONG selector) {
-  // A GET without a buffer answers with the size the control needs.
-  ULONG size = 0;
-  HRESULT hr = deviceXuKsControl->SendKsProperty(selector, nullptr, 0, KSPROPERTY_TYPE_GET, size);
-  if (FAILED(hr) && hr != HRESULT_FROM_WIN32(ERROR_MORE_DATA)) {
-    WQ_TRACE(Info, "calibration control " << selector << " answers no size: " << user_space_frameworks::trace::HrText(hr));
-    return {};
-  }
-  if (size == 0) {
-    WQ_TRACE(Info, "calibration control " << selector << " is empty");
-    return {};
-  }
-  std::vector<BYTE> table(size);
-  ULONG bytesReturned = 0;
-  hr = deviceXuKsControl->SendKsProperty(selector, table.data(), size, KSPROPERTY_TYPE_GET, bytesReturned);
-  if (FAILED(hr)) {
-    WQ_TRACE(Info, "calibration control " << selector << " cannot be read: " << user_space_frameworks::trace::HrText(hr));
-    return {};
-  }
-  // Only what the driver says it wrote is the table.
-  if (bytesReturned < table.size()) table.resize(bytesReturned);
+  std::vector<BYTE> table;
+  // A table the driver cannot read is one the camera does not have: the streams go without it.
+  if (FAILED(ReadCalibrationControl(*deviceXuKsControl.Get(), selector, table))) table.clear();
   return table;
 }
 
