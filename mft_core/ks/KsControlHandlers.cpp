@@ -151,38 +151,6 @@ HRESULT RegularKsEventHandler::Set() {
   return S_OK;
 }
 
-// ---- Pass-through ---------------------------------------------------------------------------------------
-
-PassthroughKsPropsHandler::PassthroughKsPropsHandler(IKsControl *ksControl)
-    : KsPropHandler(GUID_NULL, 0, "Pass Through KS Properties Handler", ksControl) {}
-
-HRESULT PassthroughKsPropsHandler::Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLength, LPVOID pvPropertyData,
-                                       ULONG ulDataLength, ULONG *pulBytesReturned) {
-  IKsControl *myKsControl = ksControl.Get();
-  RETURN_HR_IF_NULL(E_UNEXPECTED, myKsControl);
-  return LOG_IF_FAILED(myKsControl->KsProperty(pProperty, ulPropertyLength, pvPropertyData, ulDataLength, pulBytesReturned));
-}
-
-PassthroughKsEventsHandler::PassthroughKsEventsHandler(IKsControl *ksControl)
-    : KsEventHandler(GUID_NULL, 0, "Pass Through KS Events Handler", ksControl) {}
-
-HRESULT PassthroughKsEventsHandler::Run(PKSIDENTIFIER pEvent, ULONG ulEventLength, LPVOID pEventData,
-                                        ULONG ulDataLength, ULONG *pBytesReturned) {
-  IKsControl *myKsControl = ksControl.Get();
-  RETURN_HR_IF_NULL(E_UNEXPECTED, myKsControl);
-  return LOG_IF_FAILED(myKsControl->KsEvent(pEvent, ulEventLength, pEventData, ulDataLength, pBytesReturned));
-}
-
-PassthroughKsMethodsHandler::PassthroughKsMethodsHandler(IKsControl *ksControl)
-    : KsMethodHandler(GUID_NULL, 0, "Pass Through KS Methods Handler", ksControl) {}
-
-HRESULT PassthroughKsMethodsHandler::Run(PKSIDENTIFIER pMethod, ULONG ulPropertyLength, LPVOID pvPropertyData,
-                                         ULONG ulDataLength, ULONG *pulBytesReturned) {
-  IKsControl *myKsControl = ksControl.Get();
-  RETURN_HR_IF_NULL(E_UNEXPECTED, myKsControl);
-  return LOG_IF_FAILED(myKsControl->KsMethod(pMethod, ulPropertyLength, pvPropertyData, ulDataLength, pulBytesReturned));
-}
-
 // ---- Warm start -------------------------------------------------------------------------------------------
 
 WarmStartKsPropsHandler::WarmStartKsPropsHandler()

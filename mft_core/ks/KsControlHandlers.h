@@ -6,6 +6,7 @@
 
 #include "mft_core/ks/KsText.h"
 #include "platform/WindowsSdk.h"
+#include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Object.h"
 #include "user_space_frameworks/Sync.h"
 
@@ -94,25 +95,36 @@ class RegularKsEventHandler : public KsEventHandler {
 };
 
 // Defaults of the device transform: everything nobody else claims goes to the driver unchanged.
-class PassthroughKsPropsHandler : public KsPropHandler {
+// `Send` is the driver's IKsControl method for the handler's kind.
+template <typename Handler, auto Send>
+class PassthroughKsHandler : public Handler {
  public:
-  explicit PassthroughKsPropsHandler(IKsControl *ksControl);
-  HRESULT Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLength, LPVOID pvPropertyData, ULONG ulDataLength,
-              ULONG *pulBytesReturned) override;
+  PassthroughKsHandler(IKsControl *ksControl, const char *description)
+      : Handler(GUID_NULL, 0, description, ksControl) {}
+  HRESULT Run(PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data, ULONG dataLength,
+              ULONG *bytesReturned) override {
+    IKsControl *driver = this->ksControl.Get();
+    RETURN_HR_IF_NULL(E_UNEXPECTED, driver);
+    return LOG_IF_FAILED((driver->*Send)(identifier, identifierLength, data, dataLength, bytesReturned));
+  }
 };
 
-class PassthroughKsEventsHandler : public KsEventHandler {
+class PassthroughKsPropsHandler : public PassthroughKsHandler<KsPropHandler, &IKsControl::KsProperty> {
  public:
-  explicit PassthroughKsEventsHandler(IKsControl *ksControl);
-  HRESULT Run(PKSIDENTIFIER pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,
-              ULONG *pBytesReturned) override;
+  explicit PassthroughKsPropsHandler(IKsControl *ksControl)
+      : PassthroughKsHandler(ksControl, "Pass Through KS Properties Handler") {}
 };
 
-class PassthroughKsMethodsHandler : public KsMethodHandler {
+class PassthroughKsEventsHandler : public PassthroughKsHandler<KsEventHandler, &IKsControl::KsEvent> {
  public:
-  explicit PassthroughKsMethodsHandler(IKsControl *ksControl);
-  HRESULT Run(PKSIDENTIFIER pMethod, ULONG ulPropertyLength, LPVOID pvPropertyData, ULONG ulDataLength,
-              ULONG *pulBytesReturned) override;
+  explicit PassthroughKsEventsHandler(IKsControl *ksControl)
+      : PassthroughKsHandler(ksControl, "Pass Through KS Events Handler") {}
+};
+
+class PassthroughKsMethodsHandler : public PassthroughKsHandler<KsMethodHandler, &IKsControl::KsMethod> {
+ public:
+  explicit PassthroughKsMethodsHandler(IKsControl *ksControl)
+      : PassthroughKsHandler(ksControl, "Pass Through KS Methods Handler") {}
 };
 
 // Answers the extended warm-start control: warm start is not supported, so it reads as off and

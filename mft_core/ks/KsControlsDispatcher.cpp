@@ -107,34 +107,4 @@ HRESULT KsControlsDispatcher::Dispatch(const KsControlDispatcher<T> &dispatcher,
   return hr;
 }
 
-HRESULT KsControlsDispatcher::RegisterKsPropertyHandler(std::shared_ptr<KsPropHandler> handler) {
-  RETURN_IF_FAILED(propertiesDispathcer.RegisterHandler(handler));
-  return S_OK;
-}
-
-HRESULT KsControlsDispatcher::RegisterKsEventHandler(std::shared_ptr<KsEventHandler> handler) {
-  RETURN_IF_FAILED(eventsDispathcer.RegisterHandler(handler));
-  return S_OK;
-}
-
-HRESULT KsControlsDispatcher::RegisterKsMethodHandler(std::shared_ptr<KsMethodHandler> handler) {
-  RETURN_IF_FAILED(methodsDispathcer.RegisterHandler(handler));
-  return S_OK;
-}
-
-HRESULT KsControlsDispatcher::RegisterKsPropertyDefaultHandler(std::shared_ptr<KsPropHandler> handler) {
-  RETURN_IF_FAILED(propertiesDispathcer.RegisterDefaultHandler(handler));
-  return S_OK;
-}
-
-HRESULT KsControlsDispatcher::RegisterKsEventDefaultHandler(std::shared_ptr<KsEventHandler> handler) {
-  RETURN_IF_FAILED(eventsDispathcer.RegisterDefaultHandler(handler));
-  return S_OK;
-}
-
-HRESULT KsControlsDispatcher::RegisterKsMethodDefaultHandler(std::shared_ptr<KsMethodHandler> handler) {
-  RETURN_IF_FAILED(methodsDispathcer.RegisterDefaultHandler(handler));
-  return S_OK;
-}
-
 }  // namespace mft_core

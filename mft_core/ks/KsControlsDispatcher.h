@@ -8,6 +8,7 @@
 #include "mft_core/ks/KsControlHandlers.h"
 #include "mft_core/ks/KsControlsObserver.h"
 #include "platform/WindowsSdk.h"
+#include "user_space_frameworks/Check.h"
 
 namespace mft_core {
 
@@ -17,16 +18,14 @@ template <typename T>
 class KsControlDispatcher {
  public:
   HRESULT RegisterHandler(std::shared_ptr<T> handler) {
-    if (!handler) return E_INVALIDARG;
-    for (const auto &registered : handlers) {
-      if (registered->IsSameControl(*handler)) return E_FAIL;
-    }
+    RETURN_HR_IF_NULL(E_INVALIDARG, handler);
+    for (const auto &registered : handlers) RETURN_HR_IF(E_FAIL, registered->IsSameControl(*handler));
     handlers.push_back(std::move(handler));
     return S_OK;
   }
 
   HRESULT RegisterDefaultHandler(std::shared_ptr<T> handler) {
-    if (!handler) return E_INVALIDARG;
+    RETURN_HR_IF_NULL(E_INVALIDARG, handler);
     defaultHandler = std::move(handler);
     return S_OK;
   }
@@ -67,12 +66,25 @@ class KsControlsDispatcher : public IKsControl, public KsControlsSubject {
   STDMETHODIMP KsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,
                        ULONG *pBytesReturned) override;
 
-  HRESULT RegisterKsPropertyHandler(std::shared_ptr<KsPropHandler> handler);
-  HRESULT RegisterKsEventHandler(std::shared_ptr<KsEventHandler> handler);
-  HRESULT RegisterKsMethodHandler(std::shared_ptr<KsMethodHandler> handler);
-  HRESULT RegisterKsPropertyDefaultHandler(std::shared_ptr<KsPropHandler> handler);
-  HRESULT RegisterKsEventDefaultHandler(std::shared_ptr<KsEventHandler> handler);
-  HRESULT RegisterKsMethodDefaultHandler(std::shared_ptr<KsMethodHandler> handler);
+  // A second handler of the same (set, id) is refused; a default replaces the kind's previous one.
+  HRESULT RegisterKsPropertyHandler(std::shared_ptr<KsPropHandler> handler) {
+    return propertiesDispathcer.RegisterHandler(std::move(handler));
+  }
+  HRESULT RegisterKsEventHandler(std::shared_ptr<KsEventHandler> handler) {
+    return eventsDispathcer.RegisterHandler(std::move(handler));
+  }
+  HRESULT RegisterKsMethodHandler(std::shared_ptr<KsMethodHandler> handler) {
+    return methodsDispathcer.RegisterHandler(std::move(handler));
+  }
+  HRESULT RegisterKsPropertyDefaultHandler(std::shared_ptr<KsPropHandler> handler) {
+    return propertiesDispathcer.RegisterDefaultHandler(std::move(handler));
+  }
+  HRESULT RegisterKsEventDefaultHandler(std::shared_ptr<KsEventHandler> handler) {
+    return eventsDispathcer.RegisterDefaultHandler(std::move(handler));
+  }
+  HRESULT RegisterKsMethodDefaultHandler(std::shared_ptr<KsMethodHandler> handler) {
+    return methodsDispathcer.RegisterDefaultHandler(std::move(handler));
+  }
 
  protected:
   virtual HRESULT OnKsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,

@@ -14,13 +14,7 @@ HRESULT PassThroughDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) 
 
 HRESULT PassThroughDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> &outputStream,
                                             IMFMediaType *nextMediaType, std::shared_ptr<Topology> &topology) {
-  std::shared_ptr<InputStream> inputStream = inputStreams.at(outputStream->GetID());
-  RETURN_HR_IF_NULL(E_UNEXPECTED, inputStream);
-  auto topo = std::make_shared<PassThroughTopology>();
-  RETURN_HR_IF_NULL(E_OUTOFMEMORY, topo);
-  RETURN_IF_FAILED(topo->Init(inputStream, outputStream, nextMediaType));
-  topology = topo;
-  return S_OK;
+  return BuildTopologyOf<PassThroughTopology>(outputStream, nextMediaType, topology);
 }
 
 HRESULT PassThroughDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,

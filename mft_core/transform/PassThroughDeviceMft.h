@@ -24,6 +24,18 @@ class PassThroughDeviceMft : public DeviceMft {
                         std::shared_ptr<Topology> &topology) override;
   HRESULT UninitializeMembers() override;
 
+  // A topology of type `T` from output stream N's input stream N to the output stream, at `nextMediaType`.
+  template <typename T>
+  HRESULT BuildTopologyOf(const std::shared_ptr<OutputStream> &outputStream, IMFMediaType *nextMediaType,
+                          std::shared_ptr<Topology> &topology) {
+    std::shared_ptr<InputStream> inputStream = inputStreams.at(outputStream->GetID());
+    RETURN_HR_IF_NULL(E_UNEXPECTED, inputStream);
+    auto built = std::make_shared<T>();
+    RETURN_IF_FAILED(built->Init(inputStream, outputStream, nextMediaType));
+    topology = std::move(built);
+    return S_OK;
+  }
+
   // The topology of an output stream, and its replacement (returning the one it replaces). Callers keep
   // their own reference for as long as they use it.
   std::shared_ptr<Topology> GetTopology(DWORD topoId);

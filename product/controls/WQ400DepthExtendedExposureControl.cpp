@@ -87,61 +87,39 @@ void WQ400DepthExtendedExposureControl::SignalIfDetached() {
 HRESULT WQ400DepthExtendedExposureControl::Get(KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING *videoProcSetting) {
   RETURN_IF_NULL(videoProcSetting);
   LONG minExposureValue = 0, maxExposureValue = 0, stepExposureValue = 0, defExposureValue = 0;
-  RETURN_IF_FAILED(xuKsControl->QueryKsPropertyInfo(3, minExposureValue, maxExposureValue, stepExposureValue, defExposureValue));
-
-  KSPROPERTY ksProperty{};
-  ksProperty.Set = kWQ400DepthXuSetId;
-  ksProperty.Id = kExposureModeControl;
-  ksProperty.Flags = KSPROPERTY_TYPE_GET;
+  RETURN_IF_FAILED(xuKsControl->QueryKsPropertyInfo(kExposureControl, minExposureValue, maxExposureValue,
+                                                    stepExposureValue, defExposureValue));
+  // The unit must answer for its mode, yet the mode reads as 0 whatever the device runs: the flags of
+  // the header tell the mode.
   BYTE currentExposureMode = 0;
-  ULONG bytesReturned = 0;
-  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
-  // The mode reads as 0 whatever the device runs: the flags of the header tell the mode.
+  RETURN_IF_FAILED(xuKsControl->GetKsProperty(kExposureModeControl, currentExposureMode));
   videoProcSetting->Mode = 0;
   videoProcSetting->Min = static_cast<LONG>(static_cast<uint32_t>(minExposureValue) * kDeviceUnit);
   videoProcSetting->Max = static_cast<LONG>(static_cast<uint32_t>(maxExposureValue) * kDeviceUnit);
   videoProcSetting->Step = static_cast<LONG>(static_cast<uint32_t>(stepExposureValue) * kDeviceUnit);
 
-  ksProperty.Id = kExposureControl;
   uint32_t currentExposureValue = 0;
-  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureValue, static_cast<ULONG>(sizeof(currentExposureValue)), &bytesReturned));
+  RETURN_IF_FAILED(xuKsControl->GetKsProperty(kExposureControl, currentExposureValue));
   videoProcSetting->VideoProc.Value.ull = static_cast<uint32_t>(currentExposureValue * kDeviceUnit);
   return S_OK;
 }
 
-HRESULT WQ400DepthExtendedExposureControl::SetManual(uint32_t exposure) {
-  KSPROPERTY ksProperty{};
-  ksProperty.Set = kWQ400DepthXuSetId;
-  ksProperty.Id = kExposureModeControl;
-  ksProperty.Flags = KSPROPERTY_TYPE_GET;
+HRESULT WQ400DepthExtendedExposureControl::SetExposureMode(BYTE mode) {
   BYTE currentExposureMode = 0;
-  ULONG bytesReturned = 0;
-  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
-  ksProperty.Flags = KSPROPERTY_TYPE_SET;
-  if (currentExposureMode != 0) {
-    BYTE exposureMode = 0;
-    RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &exposureMode, static_cast<ULONG>(sizeof(exposureMode)), &bytesReturned));
-  }
-  ksProperty.Id = kExposureControl;
-  uint32_t exposureValueTemp = exposure / kDeviceUnit;
-  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &exposureValueTemp, static_cast<ULONG>(sizeof(exposureValueTemp)), &bytesReturned));
+  RETURN_IF_FAILED(xuKsControl->GetKsProperty(kExposureModeControl, currentExposureMode));
+  if (currentExposureMode != mode) RETURN_IF_FAILED(xuKsControl->SetKsProperty(kExposureModeControl, mode));
+  return S_OK;
+}
+
+HRESULT WQ400DepthExtendedExposureControl::SetManual(uint32_t exposure) {
+  RETURN_IF_FAILED(SetExposureMode(kManualMode));
+  RETURN_IF_FAILED(xuKsControl->SetKsProperty(kExposureControl, static_cast<uint32_t>(exposure / kDeviceUnit)));
   SignalIfDetached();
   return S_OK;
 }
 
 HRESULT WQ400DepthExtendedExposureControl::SetAuto() {
-  KSPROPERTY ksProperty{};
-  ksProperty.Set = kWQ400DepthXuSetId;
-  ksProperty.Id = kExposureModeControl;
-  ksProperty.Flags = KSPROPERTY_TYPE_GET;
-  BYTE currentExposureMode = 0;
-  ULONG bytesReturned = 0;
-  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
-  if (currentExposureMode != 1) {
-    ksProperty.Flags = KSPROPERTY_TYPE_SET;
-    BYTE exposureMode = 1;
-    RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &exposureMode, static_cast<ULONG>(sizeof(exposureMode)), &bytesReturned));
-  }
+  RETURN_IF_FAILED(SetExposureMode(kAutoMode));
   SignalIfDetached();
   return S_OK;
 }

@@ -21,7 +21,9 @@ class WQ400DepthExtendedExposureControl : public ExtendedExposureControl {
   static constexpr const char *kDisplayName = "WQ4xx Depth Extended Exposure Mode";
   static const wchar_t *const kRegistryKey;  // under HKEY_LOCAL_MACHINE
   // Depth extension-unit controls.
-  static constexpr ULONG kExposureModeControl = 11;  // 1 byte: 1 device auto exposure, 0 manual
+  static constexpr ULONG kExposureModeControl = 11;  // 1 byte: kAutoMode or kManualMode
+  static constexpr BYTE kAutoMode = 1;               // the device's own auto exposure
+  static constexpr BYTE kManualMode = 0;
   static constexpr ULONG kExposureControl = 3;       // 4 bytes, microseconds
   static constexpr uint32_t kDeviceUnit = 10;        // 100 ns units per device unit
 
@@ -49,6 +51,8 @@ class WQ400DepthExtendedExposureControl : public ExtendedExposureControl {
   static Tuning ReadTuning();
   WQ400DepthExtendedExposureControl(const Microsoft::WRL::ComPtr<ExtensionUnitKsControl> &xuKsControl,
                                     const Tuning &tuning);
+  // Writes the unit's exposure mode unless it already runs `mode`.
+  HRESULT SetExposureMode(BYTE mode);
   // Completion comes from frames only while a node feeds the control.
   void SignalIfDetached();
 

@@ -319,27 +319,26 @@ HRESULT WQ400FishEyeExtendedExposureControl::ApplyEngineRequest(float exposureMs
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::GetDeviceGain(LONG &gain) {
-  KSPROPERTY_VIDEOPROCAMP_S gainKsProperty = {};
-  gainKsProperty.Property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
-  gainKsProperty.Property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
-  gainKsProperty.Property.Flags = KSPROPERTY_TYPE_GET;
-  ULONG bytesReturned = 0;
-  RETURN_IF_FAILED(filterKsControl->KsProperty((PKSPROPERTY)&gainKsProperty, sizeof(gainKsProperty), &gainKsProperty,
-                                               sizeof(gainKsProperty), &bytesReturned));
-  gain = gainKsProperty.Value;
+  KSPROPERTY_VIDEOPROCAMP_S request = {};
+  RETURN_IF_FAILED(SendGainProperty(KSPROPERTY_TYPE_GET, request));
+  gain = request.Value;
   return S_OK;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::SetDeviceGain(LONG gain) {
-  KSPROPERTY_VIDEOPROCAMP_S gainKsProperty = {};
-  gainKsProperty.Property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
-  gainKsProperty.Property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
-  gainKsProperty.Property.Flags = KSPROPERTY_TYPE_SET;
-  gainKsProperty.Value = gain;
-  gainKsProperty.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
+  KSPROPERTY_VIDEOPROCAMP_S request = {};
+  request.Value = gain;
+  request.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
+  return SendGainProperty(KSPROPERTY_TYPE_SET, request);
+}
+
+HRESULT WQ400FishEyeExtendedExposureControl::SendGainProperty(ULONG flags, KSPROPERTY_VIDEOPROCAMP_S &request) {
+  request.Property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
+  request.Property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
+  request.Property.Flags = flags;
   ULONG bytesReturned = 0;
-  RETURN_IF_FAILED(filterKsControl->KsProperty((PKSPROPERTY)&gainKsProperty, sizeof(gainKsProperty), &gainKsProperty,
-                                               sizeof(gainKsProperty), &bytesReturned));
+  RETURN_IF_FAILED(
+      filterKsControl->KsProperty(&request.Property, sizeof(request), &request, sizeof(request), &bytesReturned));
   return S_OK;
 }
 

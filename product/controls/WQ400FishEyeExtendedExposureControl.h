@@ -75,6 +75,8 @@ class WQ400FishEyeExtendedExposureControl : public ExtendedExposureControl {
   void ReadDeviceLimits();
   HRESULT QueryGainRange(LONG &minimum, LONG &maximum, LONG &step, LONG &defaultValue);
   HRESULT SetDeviceGain(LONG gain);
+  // The standard gain property to the filter: `request` as set up by the caller, addressed here.
+  HRESULT SendGainProperty(ULONG flags, KSPROPERTY_VIDEOPROCAMP_S &request);
   HRESULT ApplyEngineRequest(float exposureMs, float gain, uint32_t flags);
   void ConfigureEngine();
   // Hands one frame to the engine when it is due and of the engine's geometry. Called with `lock` held.

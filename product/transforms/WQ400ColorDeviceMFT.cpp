@@ -57,13 +57,7 @@ HRESULT WQ400ColorDeviceMFT::CreateExtrinsics(const std::shared_ptr<InputStream>
 
 HRESULT WQ400ColorDeviceMFT::BuildTopology(const std::shared_ptr<OutputStream> &outputStream,
                                            IMFMediaType *nextMediaType, std::shared_ptr<Topology> &topology) {
-  std::shared_ptr<InputStream> inputStream = inputStreams.at(outputStream->GetID());
-  RETURN_HR_IF_NULL(E_UNEXPECTED, inputStream);
-  auto topo = std::make_shared<WQ400ColorTopology>();
-  RETURN_HR_IF_NULL(E_OUTOFMEMORY, topo);
-  RETURN_IF_FAILED(topo->Init(inputStream, outputStream, nextMediaType));
-  topology = topo;
-  return S_OK;
+  return BuildTopologyOf<WQ400ColorTopology>(outputStream, nextMediaType, topology);
 }
 
 }  // namespace mft_core

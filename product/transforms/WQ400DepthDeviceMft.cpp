@@ -138,13 +138,7 @@ HRESULT WQ400DepthDeviceMft::InitOutputStreamConfiguration(OutputStreamConfigura
 
 HRESULT WQ400DepthDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> &outputStream,
                                            IMFMediaType *nextMediaType, std::shared_ptr<Topology> &topology) {
-  std::shared_ptr<InputStream> inputStream = inputStreams.at(outputStream->GetID());
-  RETURN_HR_IF_NULL(E_UNEXPECTED, inputStream);
-  auto topo = std::make_shared<WQ400DepthTopology>();
-  RETURN_HR_IF_NULL(E_OUTOFMEMORY, topo);
-  RETURN_IF_FAILED(topo->Init(inputStream, outputStream, nextMediaType));
-  topology = topo;
-  return S_OK;
+  return BuildTopologyOf<WQ400DepthTopology>(outputStream, nextMediaType, topology);
 }
 
 HRESULT WQ400DepthDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,

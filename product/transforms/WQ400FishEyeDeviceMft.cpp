@@ -101,13 +101,7 @@ HRESULT WQ400FishEyeDeviceMft::RetrieveDeviceExtrinsics() {
 
 HRESULT WQ400FishEyeDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> &outputStream,
                                              IMFMediaType *nextMediaType, std::shared_ptr<Topology> &topology) {
-  std::shared_ptr<InputStream> inputStream = inputStreams.at(outputStream->GetID());
-  RETURN_HR_IF_NULL(E_UNEXPECTED, inputStream);
-  auto topo = std::make_shared<WQ400FishEyeTopology>();
-  RETURN_HR_IF_NULL(E_OUTOFMEMORY, topo);
-  RETURN_IF_FAILED(topo->Init(inputStream, outputStream, nextMediaType));
-  topology = topo;
-  return S_OK;
+  return BuildTopologyOf<WQ400FishEyeTopology>(outputStream, nextMediaType, topology);
 }
 
 HRESULT WQ400FishEyeDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,

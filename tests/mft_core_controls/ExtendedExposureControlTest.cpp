@@ -96,11 +96,7 @@ struct Request {
 static_assert(sizeof(Request) == kRequestSize, "request layout");
 
 KSPROPERTY ExposureProperty(ULONG flags) {
-  KSPROPERTY property{};
-  property.Set = KSPROPERTYSETID_ExtendedCameraControl;
-  property.Id = KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE;
-  property.Flags = flags;
-  return property;
+  return {KSPROPERTYSETID_ExtendedCameraControl, KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE, flags};
 }
 
 class ExposureControlTest : public ::testing::Test {

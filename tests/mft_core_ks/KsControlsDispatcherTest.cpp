@@ -2,7 +2,6 @@
 
 #include <memory>
 #include <new>
-#include <stdexcept>
 
 #include "common/FakeKsControl.h"
 #include "common/RecordingKsControlsObserver.h"
@@ -50,13 +49,7 @@ class ThrowingHandler : public KsPropHandler {
   void (*thrower)();
 };
 
-KSPROPERTY Property(REFGUID set, ULONG id, ULONG flags) {
-  KSPROPERTY property{};
-  property.Set = set;
-  property.Id = id;
-  property.Flags = flags;
-  return property;
-}
+KSPROPERTY Property(REFGUID set, ULONG id, ULONG flags) { return {set, id, flags}; }
 
 class KsControlsDispatcherTest : public ::testing::Test {
  protected:
@@ -164,28 +157,11 @@ TEST_F(KsControlsDispatcherTest, PlainHandlersBlockTheirControl) {
   EXPECT_TRUE(driver->Requests().empty());
 }
 
-struct ThrowCase {
-  const char *name;
-  void (*thrower)();
-  HRESULT expected;
-};
-
-class DispatcherGuardTest : public KsControlsDispatcherTest, public ::testing::WithParamInterface<ThrowCase> {};
-
-TEST_P(DispatcherGuardTest, ExceptionsFromHandlersBecomeCodes) {
-  ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(std::make_shared<ThrowingHandler>(GetParam().thrower)));
-  EXPECT_EQ(GetParam().expected, Get(kSetS, 1));
+// Which code each kind of exception becomes is the guard's own concern; here: requests run guarded.
+TEST_F(KsControlsDispatcherTest, AnExceptionFromAHandlerBecomesACode) {
+  ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(std::make_shared<ThrowingHandler>([] { throw std::bad_alloc(); })));
+  EXPECT_EQ(E_OUTOFMEMORY, Get(kSetS, 1));
 }
-
-const ThrowCase kThrowCases[] = {
-    {"com", [] { throw _com_error(E_ACCESSDENIED); }, E_ACCESSDENIED},
-    {"alloc", [] { throw std::bad_alloc(); }, E_OUTOFMEMORY},
-    {"range", [] { throw std::out_of_range("id"); }, MF_E_INVALIDINDEX},
-    {"std", [] { throw std::runtime_error("x"); }, E_FAIL},
-    {"other", [] { throw 7; }, E_FAIL},
-};
-INSTANTIATE_TEST_SUITE_P(AllKinds, DispatcherGuardTest, ::testing::ValuesIn(kThrowCases),
-                         [](const auto &info) { return std::string(info.param.name); });
 
 // ---- Event handlers --------------------------------------------------------------------------------------------
 

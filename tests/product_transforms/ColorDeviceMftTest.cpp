@@ -9,7 +9,7 @@
 #include "product/transforms/WQ400ColorDeviceMFT.h"
 #include "sim/CalibrationReplies.h"
 
-using namespace product_test;
+using namespace test_support;
 
 namespace {
 
@@ -70,7 +70,7 @@ TEST_F(ColorTransform, MissingOrMalformedCalibrationLeavesTheStreamWithoutItButW
   ASSERT_EQ(S_OK, host->Initialize());
   EXPECT_TRUE(StreamBlob(0, MFStreamExtension_PinholeCameraIntrinsics).empty());
   EXPECT_TRUE(StreamBlob(0, MFStreamExtension_CameraExtrinsics).empty());
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   EXPECT_TRUE(WaitForFrames(5));
 }
 
@@ -87,7 +87,7 @@ TEST_F(ColorTransform, StreamsWithTheColorMetadataOnEverySample) {
   };
   ASSERT_EQ(S_OK, host->Initialize());
   // The driver's subtypes other than "Z16 " and "Y8  " are published.
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   ASSERT_TRUE(WaitForFrames(10));
   ASSERT_EQ(S_OK, host->StopStream(0));
   std::lock_guard<std::mutex> hold(mutex);

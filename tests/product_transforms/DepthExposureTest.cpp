@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "DepthTestSupport.h"
+#include "ProductHarness.h"
 #include "SystemStateGuards.h"
 #include "common/MediaTypes.h"
 #include "product/controls/WQ400DepthExtendedExposureControl.h"
@@ -31,32 +31,14 @@ class DepthExposureTest : public test_support::DepthTransformTest {
     if (host) host->Shutdown();
   }
   // Arms the control's one-shot completion event as an application does.
-  HANDLE ArmCompletion() {
+  void ArmCompletion() {
     completion = user_space_frameworks::UniqueHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr));
-    KSEVENT event = {KSEVENTSETID_ExtendedCameraControl, kExposureMode, KSEVENT_TYPE_ONESHOT};
-    eventData = {};
-    eventData.NotificationType = KSEVENTF_EVENT_HANDLE;
-    eventData.EventHandle.Event = completion.Get();
-    ULONG bytesReturned = 0;
-    EXPECT_EQ(S_OK, host->ApplicationKsControl()->KsEvent(&event, sizeof(event), &eventData, sizeof(eventData),
-                                                         &bytesReturned));
-    return completion.Get();
+    EXPECT_EQ(S_OK, ArmExposureEvent(completion.Get()));
   }
   bool Completed(DWORD timeoutMs = 0) { return WaitForSingleObject(completion.Get(), timeoutMs) == WAIT_OBJECT_0; }
-  HRESULT Request(ULONGLONG flags, ULONGLONG exposure = 0) {
-    ExtendedRequest request = {};
-    request.header.Version = 1;
-    request.header.PinId = 0xFFFFFFFF;
-    request.header.Size = sizeof(request);
-    request.header.Flags = flags;
-    request.setting.VideoProc.Value.ull = exposure;
-    return Property(KSPROPERTYSETID_ExtendedCameraControl, kExposureMode, KSPROPERTY_TYPE_SET, &request,
-                    sizeof(request));
-  }
   ExtendedRequest Query() {
     ExtendedRequest reply = {};
-    EXPECT_EQ(S_OK, Property(KSPROPERTYSETID_ExtendedCameraControl, kExposureMode, KSPROPERTY_TYPE_GET, &reply,
-                             sizeof(reply)));
+    EXPECT_EQ(S_OK, GetExposureMode(reply.header, reply.setting));
     return reply;
   }
   uint32_t DeviceExposure() {
@@ -82,7 +64,6 @@ class DepthExposureTest : public test_support::DepthTransformTest {
   }
 
   user_space_frameworks::UniqueHandle completion;
-  KSEVENTDATA eventData = {};
   sim::CameraMetadataWriter writer{sim::CameraKind::Depth};
   LONGLONG sampleTime = 0;
 };
@@ -102,7 +83,7 @@ TEST_F(DepthExposureTest, ReportsTheDeviceRangeInPlatformUnitsAndTheStateInTheFl
   EXPECT_EQ(85000u, reply.setting.VideoProc.Value.ull);
 
   // Manual values go to the device in its units, truncated.
-  ASSERT_EQ(S_OK, Request(kManual, 33333));
+  ASSERT_EQ(S_OK, SetExposureMode(kManual, 33333));
   EXPECT_EQ(3333u, DeviceExposure());
   EXPECT_EQ(0, DeviceMode());
   reply = Query();
@@ -136,20 +117,20 @@ TEST_F(DepthExposureTest, ManualAutoAndLockRequestsCompleteOnLiveFrames) {
   ASSERT_TRUE(test_support::WaitFor([&] { return FramesOut(0) >= 3; }));
 
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kManual, 50000));
+  ASSERT_EQ(S_OK, SetExposureMode(kManual, 50000));
   EXPECT_TRUE(Completed(5000));
   EXPECT_EQ(5000u, DeviceExposure());
   EXPECT_EQ(0, DeviceMode());
 
   // Auto completes at once, without waiting for frames.
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kAuto));
+  ASSERT_EQ(S_OK, SetExposureMode(kAuto));
   EXPECT_TRUE(Completed());
   EXPECT_EQ(1, DeviceMode());
 
   // Lock: auto runs until the frames are stable, then the sensor's value is frozen as manual.
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kAuto | kLock));
+  ASSERT_EQ(S_OK, SetExposureMode(kAuto | kLock));
   EXPECT_TRUE(Completed(5000));
   EXPECT_EQ(0, DeviceMode());
   EXPECT_GT(DeviceExposure(), 5000u);
@@ -162,7 +143,7 @@ TEST_F(DepthExposureTest, ManualAutoAndLockRequestsCompleteOnLiveFrames) {
   ASSERT_EQ(S_OK, host->StopStream(0));
   ArmCompletion();
   // Far from the frozen value: frames, not a detached control's shortcut, complete it.
-  ASSERT_EQ(S_OK, Request(kManual, 1000000));
+  ASSERT_EQ(S_OK, SetExposureMode(kManual, 1000000));
   EXPECT_FALSE(Completed());
   EXPECT_TRUE(Completed(5000));
   EXPECT_EQ(100000u, DeviceExposure());
@@ -174,10 +155,10 @@ TEST_F(DepthExposureTest, WithoutMetadataEveryThirdFrameStandsInForTheRequestedV
   ConnectAndInitialize(camera);
   ASSERT_EQ(S_OK, Start(1));
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kManual, 20000));
+  ASSERT_EQ(S_OK, SetExposureMode(kManual, 20000));
   EXPECT_TRUE(Completed(5000));
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kLock));
+  ASSERT_EQ(S_OK, SetExposureMode(kLock));
   EXPECT_TRUE(Completed(5000));
   EXPECT_EQ(2000u, DeviceExposure());
 }
@@ -185,14 +166,14 @@ TEST_F(DepthExposureTest, WithoutMetadataEveryThirdFrameStandsInForTheRequestedV
 TEST_F(DepthExposureTest, WithoutRunningStreamsManualCompletesAtOnce) {
   ConnectAndInitialize();
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kManual, 120000));
+  ASSERT_EQ(S_OK, SetExposureMode(kManual, 120000));
   EXPECT_TRUE(Completed());
   EXPECT_EQ(12000u, DeviceExposure());
   // A stream that ran and stopped leaves the control detached again.
   ASSERT_EQ(S_OK, Start(0));
   ASSERT_EQ(S_OK, host->StopStream(0));
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kManual, 60000));
+  ASSERT_EQ(S_OK, SetExposureMode(kManual, 60000));
   EXPECT_TRUE(Completed());
 }
 
@@ -207,7 +188,7 @@ TEST_F(DepthExposureTest, RegistryTuningIsReadAsDwordsOnly) {
 
   // Five frames without metadata before the substitute frame completes the request.
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kManual, 50000));
+  ASSERT_EQ(S_OK, SetExposureMode(kManual, 50000));
   for (int frame = 1; frame < 5; ++frame) {
     Feed(false);
     EXPECT_FALSE(Completed()) << "frame " << frame;
@@ -217,7 +198,7 @@ TEST_F(DepthExposureTest, RegistryTuningIsReadAsDwordsOnly) {
 
   // The manual delta is 5 ms: 10 ms shown for 5 ms requested is not there yet, 9.999 ms is.
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kManual, 50000));
+  ASSERT_EQ(S_OK, SetExposureMode(kManual, 50000));
   Feed(true, 10000);
   EXPECT_FALSE(Completed());
   Feed(true, 9999);
@@ -225,7 +206,7 @@ TEST_F(DepthExposureTest, RegistryTuningIsReadAsDwordsOnly) {
 
   // Lock needs five stable frames; one jump of 5 ms or more starts the count again.
   ArmCompletion();
-  ASSERT_EQ(S_OK, Request(kLock));
+  ASSERT_EQ(S_OK, SetExposureMode(kLock));
   for (uint32_t exposure : {8000u, 8100u, 8200u, 13200u, 13200u, 13200u, 13200u, 13200u}) {
     Feed(true, exposure);
     EXPECT_FALSE(Completed()) << exposure;

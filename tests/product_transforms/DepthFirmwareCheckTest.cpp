@@ -3,7 +3,7 @@
 // once, to restart into its update mode. Nothing of it ever fails initialisation.
 #include <cstring>
 
-#include "DepthTestSupport.h"
+#include "ProductHarness.h"
 #include "SystemStateGuards.h"
 
 using Microsoft::WRL::ComPtr;

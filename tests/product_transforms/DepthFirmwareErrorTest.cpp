@@ -1,5 +1,5 @@
 // A firmware condition the camera signals while streaming reaches the frame server as a thermal event.
-#include "DepthTestSupport.h"
+#include "ProductHarness.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <mutex>
 
-#include "DepthTestSupport.h"
+#include "ProductHarness.h"
 #include "mft_core/streams/FrameDropMonitor.h"
 #include "product/controls/WQ400PrivateProperties.h"
 #include "product/metadata/WQ400MetadataRecords.h"
@@ -114,12 +114,9 @@ TEST_F(DepthStreamingTest, StandardExposureControlsAreAnsweredWithoutTheDriver) 
   EXPECT_EQ(0u, filter->CountRequests(sim::KsRequestKind::Property, PROPSETID_VIDCAP_CAMERACONTROL, sim::kAnyId));
   EXPECT_EQ(-6, filter->GetStandardControlValue(PROPSETID_VIDCAP_CAMERACONTROL, KSPROPERTY_CAMERACONTROL_EXPOSURE));
   // Other camera controls still reach it.
-  KSPROPERTY_VIDEOPROCAMP_S gain = {};
-  gain.Property = {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, KSPROPERTY_TYPE_GET};
-  ULONG bytesReturned = 0;
-  EXPECT_EQ(S_OK, host->ApplicationKsControl()->KsProperty(&gain.Property, sizeof(gain), &gain, sizeof(gain),
-                                                           &bytesReturned));
-  EXPECT_EQ(16, gain.Value);
+  LONG gain = 0;
+  EXPECT_EQ(S_OK, GetGain(gain));
+  EXPECT_EQ(16, gain);
 }
 
 TEST_F(DepthStreamingTest, RawFirmwareCommandsReachTheCameraAndTheReplyComesBack) {

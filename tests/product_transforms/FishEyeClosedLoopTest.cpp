@@ -8,7 +8,7 @@
 #include "ProductHarness.h"
 #include "product/transforms/WQ400FishEyeDeviceMft.h"
 
-using namespace product_test;
+using namespace test_support;
 
 namespace {
 
@@ -51,7 +51,7 @@ TEST_P(ClosedLoop, ConvergesFromADarkStartAndHoldsWithinTheDevicesLimits) {
   const sim::CameraConfig camera = CameraFor(loopCase);
   Connect<mft_core::WQ400FishEyeDeviceMft>(camera);
   ASSERT_EQ(S_OK, host->Initialize());
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   ASSERT_TRUE(WaitForFrames(kWatched, 30000));
   const std::vector<DeliveredFrame> frames = Frames();
 
@@ -114,7 +114,7 @@ struct ManualStopsTheLoop : ::testing::Test, ProductHarness {
 TEST_F(ManualStopsTheLoop, AfterConvergenceAManualExposureHoldsAndAutoResumes) {
   Connect<mft_core::WQ400FishEyeDeviceMft>(sim::FisheyeCamera());
   ASSERT_EQ(S_OK, host->Initialize());
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   ASSERT_TRUE(WaitFor([&] {
     const auto frames = Frames();
     return !frames.empty() && frames.back().mean >= kBandLow && frames.back().mean <= kBandHigh;

@@ -10,7 +10,7 @@
 #include "sim/CalibrationReplies.h"
 #include "user_space_frameworks/Trace.h"
 
-using namespace product_test;
+using namespace test_support;
 using mft_core::WQ400FishEyeDeviceMft;
 
 namespace {
@@ -18,20 +18,13 @@ namespace {
 constexpr ULONGLONG kAuto = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_AUTO;
 constexpr ULONGLONG kManual = KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL;
 
-sim::ControlConfig &FisheyeControl(sim::CameraConfig &camera, ULONG id) {
-  for (auto &control : camera.extensionUnits[0].controls) {
-    if (control.id == id) return control;
-  }
-  throw std::logic_error("no such fisheye control");
-}
-
 struct FishEyeTransform : ::testing::Test, ProductHarness {
   void TearDown() override {
     if (host) EXPECT_EQ(S_OK, host->Shutdown());
   }
   void ConnectAndInitialize(const sim::CameraConfig &camera = sim::FisheyeCamera()) {
     Connect<WQ400FishEyeDeviceMft>(camera);
-    ASSERT_EQ(S_OK, host->Initialize());
+    ASSERT_EQ(S_OK, Initialize());
   }
   // Frames delivered from now until `count` more have arrived.
   std::vector<DeliveredFrame> NextFrames(size_t count) {
@@ -59,13 +52,13 @@ TEST_F(FishEyeTransform, CalibrationThatIsAbsentOrMalformedIsLeftOutAndTheCamera
   sim::CameraConfig camera = sim::FisheyeCamera();
   STMFCameraFishEyeExtrinsics none = sim::FisheyeExtrinsicsRecord();
   none.transformCount = 0;
-  FisheyeControl(camera, 2).value = sim::FisheyeExtrinsicsReply(none);
+  UnitControl(camera, sim::kFisheyeXuSet, 2).value = sim::FisheyeExtrinsicsReply(none);
   // Two models claimed in a reply that holds one.
-  FisheyeControl(camera, 3).value = sim::FisheyeIntrinsicsReply(2);
+  UnitControl(camera, sim::kFisheyeXuSet, 3).value = sim::FisheyeIntrinsicsReply(2);
   ConnectAndInitialize(camera);
   EXPECT_TRUE(StreamBlob(0, mft_core::VELDARA_STREAM_WQ400_FISHEYE_EXTRINSICS).empty());
   EXPECT_TRUE(StreamBlob(0, MFStreamExtension_PinholeCameraIntrinsics).empty());
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   EXPECT_TRUE(WaitForFrames(5));
 }
 
@@ -73,10 +66,10 @@ TEST_F(FishEyeTransform, ShortCalibrationRepliesAreLeftOut) {
   sim::CameraConfig camera = sim::FisheyeCamera();
   std::vector<BYTE> extrinsics = sim::FisheyeExtrinsicsReply();
   extrinsics.resize(40);
-  FisheyeControl(camera, 2).value = extrinsics;
+  UnitControl(camera, sim::kFisheyeXuSet, 2).value = extrinsics;
   std::vector<BYTE> intrinsics = sim::FisheyeIntrinsicsReply();
   intrinsics.resize(20);
-  FisheyeControl(camera, 3).value = intrinsics;
+  UnitControl(camera, sim::kFisheyeXuSet, 3).value = intrinsics;
   ConnectAndInitialize(camera);
   EXPECT_TRUE(StreamBlob(0, mft_core::VELDARA_STREAM_WQ400_FISHEYE_EXTRINSICS).empty());
   EXPECT_TRUE(StreamBlob(0, MFStreamExtension_PinholeCameraIntrinsics).empty());
@@ -84,7 +77,7 @@ TEST_F(FishEyeTransform, ShortCalibrationRepliesAreLeftOut) {
 
 TEST_F(FishEyeTransform, WritesTheDefaultExposureAtStartAndReportsTheDeviceRangeIn100ns) {
   sim::CameraConfig camera = sim::FisheyeCamera();
-  FisheyeControl(camera, 1).value = {0xD2, 0x04};  // 1234 us before the transform comes
+  UnitControl(camera, sim::kFisheyeXuSet, 1).value = {0xD2, 0x04};  // 1234 us before the transform comes
   ConnectAndInitialize(camera);
   EXPECT_EQ(400, DeviceExposureUs());
 
@@ -128,7 +121,7 @@ TEST_F(FishEyeTransform, AnExposureControlThatFailsAtStartLeavesTheControlManual
   KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING setting = {};
   ASSERT_EQ(S_OK, GetExposureMode(header, setting));
   EXPECT_EQ(kManual, header.Flags);
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   for (const auto &frame : NextFrames(20)) EXPECT_EQ(400u, frame.exposureUs);
   ASSERT_EQ(S_OK, SetAutoExposure());
   EXPECT_TRUE(WaitFor([&] { return DeviceExposureUs() > 400; }, 5000));
@@ -136,7 +129,7 @@ TEST_F(FishEyeTransform, AnExposureControlThatFailsAtStartLeavesTheControlManual
 
 TEST_F(FishEyeTransform, ManualExposureIsWrittenInMicrosecondsAndCompletesWhenFramesShowIt) {
   ConnectAndInitialize();
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   ASSERT_TRUE(WaitForFrames(4));
   user_space_frameworks::Event done(true);
   ASSERT_EQ(S_OK, ArmExposureEvent(done.Get()));
@@ -157,7 +150,7 @@ TEST_F(FishEyeTransform, AnOutOfRangeManualRequestIsRefusedAndStillStopsTheEngin
   // Refused before a frame: the dark scene would otherwise make the engine raise the exposure.
   EXPECT_EQ(E_INVALIDARG, SetExposureMode(kManual, 400000));  // 40 ms, above 32 ms
   EXPECT_EQ(E_INVALIDARG, SetExposureMode(kManual, 1000));    // 0.1 ms, below 0.2 ms
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   for (const auto &frame : NextFrames(40)) EXPECT_EQ(400u, frame.exposureUs);
   EXPECT_EQ(400, DeviceExposureUs());
   // Auto lets the engine go again.
@@ -167,7 +160,7 @@ TEST_F(FishEyeTransform, AnOutOfRangeManualRequestIsRefusedAndStillStopsTheEngin
 
 TEST_F(FishEyeTransform, GainSetIsRefusedOnlyInAutoAndGetAlwaysReachesTheDriver) {
   ConnectAndInitialize();
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   LONG gain = 0;
   ASSERT_EQ(S_OK, GetGain(gain));
   EXPECT_EQ(DeviceGain(), gain);
@@ -190,7 +183,7 @@ TEST_F(FishEyeTransform, FramesOfAnotherSizeStreamButNeverReachTheEngine) {
   auto sink = std::make_shared<user_space_frameworks::CapturingTraceSink>();
   user_space_frameworks::trace::ScopedSink scoped(sink, user_space_frameworks::TraceLevel::Warning);
   ConnectAndInitialize();
-  ASSERT_EQ(S_OK, Start(848, 800, 60));
+  ASSERT_EQ(S_OK, Start(0, 848, 800, 60));
   for (const auto &frame : NextFrames(30)) EXPECT_EQ(400u, frame.exposureUs);
   EXPECT_TRUE(sink->Contains("is not 640x480"));
   EXPECT_EQ(1u, sink->Count("is not 640x480"));
@@ -198,7 +191,7 @@ TEST_F(FishEyeTransform, FramesOfAnotherSizeStreamButNeverReachTheEngine) {
 
 TEST_F(FishEyeTransform, StoppingTheStreamDetachesTheControlAndARestartAttachesItOnce) {
   ConnectAndInitialize();
-  ASSERT_EQ(S_OK, Start(640, 480, 60));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   ASSERT_TRUE(WaitForFrames(4));
   ASSERT_EQ(S_OK, host->StopStream(0));
   // Detached: a manual request completes at once, with no frame to show it.
@@ -207,7 +200,7 @@ TEST_F(FishEyeTransform, StoppingTheStreamDetachesTheControlAndARestartAttachesI
   ASSERT_EQ(S_OK, SetExposureMode(kManual, 20000));
   EXPECT_EQ(WAIT_OBJECT_0, done.Wait(0));
   // Restarted at another rate, attached again: the manual value holds.
-  ASSERT_EQ(S_OK, Start(640, 480, 30));
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 30));
   for (const auto &frame : NextFrames(10)) EXPECT_EQ(2000u, frame.exposureUs);
 }
 

@@ -8,7 +8,7 @@
 #include "ProductHarness.h"
 #include "product/transforms/WQ400FishEyeDeviceMft.h"
 
-using namespace product_test;
+using namespace test_support;
 
 namespace {
 
@@ -51,7 +51,7 @@ void StreamSomeFrames() {
   ProductHarness harness;
   harness.Connect<mft_core::WQ400FishEyeDeviceMft>(sim::FisheyeCamera());
   ASSERT_EQ(S_OK, harness.host->Initialize());
-  ASSERT_EQ(S_OK, harness.Start(640, 480, 60));
+  ASSERT_EQ(S_OK, harness.Start(0, 640, 480, 60));
   EXPECT_TRUE(harness.WaitForFrames(20));
   EXPECT_EQ(S_OK, harness.host->Shutdown());
 }

@@ -1,16 +1,52 @@
 #include "ProductHarness.h"
 
+#include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 #include "product/metadata/WQ400MetadataRecords.h"
 
 using Microsoft::WRL::ComPtr;
 
-namespace product_test {
+namespace test_support {
 
-std::vector<BYTE> ProductHarness::StreamBlob(DWORD outputStreamId, REFGUID key) {
+sim::ControlConfig &UnitControl(sim::CameraConfig &camera, const GUID &set, ULONG id) {
+  for (auto &unit : camera.extensionUnits) {
+    if (unit.set != set) continue;
+    for (auto &control : unit.controls) {
+      if (control.id == id) return control;
+    }
+  }
+  throw std::logic_error("the camera has no such unit control");
+}
+
+ComPtr<IMFMediaType> ProductHarness::OutputType(DWORD streamId, UINT32 width, UINT32 height, UINT32 fps) {
+  ComPtr<IMFMediaType> type;
+  EXPECT_EQ(S_OK, host->FindOutputType(streamId, width, height, fps, type.GetAddressOf()));
+  return type;
+}
+
+HRESULT ProductHarness::Start(DWORD streamId, UINT32 width, UINT32 height, UINT32 fps) {
+  ComPtr<IMFMediaType> type = OutputType(streamId, width, height, fps);
+  if (!type) return MF_E_INVALIDMEDIATYPE;
+  return host->StartStream(streamId, type.Get());
+}
+
+uint64_t ProductHarness::FramesOut(DWORD streamId) {
+  for (const auto &stats : host->Stats()) {
+    if (stats.outputStreamId == streamId) return stats.framesOut;
+  }
+  return 0;
+}
+
+ComPtr<IMFAttributes> ProductHarness::StreamAttributes(DWORD streamId) {
   ComPtr<IMFAttributes> attributes;
-  EXPECT_EQ(S_OK, device->GetOutputStreamAttributes(outputStreamId, attributes.GetAddressOf()));
+  EXPECT_EQ(S_OK, device->GetOutputStreamAttributes(streamId, attributes.GetAddressOf()));
+  return attributes;
+}
+
+std::vector<BYTE> ProductHarness::StreamBlob(DWORD streamId, REFGUID key) {
+  ComPtr<IMFAttributes> attributes = StreamAttributes(streamId);
   UINT32 size = 0;
   if (!attributes || FAILED(attributes->GetBlobSize(key, &size))) return {};
   std::vector<BYTE> blob(size);
@@ -18,21 +54,12 @@ std::vector<BYTE> ProductHarness::StreamBlob(DWORD outputStreamId, REFGUID key) 
   return blob;
 }
 
-HRESULT ProductHarness::Start(UINT32 width, UINT32 height, UINT32 fps) {
-  ComPtr<IMFMediaType> type;
-  HRESULT hr = host->FindOutputType(0, width, height, fps, type.GetAddressOf());
-  if (SUCCEEDED(hr)) hr = host->StartStream(0, type.Get());
-  return hr;
-}
-
-HRESULT ProductHarness::ExposureProperty(ULONG flags, std::vector<BYTE> &data) {
-  KSPROPERTY property = {};
-  property.Set = KSPROPERTYSETID_ExtendedCameraControl;
-  property.Id = KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE;
-  property.Flags = flags;
-  ULONG bytesReturned = 0;
-  return host->ApplicationKsControl()->KsProperty(&property, sizeof(property), data.data(),
-                                                  static_cast<ULONG>(data.size()), &bytesReturned);
+HRESULT ProductHarness::Property(const GUID &set, ULONG id, ULONG flags, void *data, ULONG size,
+                                 ULONG *bytesReturned) {
+  KSPROPERTY property = {set, id, flags};
+  ULONG returned = 0;
+  return host->ApplicationKsControl()->KsProperty(&property, sizeof(property), data, size,
+                                                  bytesReturned ? bytesReturned : &returned);
 }
 
 HRESULT ProductHarness::SetExposureMode(ULONGLONG flags, ULONGLONG exposure) {
@@ -46,13 +73,15 @@ HRESULT ProductHarness::SetExposureMode(ULONGLONG flags, ULONGLONG exposure) {
   setting.VideoProc.Value.ull = exposure;
   std::memcpy(data.data(), &header, sizeof(header));
   std::memcpy(data.data() + sizeof(header), &setting, sizeof(setting));
-  return ExposureProperty(KSPROPERTY_TYPE_SET, data);
+  return Property(KSPROPERTYSETID_ExtendedCameraControl, KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE,
+                  KSPROPERTY_TYPE_SET, data.data(), static_cast<ULONG>(data.size()));
 }
 
 HRESULT ProductHarness::GetExposureMode(KSCAMERA_EXTENDEDPROP_HEADER &header,
                                         KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING &setting) {
   std::vector<BYTE> data(sizeof(header) + sizeof(setting));
-  const HRESULT hr = ExposureProperty(KSPROPERTY_TYPE_GET, data);
+  const HRESULT hr = Property(KSPROPERTYSETID_ExtendedCameraControl, KSPROPERTY_CAMERACONTROL_EXTENDED_EXPOSUREMODE,
+                              KSPROPERTY_TYPE_GET, data.data(), static_cast<ULONG>(data.size()));
   std::memcpy(&header, data.data(), sizeof(header));
   std::memcpy(&setting, data.data() + sizeof(header), sizeof(setting));
   return hr;
@@ -79,29 +108,23 @@ HRESULT ProductHarness::ArmExposureEvent(HANDLE event) {
                                                &bytesReturned);
 }
 
-HRESULT ProductHarness::SetGain(LONG gain) {
+HRESULT ProductHarness::GainProperty(ULONG flags, LONG &gain) {
   KSPROPERTY_VIDEOPROCAMP_S request = {};
-  request.Property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
-  request.Property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
-  request.Property.Flags = KSPROPERTY_TYPE_SET;
-  request.Value = gain;
-  request.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
-  ULONG bytesReturned = 0;
-  return host->ApplicationKsControl()->KsProperty(&request.Property, sizeof(request), &request, sizeof(request),
-                                                  &bytesReturned);
-}
-
-HRESULT ProductHarness::GetGain(LONG &gain) {
-  KSPROPERTY_VIDEOPROCAMP_S request = {};
-  request.Property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
-  request.Property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
-  request.Property.Flags = KSPROPERTY_TYPE_GET;
+  request.Property = {PROPSETID_VIDCAP_VIDEOPROCAMP, KSPROPERTY_VIDEOPROCAMP_GAIN, flags};
+  if (flags == KSPROPERTY_TYPE_SET) {
+    request.Value = gain;
+    request.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
+  }
   ULONG bytesReturned = 0;
   const HRESULT hr = host->ApplicationKsControl()->KsProperty(&request.Property, sizeof(request), &request,
                                                               sizeof(request), &bytesReturned);
   gain = request.Value;
   return hr;
 }
+
+HRESULT ProductHarness::SetGain(LONG gain) { return GainProperty(KSPROPERTY_TYPE_SET, gain); }
+
+HRESULT ProductHarness::GetGain(LONG &gain) { return GainProperty(KSPROPERTY_TYPE_GET, gain); }
 
 LONG ProductHarness::DeviceExposureUs() {
   const std::vector<BYTE> value = filter->GetControlValue(sim::kFisheyeXuSet, 1);
@@ -155,4 +178,4 @@ bool ProductHarness::WaitForFrames(size_t count, int timeoutMs) {
   return WaitFor([&] { return FrameCount() >= count; }, timeoutMs);
 }
 
-}  // namespace product_test
+}  // namespace test_support

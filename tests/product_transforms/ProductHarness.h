@@ -1,5 +1,6 @@
-// A product transform created directly from its class, connected to a simulated camera and driven by
-// the simulated frame server; KS requests go through the transform as an application's would.
+// A product transform created directly from its class (as the class factory does), connected to a
+// simulated camera and driven by the simulated frame server; KS requests go through the transform as
+// an application's would.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,11 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include "product/transforms/WQ400DepthDeviceMft.h"
 #include "sim/FrameServerHost.h"
 #include "user_space_frameworks/ComObject.h"
 #include "user_space_frameworks/Sync.h"
 
-namespace product_test {
+namespace test_support {
 
 template <typename Predicate>
 bool WaitFor(Predicate predicate, int timeoutMs = 10000) {
@@ -25,6 +27,9 @@ bool WaitFor(Predicate predicate, int timeoutMs = 10000) {
   }
   return predicate();
 }
+
+// An extension unit's control as the sim holds it; throws (failing the test) when the camera has none.
+sim::ControlConfig &UnitControl(sim::CameraConfig &camera, const GUID &set, ULONG id);
 
 // What a delivered frame showed and what the camera says it was taken with.
 struct DeliveredFrame {
@@ -36,21 +41,33 @@ struct DeliveredFrame {
 
 class ProductHarness {
  public:
+  // The camera and the transform; nothing is observed until Connect.
   template <typename Transform>
-  void Connect(const sim::CameraConfig &camera) {
+  void Create(const sim::CameraConfig &camera) {
     filter = sim::SimulatedCameraFilter::Create(camera);
     ASSERT_TRUE(filter);
     auto object = user_space_frameworks::MakeComObject<Transform>();
+    ASSERT_TRUE(object);
     ASSERT_EQ(S_OK, object.As(&device));
     host = std::make_unique<sim::FrameServerHost>(device, filter);
+  }
+  // Created, with every delivered frame recorded (Frames()).
+  template <typename Transform>
+  void Connect(const sim::CameraConfig &camera) {
+    Create<Transform>(camera);
     host->SetOutputObserver([this](DWORD, IMFSample *sample) { Observe(sample); });
   }
+  HRESULT Initialize() { return host->Initialize(); }
 
+  Microsoft::WRL::ComPtr<IMFMediaType> OutputType(DWORD streamId, UINT32 width, UINT32 height, UINT32 fps);
+  HRESULT Start(DWORD streamId, UINT32 width = 848, UINT32 height = 480, UINT32 fps = 30);
+  uint64_t FramesOut(DWORD streamId);
+  Microsoft::WRL::ComPtr<IMFAttributes> StreamAttributes(DWORD streamId);
   // Output stream attribute `key` as bytes; empty when absent.
-  std::vector<BYTE> StreamBlob(DWORD outputStreamId, REFGUID key);
-  // Starts output stream 0 at this size and rate.
-  HRESULT Start(UINT32 width, UINT32 height, UINT32 fps);
+  std::vector<BYTE> StreamBlob(DWORD streamId, REFGUID key);
 
+  // A property request as an application sends it; the HRESULT of the transform's answer.
+  HRESULT Property(const GUID &set, ULONG id, ULONG flags, void *data, ULONG size, ULONG *bytesReturned = nullptr);
   // The extended exposure control through the transform: SET with flags (and a manual value in
   // 100 ns units), GET of header and payload.
   HRESULT SetExposureMode(ULONGLONG flags, ULONGLONG exposure = 0);
@@ -80,12 +97,22 @@ class ProductHarness {
   std::unique_ptr<sim::FrameServerHost> host;
 
  private:
-  user_space_frameworks::Event autoDone{true};
   void Observe(IMFSample *sample);
-  HRESULT ExposureProperty(ULONG flags, std::vector<BYTE> &data);
+  HRESULT GainProperty(ULONG flags, LONG &gain);
 
+  user_space_frameworks::Event autoDone{true};
   std::mutex mutex;
   std::vector<DeliveredFrame> frames;
 };
 
-}  // namespace product_test
+// A depth transform over a simulated depth camera; Initialize() runs InitializeTransform.
+class DepthTransformTest : public ::testing::Test, public ProductHarness {
+ protected:
+  void Connect(const sim::CameraConfig &camera = sim::DepthCamera()) { Create<mft_core::WQ400DepthDeviceMft>(camera); }
+  void ConnectAndInitialize(const sim::CameraConfig &camera = sim::DepthCamera()) {
+    Connect(camera);
+    ASSERT_EQ(S_OK, Initialize());
+  }
+};
+
+}  // namespace test_support

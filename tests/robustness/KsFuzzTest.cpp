@@ -109,6 +109,16 @@ TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
         Sleep(50);
       }
     });
+    // Meanwhile the frame server starts and stops the camera's last stream, when it has more than one
+    // (depth: the second infrared stream).
+    const DWORD other = static_cast<DWORD>(camera.streams.size() - 1);
+    std::thread toggler([&] {
+      while (fuzzing && other != 0) {
+        host.StartStream(other, FirstType(device, other).Get());
+        Sleep(15);
+        host.StopStream(other);
+      }
+    });
     std::vector<std::thread> applications;
     for (int a = 0; a < kApplications; ++a) {
       applications.emplace_back([&, a] {
@@ -122,6 +132,7 @@ TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
     for (auto &application : applications) application.join();
     fuzzing = false;
     camerasEvents.join();
+    toggler.join();
     KsRequestStats total;
     for (const auto &fuzzer : fuzzers) {
       total.sent += fuzzer->Stats().sent;

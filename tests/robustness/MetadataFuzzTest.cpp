@@ -9,8 +9,10 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "common/CaptureMetadataSamples.h"
@@ -154,8 +156,22 @@ ComPtr<IMFMediaBuffer> ImageBuffer(IMFMediaType *type) {
   return buffer;
 }
 
+// One running stream, fed by its own thread: its frames in flight by sample time and what came out.
+struct FedStream {
+  explicit FedStream(sim::CameraKind kind) : reference(kind) {}
+  DWORD outputId = 0;
+  DWORD inputId = 0;
+  ComPtr<IMFMediaBuffer> image;
+  ReferenceMetadataReader reference;
+  std::map<LONGLONG, std::vector<ExpectedAttribute>> inFlight;
+  Comparison result;
+  uint64_t refused = 0;
+};
+
 class MetadataFuzz : public ::testing::TestWithParam<std::string> {};
 
+// Every stream of the camera at once (the depth camera's depth and both infrared streams), each input
+// stream with its own parser and its own feeding thread.
 TEST_P(MetadataFuzz, DeliveredSamplesCarryTheRecordsTheCameraSentOrNone) {
   TransformOnCamera subject(GetParam());
   ASSERT_TRUE(subject.host);
@@ -163,93 +179,116 @@ TEST_P(MetadataFuzz, DeliveredSamplesCarryTheRecordsTheCameraSentOrNone) {
   IMFDeviceTransform *device = subject.device.Get();
   sim::FrameServerHost &host = *subject.host;
 
-  ReferenceMetadataReader reference(camera.metadataKind);
-  const std::vector<GUID> keys = reference.Keys();
+  std::vector<std::unique_ptr<FedStream>> streams;
+  for (size_t i = 0; i < camera.streams.size(); ++i) {
+    streams.push_back(std::make_unique<FedStream>(camera.metadataKind));
+    streams.back()->outputId = static_cast<DWORD>(i);
+  }
+  const std::vector<GUID> keys = streams.front()->reference.Keys();
   std::mutex mutex;
   std::condition_variable drained;
-  std::map<LONGLONG, std::vector<ExpectedAttribute>> inFlight;  // by sample time
-  Comparison result;
-  host.SetOutputObserver([&](DWORD, IMFSample *sample) {
+  host.SetOutputObserver([&](DWORD outputId, IMFSample *sample) {
+    if (outputId >= streams.size()) return;
+    FedStream &stream = *streams[outputId];
     LONGLONG time = 0;
     sample->GetSampleTime(&time);
     std::unique_lock<std::mutex> lock(mutex);
-    ++result.delivered;
-    auto found = inFlight.find(time);
-    if (found == inFlight.end()) {
-      ++result.unknown;
+    ++stream.result.delivered;
+    auto found = stream.inFlight.find(time);
+    if (found == stream.inFlight.end()) {
+      ++stream.result.unknown;
       return;
     }
     const std::vector<ExpectedAttribute> expected = std::move(found->second);
-    inFlight.erase(found);
+    stream.inFlight.erase(found);
     lock.unlock();
-    drained.notify_one();
+    drained.notify_all();
     Comparison one;
     Compare(sample, keys, expected, one);
     lock.lock();
-    result.mismatched += one.mismatched;
-    result.withheld += one.withheld;
-    result.recordsDelivered += one.recordsDelivered;
-    if (result.firstMismatch.empty() && !one.firstMismatch.empty()) {
-      result.firstMismatch = one.firstMismatch + " at sample time " + std::to_string(time);
+    stream.result.mismatched += one.mismatched;
+    stream.result.withheld += one.withheld;
+    stream.result.recordsDelivered += one.recordsDelivered;
+    if (stream.result.firstMismatch.empty() && !one.firstMismatch.empty()) {
+      stream.result.firstMismatch = one.firstMismatch + " at sample time " + std::to_string(time);
     }
   });
-  // The camera's own frames are held back: the test is the camera's streaming thread, as fast as the
+  // The camera's own frames are held back: the test is the camera's streaming threads, as fast as the
   // transform takes frames.
   host.Source().SetMetadataHook([](IMFSample *, const sim::FrameInfo &) { return E_ABORT; });
   ASSERT_EQ(S_OK, host.Initialize());
-  ComPtr<IMFMediaType> type;
-  ASSERT_EQ(S_OK, device->GetOutputAvailableType(0, 0, type.GetAddressOf()));
-  ASSERT_EQ(S_OK, host.StartStream(0, type.Get()));
-  DWORD inputId = 0;
-  for (const auto &stats : host.Stats()) {
-    if (stats.outputStreamId == 0) inputId = stats.inputStreamId;
+  for (auto &stream : streams) {
+    ComPtr<IMFMediaType> type;
+    ASSERT_EQ(S_OK, device->GetOutputAvailableType(stream->outputId, 0, type.GetAddressOf()));
+    ASSERT_EQ(S_OK, host.StartStream(stream->outputId, type.Get()));
+    stream->image = ImageBuffer(type.Get());
+    ASSERT_TRUE(stream->image);
+    for (const auto &stats : host.Stats()) {
+      if (stats.outputStreamId == stream->outputId) stream->inputId = stats.inputStreamId;
+    }
+    ASSERT_TRUE(WaitFor([&] { return host.Source().IsRunning(stream->inputId); }));
   }
-  ASSERT_TRUE(WaitFor([&] { return host.Source().IsRunning(inputId); }));
-  const ComPtr<IMFMediaBuffer> image = ImageBuffer(type.Get());
-  ASSERT_TRUE(image);
 
-  std::mt19937 random(99 + static_cast<uint32_t>(GetParam().size()));
-  sim::CameraMetadataWriter writer(camera.metadataKind);
   const uint64_t frames = Scaled(100000);
+  const uint64_t framesPerStream = (frames + streams.size() - 1) / streams.size();
   constexpr size_t kMostInFlight = 8;  // a frame server pulling at frame rate keeps the queue this short
-  uint64_t refused = 0;
   {
     Watchdog watchdog("metadata fuzz");
-    for (uint64_t frame = 0; frame < frames; ++frame) {
-      if (frame % 1024 == 0) watchdog.Beat("frame " + std::to_string(frame));
-      std::vector<uint8_t> raw = writer.BuildNextFrame();
-      Mutate(random, raw);
-      const LONGLONG time = static_cast<LONGLONG>(frame + 1) * 333333;
-      ComPtr<IMFSample> sample = test_samples::MakeSample(time);
-      if (!raw.empty() || random() % 2 == 0) ASSERT_EQ(S_OK, AttachGuardedCaptureMetadata(sample.Get(), raw));
-      ASSERT_EQ(S_OK, sample->AddBuffer(image.Get()));
-      {
-        std::unique_lock<std::mutex> lock(mutex);
-        drained.wait(lock, [&] { return inFlight.size() < kMostInFlight; });
-        inFlight[time] = reference.Read(raw);
-      }
-      const HRESULT hr = device->ProcessInput(inputId, sample.Get(), 0);
-      if (FAILED(hr)) {
-        ++refused;
-        std::lock_guard<std::mutex> lock(mutex);
-        inFlight.erase(time);
-      }
+    std::vector<std::thread> feeders;
+    for (auto &stream : streams) {
+      feeders.emplace_back([&, fed = stream.get()] {
+        std::mt19937 random(99 + 7 * fed->outputId + static_cast<uint32_t>(GetParam().size()));
+        sim::CameraMetadataWriter writer(camera.metadataKind);
+        for (uint64_t frame = 0; frame < framesPerStream; ++frame) {
+          if (fed->outputId == 0 && frame % 1024 == 0) watchdog.Beat("frame " + std::to_string(frame));
+          std::vector<uint8_t> raw = writer.BuildNextFrame();
+          Mutate(random, raw);
+          const LONGLONG time = static_cast<LONGLONG>(frame + 1) * 333333;
+          ComPtr<IMFSample> sample = test_samples::MakeSample(time);
+          HRESULT hr = S_OK;
+          if (!raw.empty() || random() % 2 == 0) hr = AttachGuardedCaptureMetadata(sample.Get(), raw);
+          if (SUCCEEDED(hr)) hr = sample->AddBuffer(fed->image.Get());
+          if (FAILED(hr)) {
+            ADD_FAILURE() << "cannot make a sample: " << std::hex << hr;
+            return;
+          }
+          {
+            std::unique_lock<std::mutex> lock(mutex);
+            drained.wait(lock, [&] { return fed->inFlight.size() < kMostInFlight; });
+            fed->inFlight[time] = fed->reference.Read(raw);
+          }
+          if (FAILED(device->ProcessInput(fed->inputId, sample.Get(), 0))) {
+            std::lock_guard<std::mutex> lock(mutex);
+            ++fed->refused;
+            fed->inFlight.erase(time);
+          }
+        }
+      });
     }
+    for (auto &feeder : feeders) feeder.join();
     std::unique_lock<std::mutex> lock(mutex);
-    EXPECT_TRUE(drained.wait_for(lock, std::chrono::seconds(10), [&] { return inFlight.empty(); }))
-        << inFlight.size() << " frames never came out";
+    EXPECT_TRUE(drained.wait_for(lock, std::chrono::seconds(10), [&] {
+      for (const auto &stream : streams) {
+        if (!stream->inFlight.empty()) return false;
+      }
+      return true;
+    })) << "frames never came out";
   }
   EXPECT_EQ(S_OK, host.Shutdown());
-  std::printf("%s: %llu frames sent, %llu delivered, %llu records intact, %llu withheld\n", GetParam().c_str(),
-              static_cast<unsigned long long>(frames), static_cast<unsigned long long>(result.delivered),
-              static_cast<unsigned long long>(result.recordsDelivered),
-              static_cast<unsigned long long>(result.withheld));
-  EXPECT_EQ(0u, refused);
-  EXPECT_EQ(frames, result.delivered);
-  EXPECT_EQ(0u, result.unknown);
-  EXPECT_EQ(0u, result.mismatched) << result.firstMismatch;
-  // Most records of most frames get through: the comparison is not passing on empty samples.
-  EXPECT_GT(result.recordsDelivered, frames * 2);
+  for (const auto &stream : streams) {
+    const Comparison &result = stream->result;
+    std::printf("%s stream %lu: %llu frames sent, %llu delivered, %llu records intact, %llu withheld\n",
+                GetParam().c_str(), stream->outputId, static_cast<unsigned long long>(framesPerStream),
+                static_cast<unsigned long long>(result.delivered),
+                static_cast<unsigned long long>(result.recordsDelivered),
+                static_cast<unsigned long long>(result.withheld));
+    EXPECT_EQ(0u, stream->refused);
+    EXPECT_EQ(framesPerStream, result.delivered);
+    EXPECT_EQ(0u, result.unknown);
+    EXPECT_EQ(0u, result.mismatched) << "stream " << stream->outputId << ": " << result.firstMismatch;
+    // Most records of most frames get through: the comparison is not passing on empty samples.
+    EXPECT_GT(result.recordsDelivered, framesPerStream * 2);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(EachCamera, MetadataFuzz, ::testing::ValuesIn(CameraNames()),
