@@ -1,7 +1,6 @@
 // Cost of one AddImage against a plain pass that sums every byte of the same
 // frame, measured in the same run. Prints one BENCH line per case.
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "autoexposure/AutoExposure.h"
+#include "bench/BenchTiming.h"
 
 namespace {
 
@@ -22,12 +22,6 @@ std::uint64_t SumBytes(const std::uint8_t* data, std::size_t size) {
     std::uint64_t sum = 0;
     for (std::size_t i = 0; i < size; ++i) sum += data[i];
     return sum;
-}
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const std::size_t mid = values.size() / 2;
-    return values.size() % 2 != 0 ? values[mid] : 0.5 * (values[mid - 1] + values[mid]);
 }
 
 // A sensor-like frame: smooth gradient with noise, so every bin sees traffic.
@@ -71,29 +65,17 @@ void RunCase(const char* name, std::int32_t rows, std::int32_t columns, bool wei
     }
     const autoexposure::Image image{frame.data(), rows, columns, columns};
 
-    using Clock = std::chrono::steady_clock;
-    const int warmup = 20;
-    const int repetitions = 400;
-    std::vector<double> engineTimes, baselineTimes;
-    for (int i = 0; i < warmup + repetitions; ++i) {
+    const auto baseline = [&] {
         g_frame = frame.data();
-        const auto t0 = Clock::now();
         g_sink = g_sink + SumBytes(g_frame, frame.size());
-        const auto t1 = Clock::now();
+    };
+    const auto addImage = [&] {
         engine.AddImage(image);
-        const auto t2 = Clock::now();
         // Keep the engine from drifting to its limits and changing its work.
         engine.exposure = 10.0f;
         engine.gain = 2.0f;
-        if (i >= warmup) {
-            baselineTimes.push_back(std::chrono::duration<double, std::micro>(t1 - t0).count());
-            engineTimes.push_back(std::chrono::duration<double, std::micro>(t2 - t1).count());
-        }
-    }
-    const double median = Median(engineTimes);
-    const double baseline = Median(baselineTimes);
-    std::printf("BENCH %s: median %.1f us, baseline %.1f us, ratio %.2f\n", name, median, baseline,
-                median / baseline);
+    };
+    bench::Print(name, bench::Compare({400, 1, 20}, addImage, baseline), bench::Unit::Microseconds);
 }
 
 }  // namespace

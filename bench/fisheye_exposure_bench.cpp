@@ -1,10 +1,12 @@
 // The fisheye exposure control's work per pair of frames (one analysed by the engine, one skipped, both
 // read for their fisheye control record, with the engine's exposure and gain writes to the simulated
 // camera), against the engine alone analysing one frame of the same picture.
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <vector>
+
+#include "bench/BenchTiming.h"
+#include "bench/MediaFoundationSession.h"
 
 #include "product/controls/WQ400FishEyeExtendedExposureControl.h"
 #include "product/metadata/WQ400MetadataRecords.h"
@@ -15,32 +17,7 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 
-constexpr int kBatch = 200;
-constexpr int kRounds = 21;
 constexpr DWORD kFrameBytes = 640 * 480;
-
-double NowNs() {
-  static LARGE_INTEGER frequency = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return f;
-  }();
-  LARGE_INTEGER counter;
-  QueryPerformanceCounter(&counter);
-  return static_cast<double>(counter.QuadPart) * 1e9 / static_cast<double>(frequency.QuadPart);
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-template <typename Step>
-double MeasureRound(Step &&step) {
-  const double start = NowNs();
-  for (int i = 0; i < kBatch; ++i) step();
-  return (NowNs() - start) / kBatch;
-}
 
 // Rows from dark to bright, so that the engine has a histogram to work on.
 void Paint(BYTE *pixels) {
@@ -50,10 +27,8 @@ void Paint(BYTE *pixels) {
 }  // namespace
 
 int main() {
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
-    std::fprintf(stderr, "Media Foundation did not start\n");
-    return 1;
-  }
+  bench::MediaFoundationSession session;
+  if (!session.Started()) return 1;
   int status = 0;
   {
     auto filter = sim::SimulatedCameraFilter::Create(sim::FisheyeCamera());
@@ -95,20 +70,8 @@ int main() {
       if (engine.AddImage(frame.data(), 480, 640, 640) != autoexposure::Status::Ok) status = 2;
     };
 
-    MeasureRound(productStep);
-    MeasureRound(baselineStep);
-    std::vector<double> product, baseline;
-    for (int round = 0; round < kRounds; ++round) {
-      product.push_back(MeasureRound(productStep));
-      baseline.push_back(MeasureRound(baselineStep));
-    }
-    const double productMedian = Median(product);
-    const double baselineMedian = Median(baseline);
-    std::printf("BENCH fisheye_exposure_frame_pair: median %.0f ns, baseline %.0f ns, ratio %.2f\n", productMedian,
-                baselineMedian, productMedian / baselineMedian);
+    bench::Print("fisheye_exposure_frame_pair", bench::Compare({21, 200, 1}, productStep, baselineStep));
     if (status != 0) std::fprintf(stderr, "the engine refused a frame\n");
   }
-  MFShutdown();
-  CoUninitialize();
   return status;
 }

@@ -2,101 +2,27 @@
 // sample (the metadata store, its raw-stream buffer, lock and unlock) and attach the same six record
 // blobs to the sample. Measured: the depth metadata parser (seven converters) on a frame carrying every
 // item, in the same run.
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <vector>
 
+#include "bench/BenchTiming.h"
+#include "bench/DepthMetadataBaseline.h"
+#include "bench/MediaFoundationSession.h"
 #include "platform/WindowsSdk.h"
-#include "product/metadata/UvcMetaDataWrapper.h"
 #include "product/metadata/WQ400MetadataParsers.h"
 #include "sim/CameraMetadataWriter.h"
 
-namespace {
-
-using Microsoft::WRL::ComPtr;
-using namespace mft_core;
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-template <typename Body>
-double MicrosecondsPerFrame(int frames, Body &&body) {
-  const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < frames; ++i) body();
-  const std::chrono::duration<double, std::micro> elapsed = std::chrono::steady_clock::now() - start;
-  return elapsed.count() / frames;
-}
-
-int Run() {
-  sim::CameraMetadataWriter camera(sim::CameraKind::Depth);
-  ComPtr<IMFSample> sample;
-  if (FAILED(MFCreateSample(&sample)) || FAILED(camera.WriteNextFrame(sample.Get()))) return 1;
-
-  // The baseline's blobs: the same records, taken out of the frame once.
-  struct Blob {
-    GUID attribute;
-    std::vector<uint8_t> bytes;
-  };
-  std::vector<Blob> blobs;
-  {
-    const std::pair<GUID, uint32_t> records[] = {
-        {MFSampleExtension_PinholeCameraIntrinsics, WQ400MetadataId_CameraIntrinsics},
-        {MFStreamExtension_CameraExtrinsics, WQ400MetadataId_CameraExtrinsics},
-        {VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, WQ400MetadataId_CaptureTiming},
-        {VELDARA_SAMPLE_WQ400_STATISTICS, WQ400MetadataId_Stat},
-        {VELDARA_SAMPLE_WQ400_CONFIGURATION, WQ400MetadataId_Configuration},
-        {VELDARA_SAMPLE_WQ400_DEPTH_CONTROL, WQ400MetadataId_DepthControl},
-    };
-    UvcMetaDataWrapper wrapper;
-    if (FAILED(wrapper.Init(sample))) return 1;
-    for (const auto &record : records) {
-      const MetadataItemView item = wrapper.GetMetadataItem(record.second, 0, 0xFFFF);
-      if (!item) return 1;
-      blobs.push_back({record.first, std::vector<uint8_t>(item.data, item.data + item.size)});
-    }
-  }
-
-  WQ400DepthMetadataParser parser("WQ400 Depth Device MFT");
-  const auto parse = [&] { parser.Parse(sample.Get()); };
-  const auto attach = [&] {
-    ComPtr<IMFAttributes> metadata;
-    ComPtr<IMFMediaBuffer> buffer;
-    BYTE *bytes = nullptr;
-    DWORD length = 0;
-    if (FAILED(sample->GetUnknown(MFSampleExtension_CaptureMetadata, IID_PPV_ARGS(&metadata))) ||
-        FAILED(metadata->GetUnknown(MF_CAPTURE_METADATA_FRAME_RAWSTREAM, IID_PPV_ARGS(&buffer))) ||
-        FAILED(buffer->Lock(&bytes, nullptr, &length))) {
-      return;
-    }
-    buffer->Unlock();
-    for (const Blob &blob : blobs) {
-      sample->SetBlob(blob.attribute, blob.bytes.data(), static_cast<UINT32>(blob.bytes.size()));
-    }
-  };
-  constexpr int kFrames = 2000;
-  parse();
-  attach();
-  std::vector<double> parser_us, baseline_us;
-  for (int round = 0; round < 21; ++round) {
-    parser_us.push_back(MicrosecondsPerFrame(kFrames, parse));
-    baseline_us.push_back(MicrosecondsPerFrame(kFrames, attach));
-  }
-  const double median = Median(parser_us);
-  const double baseline = Median(baseline_us);
-  std::printf("BENCH metadata_depth_parser: median %.3f us, baseline %.3f us, ratio %.2f\n", median, baseline,
-              median / baseline);
-  return 0;
-}
-
-}  // namespace
-
 int main() {
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) return 1;
-  const int result = Run();
-  MFShutdown();
-  CoUninitialize();
-  return result;
+  bench::MediaFoundationSession session;
+  if (!session.Started()) return 1;
+  sim::CameraMetadataWriter camera(sim::CameraKind::Depth);
+  Microsoft::WRL::ComPtr<IMFSample> sample;
+  bench::DepthMetadataBaseline baseline;
+  if (FAILED(MFCreateSample(&sample)) || FAILED(camera.WriteNextFrame(sample.Get())) || !baseline.Init(sample.Get())) {
+    return 1;
+  }
+  mft_core::WQ400DepthMetadataParser parser("WQ400 Depth Device MFT");
+  const auto parse = [&] { parser.Parse(sample.Get()); };
+  const auto attach = [&] { baseline.Attach(sample.Get(), false); };
+  bench::Print("metadata_depth_parser", bench::Compare({301, 100, 5}, parse, attach), bench::Unit::Microseconds);
+  return 0;
 }

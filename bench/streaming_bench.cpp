@@ -1,10 +1,11 @@
 // One sample's trip from input stream to ProcessOutput (input stream wired straight to an output stream,
 // as a pass-through topology does), against the bare platform work the trip cannot avoid: hold the
 // sample in a deque, queue METransformHaveOutput on a real event queue, pull the event, hand the sample out.
-#include <algorithm>
 #include <cstdio>
 #include <deque>
-#include <vector>
+
+#include "bench/BenchTiming.h"
+#include "bench/MediaFoundationSession.h"
 
 #include "mft_core/streams/InputStream.h"
 #include "mft_core/streams/OutputStream.h"
@@ -20,39 +21,11 @@ class BenchEventGenerator : public mft_core::MediaEventGenerator {
   WQ_IMPLEMENT_IUNKNOWN(BenchEventGenerator, IMFMediaEventGenerator)
 };
 
-constexpr int kBatch = 2000;
-constexpr int kRounds = 41;
-
-double NowNs() {
-  static LARGE_INTEGER frequency = [] {
-    LARGE_INTEGER f;
-    QueryPerformanceFrequency(&f);
-    return f;
-  }();
-  LARGE_INTEGER counter;
-  QueryPerformanceCounter(&counter);
-  return static_cast<double>(counter.QuadPart) * 1e9 / static_cast<double>(frequency.QuadPart);
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
-template <typename Step>
-double MeasureRound(Step &&step) {
-  const double start = NowNs();
-  for (int i = 0; i < kBatch; ++i) step();
-  return (NowNs() - start) / kBatch;
-}
-
 }  // namespace
 
 int main() {
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
-    std::fprintf(stderr, "Media Foundation did not start\n");
-    return 1;
-  }
+  bench::MediaFoundationSession session;
+  if (!session.Started()) return 1;
   int status = 0;
   {
     ComPtr<IMFSample> sample;
@@ -94,23 +67,10 @@ int main() {
       out.pSample->Release();
     };
 
-    // Warm up both, then interleave rounds so that machine noise falls on both alike.
-    MeasureRound(productStep);
-    MeasureRound(baselineStep);
-    std::vector<double> product, baseline;
-    for (int round = 0; round < kRounds; ++round) {
-      product.push_back(MeasureRound(productStep));
-      baseline.push_back(MeasureRound(baselineStep));
-    }
-    const double productMedian = Median(product);
-    const double baselineMedian = Median(baseline);
-    std::printf("BENCH streaming_passthrough: median %.0f ns, baseline %.0f ns, ratio %.2f\n", productMedian,
-                baselineMedian, productMedian / baselineMedian);
+    bench::Print("streaming_passthrough", bench::Compare({301, 200, 5}, productStep, baselineStep));
     if (status != 0) std::fprintf(stderr, "a sample did not come out\n");
     queue->Shutdown();
     generator->Shutdown();
   }
-  MFShutdown();
-  CoUninitialize();
   return status;
 }

@@ -18,7 +18,12 @@ class RollingAverage {
     next = (next + 1) % N;
     if (count < N) ++count;
   }
-  T Average() const { return count == 0 ? T() : static_cast<T>(sum / static_cast<T>(count)); }
+  // Once the window is full the divisor is the constant N (a shift for the frame monitors' 32): the
+  // frame path asks for the average with every sample.
+  T Average() const {
+    if (count == N) return static_cast<T>(sum / static_cast<T>(N));
+    return count == 0 ? T() : static_cast<T>(sum / static_cast<T>(count));
+  }
   size_t Count() const { return count; }
   void Clear() { *this = RollingAverage(); }
 

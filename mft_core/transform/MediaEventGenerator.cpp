@@ -65,36 +65,31 @@ STDMETHODIMP MediaEventGenerator::QueueEvent(MediaEventType met, REFGUID guidExt
   });
 }
 
+// The queue is created with the generator and released with it, never replaced: the frame path reads it
+// without the lock, and the platform queue serialises its own callers.
 HRESULT MediaEventGenerator::OnGetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) {
-  Microsoft::WRL::ComPtr<IMFMediaEventQueue> local_pQueue;
-  {
-    user_space_frameworks::AutoLock guard(lock);
-    local_pQueue = pQueue;
-  }
-  if (!local_pQueue) {
+  IMFMediaEventQueue *const local_pQueue = pQueue.Get();
+  if (local_pQueue == nullptr) {
     WQ_TRACE(Error, "no event queue");
     return MF_E_SHUTDOWN;
   }
-  // May block until an event arrives: the lock is not held, so QueueEvent and Shutdown go on.
+  // May block until an event arrives: nothing is held, so QueueEvent and Shutdown go on.
   RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, local_pQueue->GetEvent(dwFlags, ppEvent));
   return S_OK;
 }
 
 HRESULT MediaEventGenerator::OnBeginGetEvent(IMFAsyncCallback *pCallback, IUnknown *punkState) {
-  user_space_frameworks::AutoLock guard(lock);
   RETURN_IF_FAILED(pQueue->BeginGetEvent(pCallback, punkState));
   return S_OK;
 }
 
 HRESULT MediaEventGenerator::OnEndGetEvent(IMFAsyncResult *pResult, IMFMediaEvent **ppEvent) {
-  user_space_frameworks::AutoLock guard(lock);
   RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, pQueue->EndGetEvent(pResult, ppEvent));
   return S_OK;
 }
 
 HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtendedType, HRESULT hrStatus,
                                           const PROPVARIANT *pvValue) {
-  user_space_frameworks::AutoLock guard(lock);
   // METransformHaveOutput comes with every frame: verbose only.
   if (met == METransformHaveOutput) {
     WQ_TRACE(Verbose, user_space_frameworks::MediaEventTypeName(met)

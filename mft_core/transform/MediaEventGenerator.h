@@ -47,6 +47,8 @@ class MediaEventGenerator : public IMFMediaEventGenerator, public virtual user_s
                                const PROPVARIANT *pvValue);
 
  private:
+  // Makes Shutdown's test-and-shut happen once. The queue needs no lock: it is set by the constructor and
+  // released by the destructor only, and the platform queue is thread-safe.
   user_space_frameworks::CriticalSection lock;
   Microsoft::WRL::ComPtr<IMFMediaEventQueue> pQueue;
   std::atomic<bool> isShutdown{false};

@@ -3,10 +3,19 @@
 namespace mft_core {
 
 void IMetadataToAttribute::Process(Microsoft::WRL::ComPtr<IMFSample> sample) {
-  const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
-  if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, WQ_FUNCTION, "==>");
-  ExtractDataToAttribute(sample.Get());
-  if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, WQ_FUNCTION, "<==");
+  TraceAround(WQ_FUNCTION, [&] { ExtractDataToAttribute(sample.Get()); });
+}
+
+void IMetadataToAttribute::ExtractDataToAttribute(IMFSample *sample) {
+  if (sample == nullptr) return;
+  UvcMetaDataWrapper metadata;
+  // A wrapper that did not open finds nothing: sticky records are still attached.
+  (void)metadata.Init(sample);
+  ExtractFromMetadata(sample, metadata);
+}
+
+void IMetadataToAttribute::ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
+  TraceAround(WQ_FUNCTION, [&] { ExtractFromMetadata(sample, metadata); });
 }
 
 }  // namespace mft_core

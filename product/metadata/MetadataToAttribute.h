@@ -22,7 +22,23 @@ class IMetadataToAttribute : public user_space_frameworks::Object {
   // Copies this converter's record from the sample's metadata onto the sample. Failures are traced,
   // never returned: one converter's failure must not keep the others from running.
   virtual void Process(Microsoft::WRL::ComPtr<IMFSample> sample);
-  virtual void ExtractDataToAttribute(IMFSample *sample) = 0;
+  // Opens the sample's metadata and extracts from it.
+  virtual void ExtractDataToAttribute(IMFSample *sample);
+
+  // The parser's per-frame path: the frame's metadata is opened (fetched and locked) once and shared by
+  // every converter; a wrapper whose Init failed finds nothing.
+  virtual void ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata);
+  virtual void ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) = 0;
+
+ protected:
+  // Entry and exit marks of `function` at the verbose level around `body`.
+  template <typename Body>
+  static void TraceAround(const char *function, Body &&body) {
+    const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
+    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "==>");
+    body();
+    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "<==");
+  }
 
  private:
   std::string name;
@@ -59,29 +75,15 @@ class MetadataToAttribute : public IMetadataToAttribute {
         keepLast(keepLast) {}
 
   void Process(Microsoft::WRL::ComPtr<IMFSample> sample) override {
-    const char *function = MetadataRecordTypeName<T>::processFunction;
-    const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
-    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "==>");
-    ExtractDataToAttribute(sample.Get());
-    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "<==");
+    TraceAround(MetadataRecordTypeName<T>::processFunction, [&] { ExtractDataToAttribute(sample.Get()); });
   }
 
-  void ExtractDataToAttribute(IMFSample *sample) override {
-    if (sample == nullptr) return;
-    constexpr UINT32 size = static_cast<UINT32>(sizeof(T));
-    UvcMetaDataWrapper wrapper;
-    const MetadataItemView item =
-        SUCCEEDED(wrapper.Init(sample)) ? wrapper.GetMetadataItem(metadataId, size, size) : MetadataItemView{};
-    if (item) {
-      const void *data = item.data;
-      LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(data), size));
-      if (keepLast) {
-        std::memcpy(&lastData, data, size);
-        hasLastData = true;
-      }
-    } else if (keepLast && hasLastData) {
-      LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(&lastData), size));
-    }
+  void ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) override {
+    TraceAround(MetadataRecordTypeName<T>::processFunction, [&] { ExtractFromMetadata(sample, metadata); });
+  }
+
+  void ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) override {
+    (void)AttachRecord(sample, metadata);
   }
 
   const GUID &GetAttributeId() const { return attributeId; }
@@ -89,6 +91,27 @@ class MetadataToAttribute : public IMetadataToAttribute {
   bool KeepsLast() const { return keepLast; }
 
  protected:
+  // The work of ExtractFromMetadata. Answers the frame's own record when it went onto the sample (the
+  // bytes of the blob the sample now carries), null otherwise.
+  const uint8_t *AttachRecord(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
+    if (sample == nullptr) return nullptr;
+    constexpr UINT32 size = static_cast<UINT32>(sizeof(T));
+    const MetadataItemView item = metadata.GetMetadataItem(metadataId, size, size);
+    if (item) {
+      const void *data = item.data;
+      const HRESULT hr = LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(data), size));
+      if (keepLast) {
+        std::memcpy(&lastData, data, size);
+        hasLastData = true;
+      }
+      return SUCCEEDED(hr) ? item.data : nullptr;
+    }
+    if (keepLast && hasLastData) {
+      LOG_IF_FAILED(sample->SetBlob(attributeId, reinterpret_cast<const UINT8 *>(&lastData), size));
+    }
+    return nullptr;
+  }
+
   bool hasLastData = false;
   T lastData{};
   const GUID attributeId;

@@ -34,8 +34,14 @@ WQ400MetadataParser::WQ400MetadataParser(const std::string &transformName)
 HRESULT WQ400MetadataParser::Parse(IMFSample *sample) {
   const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
   if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, WQ_FUNCTION, "==>");
-  for (const auto &converter : converters) {
-    converter->Process(ComPtr<IMFSample>(sample));
+  if (sample != nullptr) {
+    // One reference and one opened metadata buffer for the whole frame, shared by every converter.
+    const ComPtr<IMFSample> frame(sample);
+    UvcMetaDataWrapper metadata;
+    (void)metadata.Init(frame);
+    for (const auto &converter : converters) {
+      converter->ProcessFrame(sample, metadata);
+    }
   }
   if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, WQ_FUNCTION, "<==");
   return S_OK;

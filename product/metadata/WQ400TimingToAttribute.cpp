@@ -1,14 +1,15 @@
 #include "product/metadata/WQ400TimingToAttribute.h"
 
+#include <cstddef>
+
 #include "mft_core/streams/FrameDropMonitor.h"
 
 namespace mft_core {
 
-void WQ400HwTimestampToAttribute::ExtractDataToAttribute(IMFSample *sample) {
+void WQ400HwTimestampToAttribute::ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
   if (sample == nullptr) return;
-  UvcMetaDataWrapper wrapper;
-  if (FAILED(wrapper.Init(sample))) return;
-  const uint8_t *header = wrapper.GetUsbVideoHeader();
+  // Null unless the wrapper opened a buffer holding the whole header.
+  const uint8_t *header = metadata.GetUsbVideoHeader();
   if (header == nullptr) return;
   const UINT32 hwTimestamp = ReadLittleU32(header);
   // A sample that cannot take the attribute simply goes without it.
@@ -22,7 +23,25 @@ WQ400MetaDataCaptureTimingToAttribute::WQ400MetaDataCaptureTimingToAttribute(std
 
 void WQ400MetaDataCaptureTimingToAttribute::Process(Microsoft::WRL::ComPtr<IMFSample> sample) {
   MetadataToAttribute::Process(sample);
-  if (!sample) return;
+  SetFrameCounterFromBlob(sample.Get());
+}
+
+void WQ400MetaDataCaptureTimingToAttribute::ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
+  const uint8_t *attached = nullptr;
+  TraceAround(MetadataRecordTypeName<VeldaraWQ400MetaDataTavixCaptureTiming>::processFunction,
+              [&] { attached = AttachRecord(sample, metadata); });
+  if (attached == nullptr) {
+    SetFrameCounterFromBlob(sample);
+    return;
+  }
+  // The blob the sample now carries is this very record: its counter is read without fetching it back.
+  const UINT32 counter = ReadLittleU32(attached + offsetof(VeldaraWQ400MetaDataTavixCaptureTiming, frameCounter));
+  LOG_IF_FAILED(sample->SetUINT32(WQ400_MF_FRAME_COUNTER, counter));
+}
+
+// The counter comes from whatever capture-timing blob the sample carries now, not from the item.
+void WQ400MetaDataCaptureTimingToAttribute::SetFrameCounterFromBlob(IMFSample *sample) {
+  if (sample == nullptr) return;
   // Read into a record on the stack rather than an allocated copy: a blob of any other length either
   // fails to fit or comes back short, and both leave the counter alone.
   VeldaraWQ400MetaDataTavixCaptureTiming timing{};

@@ -10,7 +10,7 @@ class WQ400HwTimestampToAttribute : public IMetadataToAttribute {
  public:
   explicit WQ400HwTimestampToAttribute(std::string name) : IMetadataToAttribute(std::move(name)) {}
   // Sets VELDARA_SAMPLE_WQ400_HW_TIMESTAMP to the header's first word; nothing without metadata.
-  void ExtractDataToAttribute(IMFSample *sample) override;
+  void ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) override;
 };
 
 class WQ400MetaDataCaptureTimingToAttribute : public MetadataToAttribute<VeldaraWQ400MetaDataTavixCaptureTiming> {
@@ -19,6 +19,10 @@ class WQ400MetaDataCaptureTimingToAttribute : public MetadataToAttribute<Veldara
   // The capture-timing blob, then WQ400_MF_FRAME_COUNTER from whatever capture-timing
   // blob the sample carries afterwards.
   void Process(Microsoft::WRL::ComPtr<IMFSample> sample) override;
+  void ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) override;
+
+ private:
+  static void SetFrameCounterFromBlob(IMFSample *sample);
 };
 
 }  // namespace mft_core

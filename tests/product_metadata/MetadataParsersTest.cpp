@@ -9,6 +9,7 @@
 #include "mft_core/streams/FrameDropMonitor.h"
 #include "product/metadata/WQ400MetadataParsers.h"
 #include "product/metadata/WQ400TimingToAttribute.h"
+#include "user_space_frameworks/ComObject.h"
 
 namespace mft_core {
 namespace {
@@ -122,6 +123,52 @@ TEST(WQ400MetadataParsers, AttachOnlyTheirOwnRecordsByteForByte) {
     EXPECT_EQ(77u, GetUINT32(sample.Get(), WQ400_MF_FRAME_COUNTER)) << c.name;
     // Nothing else: the records, the timestamp and the counter.
     EXPECT_EQ(c.attachedIds.size() + 2 + 1, test_samples::AttributeCount(sample.Get())) << c.name;
+  }
+}
+
+// The raw metadata buffer of a frame, counting how often it is locked and unlocked.
+class CountingBuffer : public IMFMediaBuffer {
+  WQ_IMPLEMENT_IUNKNOWN(CountingBuffer, IMFMediaBuffer)
+
+ public:
+  explicit CountingBuffer(ComPtr<IMFMediaBuffer> inner) : inner(std::move(inner)) {}
+  STDMETHODIMP Lock(BYTE **data, DWORD *maxLength, DWORD *currentLength) override {
+    ++locks;
+    return inner->Lock(data, maxLength, currentLength);
+  }
+  STDMETHODIMP Unlock() override {
+    ++unlocks;
+    return inner->Unlock();
+  }
+  STDMETHODIMP GetCurrentLength(DWORD *length) override { return inner->GetCurrentLength(length); }
+  STDMETHODIMP SetCurrentLength(DWORD length) override { return inner->SetCurrentLength(length); }
+  STDMETHODIMP GetMaxLength(DWORD *length) override { return inner->GetMaxLength(length); }
+
+  int locks = 0;
+  int unlocks = 0;
+
+ private:
+  ComPtr<IMFMediaBuffer> inner;
+};
+
+TEST(WQ400MetadataParsers, OpenAFramesMetadataOnceForAllConvertersAndCloseIt) {
+  for (const ParserCase &c : Parsers()) {
+    ComPtr<IMFSample> sample = MakeSampleWithMetadata(EveryItem(0x0A0B0C0D, 5));
+    ComPtr<IMFAttributes> metadata;
+    ComPtr<IMFMediaBuffer> raw;
+    ASSERT_EQ(S_OK, sample->GetUnknown(MFSampleExtension_CaptureMetadata, IID_PPV_ARGS(&metadata)));
+    ASSERT_EQ(S_OK, metadata->GetUnknown(MF_CAPTURE_METADATA_FRAME_RAWSTREAM, IID_PPV_ARGS(&raw)));
+    auto counting = user_space_frameworks::MakeComObject<CountingBuffer>(raw);
+    ASSERT_EQ(S_OK, metadata->SetUnknown(MF_CAPTURE_METADATA_FRAME_RAWSTREAM, counting.Get()));
+
+    auto parser = c.make();
+    ASSERT_EQ(S_OK, parser->Parse(sample.Get()));
+    EXPECT_EQ(1, counting->locks) << c.name;
+    EXPECT_EQ(1, counting->unlocks) << c.name;
+    // Every converter still saw the frame.
+    EXPECT_EQ(c.attachedIds.size() + 2 + 1, test_samples::AttributeCount(sample.Get())) << c.name;
+    EXPECT_EQ(0x0A0B0C0Du, GetUINT32(sample.Get(), VELDARA_SAMPLE_WQ400_HW_TIMESTAMP)) << c.name;
+    EXPECT_EQ(5u, GetUINT32(sample.Get(), WQ400_MF_FRAME_COUNTER)) << c.name;
   }
 }
 
@@ -243,6 +290,18 @@ TEST(WQ400CaptureTiming, TheFrameCounterIsReadBackFromTheSamplesBlob) {
   ASSERT_EQ(S_OK, odd->SetBlob(VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, blob.data(), 31));
   timing.Process(odd);
   EXPECT_FALSE(GetUINT32(odd.Get(), WQ400_MF_FRAME_COUNTER));
+
+  // The same through a parser, which opens the frame's metadata once for all converters: the frame's own
+  // record wins over a carried blob, and without one the carried blob still gives the counter.
+  WQ400DepthMetadataParser parser("d");
+  ComPtr<IMFSample> both = MakeSampleWithMetadata(EveryItem(1, 0x01020304));
+  ASSERT_EQ(S_OK, both->SetBlob(VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, blob.data(), 32));
+  parser.Parse(both.Get());
+  EXPECT_EQ(0x01020304u, GetUINT32(both.Get(), WQ400_MF_FRAME_COUNTER));
+  ComPtr<IMFSample> carriedOnly = MakeSampleWithMetadata(MetadataBufferBuilder().UsbVideoHeader(1).Bytes());
+  ASSERT_EQ(S_OK, carriedOnly->SetBlob(VELDARA_SAMPLE_WQ400_CAPTURE_TIMING, blob.data(), 32));
+  parser.Parse(carriedOnly.Get());
+  EXPECT_EQ(counter, GetUINT32(carriedOnly.Get(), WQ400_MF_FRAME_COUNTER));
 }
 
 TEST(WQ400HwTimestamp, TakesTheHeadersFirstWordOnlyWhenTheHeaderIsThere) {
