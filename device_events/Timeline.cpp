@@ -190,14 +190,18 @@ std::string Names::GuidName(const Guid &guid) const {
   return GuidText(guid);
 }
 
-std::string Names::KsIdentifierName(KsKind, const std::string &identifier) const {
+std::string Names::KsRequestName(KsKind, const Guid &set, uint32_t id, uint32_t flags) const {
+  return "Set: " + GuidName(set) + ", Id: " + std::to_string(id) + ", Flags: " + Hex32(flags);
+}
+
+std::string Names::KsIdentifierName(KsKind kind, const std::string &identifier) const {
   if (identifier.size() < 24) return "identifier " + HexBytes(identifier, 32);
   Guid set;
   uint32_t id = 0, flags = 0;
   std::memcpy(&set, identifier.data(), 16);
   std::memcpy(&id, identifier.data() + 16, 4);
   std::memcpy(&flags, identifier.data() + 20, 4);
-  std::string text = "Set: " + GuidName(set) + ", Id: " + std::to_string(id) + ", Flags: " + Hex32(flags);
+  std::string text = KsRequestName(kind, set, id, flags);
   if (identifier.size() >= 28) {
     uint32_t node = 0;
     std::memcpy(&node, identifier.data() + 24, 4);

@@ -15,12 +15,14 @@ namespace device_events {
 class Names {
  public:
   virtual ~Names() = default;
-  // Attribute keys, major types, subtypes, KS sets. Default: the GUID's text, or the FOURCC of a
-  // video subtype.
+  // Attribute keys, major types, subtypes. Default: the GUID's text, or the FOURCC of a video subtype.
   virtual std::string GuidName(const Guid &guid) const;
-  // A KS request's identifier bytes (set, id, flags, and a node id for node requests).
-  virtual std::string KsIdentifierName(KsKind kind, const std::string &identifier) const;
+  // One KS request's set, id and flags. Default: the set by GuidName, the id and flags as numbers.
+  virtual std::string KsRequestName(KsKind kind, const Guid &set, uint32_t id, uint32_t flags) const;
   virtual std::string MediaEventName(uint32_t type) const;
+
+  // A KS request's identifier bytes as recorded (set, id, flags, and a node id for node requests).
+  std::string KsIdentifierName(KsKind kind, const std::string &identifier) const;
 };
 
 struct TimelineOptions {

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The device events recording's tools:
+# The device events recording's tools, built for Windows and run under Wine:
 #   scripts/events.sh dump <events.bin> [--kind ...] [--stream N] [--verbose]
 #   scripts/events.sh replay <events.bin> [--dll <path>] [--class {CLSID}]
 set -euo pipefail
@@ -8,28 +8,23 @@ scripts/setup.sh
 source scripts/env.sh
 tool=${1:-}
 [ $# -gt 0 ] && shift
-mkdir -p build
 case "$tool" in
-  dump)
-    build_native events_dump > build/events-build.log 2>&1 || { cat build/events-build.log; exit 1; }
-    exec "$build_native/tools/events_dump" "$@"
-    ;;
-  replay)
-    build_windows events_replay > build/events-build.log 2>&1 || { cat build/events-build.log; exit 1; }
-    start_wine || true
-    # Host paths become the Windows paths Wine gives them.
-    args=()
-    for arg in "$@"; do
-      if [ -e "$arg" ]; then args+=("$(/usr/lib/wine/wine64 winepath -w "$arg" 2>/dev/null)"); else args+=("$arg"); fi
-    done
-    set +e
-    /usr/lib/wine/wine64 "$build_win/tools/events_replay.exe" "${args[@]}" </dev/null
-    status=$?
-    set -e
-    exit $status
-    ;;
+  dump|replay) ;;
   *)
     echo "usage: scripts/events.sh dump|replay <events.bin> [options]" >&2
     exit 2
     ;;
 esac
+mkdir -p build
+build_windows "events_$tool" > build/events-build.log 2>&1 || { cat build/events-build.log; exit 1; }
+start_wine || true
+# Host paths become the Windows paths Wine gives them.
+args=()
+for arg in "$@"; do
+  if [ -e "$arg" ]; then args+=("$(/usr/lib/wine/wine64 winepath -w "$arg" 2>/dev/null)"); else args+=("$arg"); fi
+done
+set +e
+/usr/lib/wine/wine64 "$build_win/tools/events_$tool.exe" "${args[@]}" </dev/null
+status=$?
+set -e
+exit $status

@@ -16,6 +16,10 @@ namespace {
 
 constexpr HRESULT kNotRecorded = HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
 constexpr size_t kFlagsOffset = 20;  // of Flags in a KS identifier
+constexpr uint64_t kNoCall = RecordedCameraFilter::kNoCall;
+// The recorded return of the call this thread is replaying (kNoCall: none, e.g. a work-queue thread).
+thread_local uint64_t callExitOffset = kNoCall;
+thread_local uint32_t callThread = 0;  // the recorded thread of that call
 
 uint32_t U32(const Record &record, size_t index, bool &ok) {
   ok = ok && index < record.values.size() && record.values[index].tag == ValueTag::U32;
@@ -86,7 +90,7 @@ bool RecordedCameraFilter::SignalEvent(const GUID &set, ULONG id) {
   return false;
 }
 
-std::vector<std::string> RecordedCameraFilter::Divergences() {
+std::vector<RecordedCameraFilter::Divergence> RecordedCameraFilter::Divergences() {
   std::lock_guard<std::mutex> lock(mutex);
   return divergences;
 }
@@ -98,6 +102,22 @@ std::vector<const Record *> RecordedCameraFilter::UnusedRequests() {
     if (!used[i]) unused.push_back(&requests[i]);
   }
   return unused;
+}
+
+bool RecordedCameraFilter::Answered(size_t index) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return index < used.size() && used[index];
+}
+
+RecordedCameraFilter::CallScope::CallScope(uint32_t recordedThread, uint64_t exitOffset)
+    : previousThread(callThread), previousOffset(callExitOffset) {
+  callThread = recordedThread;
+  callExitOffset = exitOffset;
+}
+
+RecordedCameraFilter::CallScope::~CallScope() {
+  callThread = previousThread;
+  callExitOffset = previousOffset;
 }
 
 STDMETHODIMP RecordedCameraFilter::GetStreamCount(DWORD *pcInputStreams, DWORD *pcOutputStreams) {
@@ -174,7 +194,9 @@ HRESULT RecordedCameraFilter::Answer(uint32_t kind, const void *identifier, ULON
   const std::string identifierBytes =
       identifier != nullptr ? std::string(static_cast<const char *>(identifier), identifierLength) : std::string();
   // The earliest recorded request of the same kind and identifier that has not been answered yet:
-  // requests of different threads may come in another order than they were recorded.
+  // requests of different threads may come in another order than they were recorded. A replayed call
+  // takes first the one its own thread made before the call returned.
+  size_t chosen = requests.size();
   for (size_t i = 0; i < requests.size(); ++i) {
     if (used[i]) continue;
     const Record &request = requests[i];
@@ -182,8 +204,23 @@ HRESULT RecordedCameraFilter::Answer(uint32_t kind, const void *identifier, ULON
     if (U32(request, 0, ok) != kind || !ok || request.values.size() < 6) continue;
     const Value &recordedIdentifier = request.values[1];
     if (identifier == nullptr ? !recordedIdentifier.IsNull() : recordedIdentifier.bytes != identifierBytes) continue;
+    if (chosen == requests.size()) chosen = i;
+    if (callExitOffset == kNoCall) break;
+    if (request.threadId == callThread && request.offset <= callExitOffset) {
+      chosen = i;
+      break;
+    }
+  }
+  if (chosen < requests.size()) {
+    const size_t i = chosen;
+    const Record &request = requests[i];
     used[i] = true;
-
+    if (callExitOffset != kNoCall && request.offset > callExitOffset) {
+      divergences.push_back({"driver request " + IdentifierText(kind, identifier, identifierLength) +
+                                 " made earlier than recorded: the recording has it at offset " +
+                                 std::to_string(request.offset) + ", after the return of the call that made it now",
+                             callExitOffset});
+    }
     // Data the transform sends must be what it sent when recorded (a GET's buffer is not compared).
     ULONG flags = 0;
     if (identifierBytes.size() >= kFlagsOffset + 4) std::memcpy(&flags, identifierBytes.data() + kFlagsOffset, 4);
@@ -191,8 +228,10 @@ HRESULT RecordedCameraFilter::Answer(uint32_t kind, const void *identifier, ULON
     const Value &dataIn = request.values[2];
     if (sends && !dataIn.IsNull() && data != nullptr &&
         (dataIn.bytes.size() != dataLength || std::memcmp(dataIn.bytes.data(), data, dataLength) != 0)) {
-      divergences.push_back("driver request " + IdentifierText(kind, identifier, identifierLength) +
-                            " (recorded at offset " + std::to_string(request.offset) + ") sent other data than recorded");
+      divergences.push_back({"driver request " + IdentifierText(kind, identifier, identifierLength) +
+                                 " (recorded at offset " + std::to_string(request.offset) +
+                                 ") sent other data than recorded",
+                             callExitOffset});
     }
     // Subscriptions keep the transform's event handle, so that recorded driver events can be signalled.
     const bool enable = kind == static_cast<uint32_t>(device_events::KsKind::Event) && identifier != nullptr &&
@@ -226,8 +265,9 @@ HRESULT RecordedCameraFilter::Answer(uint32_t kind, const void *identifier, ULON
     }
     return result;
   }
-  divergences.push_back("the transform made a driver request the recording does not have: " +
-                        IdentifierText(kind, identifier, identifierLength));
+  divergences.push_back(
+      {"the transform made a driver request the recording does not have: " + IdentifierText(kind, identifier, identifierLength),
+       callExitOffset});
   return kNotRecorded;
 }
 

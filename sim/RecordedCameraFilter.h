@@ -11,12 +11,11 @@
 
 #include "device_events/EventsReader.h"
 #include "platform/WindowsSdk.h"
-#include "user_space_frameworks/ComObject.h"
+#include "sim/DriverFilterTransform.h"
 
 namespace sim {
 
-class RecordedCameraFilter
-    : public user_space_frameworks::ComObject<IMFTransform, IKsControl, IKsTopologyInfo> {
+class RecordedCameraFilter : public DriverFilterTransform<IKsControl, IKsTopologyInfo> {
  public:
   RecordedCameraFilter() = default;
   // `filter` is the recording's filter record; `driverRequests` its driver KS request records in order.
@@ -27,36 +26,40 @@ class RecordedCameraFilter
   HRESULT CreateFilterAttributes(const device_events::Value &recorded, IMFAttributes **attributes);
   // Signals the event the transform subscribed to with (set, id); false when it has not.
   bool SignalEvent(const GUID &set, ULONG id);
-  // What did not match the recording, in order ("request not in the recording: ...").
-  std::vector<std::string> Divergences();
+  // What did not match the recording, in order ("request not in the recording: ..."), with the
+  // recorded return of the replayed call that made the request (kNoCall: not made by a replayed call).
+  static constexpr uint64_t kNoCall = ~uint64_t{0};
+  struct Divergence {
+    std::string what;
+    uint64_t callExitOffset = kNoCall;
+  };
+  std::vector<Divergence> Divergences();
   // Recorded requests the transform never made.
   std::vector<const device_events::Record *> UnusedRequests();
+  // Whether the transform has made the `index`-th recorded request (in the order given to Create).
+  bool Answered(size_t index);
 
-  // IMFTransform (only what a device transform asks of its filter).
-  STDMETHODIMP GetStreamLimits(DWORD *, DWORD *, DWORD *, DWORD *) override { return E_NOTIMPL; }
+  // While one lives on a thread, that thread is making a recorded call of `recordedThread` whose return
+  // was recorded at `exitOffset`: its requests are matched with that thread's first, and a request
+  // that the recording has only after that return came too early.
+  class CallScope {
+   public:
+    CallScope(uint32_t recordedThread, uint64_t exitOffset);
+    ~CallScope();
+    CallScope(const CallScope &) = delete;
+    CallScope &operator=(const CallScope &) = delete;
+
+   private:
+    uint32_t previousThread;
+    uint64_t previousOffset;
+  };
+
+  // IMFTransform: what a device transform asks of its filter.
   STDMETHODIMP GetStreamCount(DWORD *pcInputStreams, DWORD *pcOutputStreams) override;
   STDMETHODIMP GetStreamIDs(DWORD dwInputIDArraySize, DWORD *pdwInputIDs, DWORD dwOutputIDArraySize,
                             DWORD *pdwOutputIDs) override;
-  STDMETHODIMP GetInputStreamInfo(DWORD, MFT_INPUT_STREAM_INFO *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetOutputStreamInfo(DWORD, MFT_OUTPUT_STREAM_INFO *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetAttributes(IMFAttributes **) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputStreamAttributes(DWORD, IMFAttributes **) override { return E_NOTIMPL; }
   STDMETHODIMP GetOutputStreamAttributes(DWORD dwOutputStreamID, IMFAttributes **pAttributes) override;
-  STDMETHODIMP DeleteInputStream(DWORD) override { return E_NOTIMPL; }
-  STDMETHODIMP AddInputStreams(DWORD, DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputAvailableType(DWORD, DWORD, IMFMediaType **) override { return E_NOTIMPL; }
   STDMETHODIMP GetOutputAvailableType(DWORD dwOutputStreamID, DWORD dwTypeIndex, IMFMediaType **ppType) override;
-  STDMETHODIMP SetInputType(DWORD, IMFMediaType *, DWORD) override { return E_NOTIMPL; }
-  STDMETHODIMP SetOutputType(DWORD, IMFMediaType *, DWORD) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputCurrentType(DWORD, IMFMediaType **) override { return E_NOTIMPL; }
-  STDMETHODIMP GetOutputCurrentType(DWORD, IMFMediaType **) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputStatus(DWORD, DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetOutputStatus(DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP SetOutputBounds(LONGLONG, LONGLONG) override { return E_NOTIMPL; }
-  STDMETHODIMP ProcessEvent(DWORD, IMFMediaEvent *) override { return E_NOTIMPL; }
-  STDMETHODIMP ProcessMessage(MFT_MESSAGE_TYPE, ULONG_PTR) override { return E_NOTIMPL; }
-  STDMETHODIMP ProcessInput(DWORD, IMFSample *, DWORD) override { return E_NOTIMPL; }
-  STDMETHODIMP ProcessOutput(DWORD, DWORD, MFT_OUTPUT_DATA_BUFFER *, DWORD *) override { return E_NOTIMPL; }
 
   // IKsControl
   STDMETHODIMP KsProperty(PKSPROPERTY pProperty, ULONG ulPropertyLength, LPVOID pPropertyData, ULONG ulDataLength,
@@ -105,7 +108,7 @@ class RecordedCameraFilter
   std::vector<device_events::Record> requests;
   std::vector<bool> used;
   std::vector<Subscription> subscriptions;
-  std::vector<std::string> divergences;
+  std::vector<Divergence> divergences;
 };
 
 }  // namespace sim

@@ -1,5 +1,6 @@
 #include "sim/ReplaySession.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -100,6 +101,7 @@ struct PendingCall {
   Record exit;
   std::string error;  // the call could not be made
   const Record *entry = nullptr;
+  uint64_t exitOffset = ~uint64_t{0};  // of the recorded return; none when the recording ends first
   bool posted = false;
 
   void Finish() {
@@ -439,9 +441,54 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
   }
   const Record *filterRecord = nullptr;
   std::vector<Record> driverRequests;
-  for (const Record &r : records) {
-    if (r.Kind() == RecordKind::Filter && filterRecord == nullptr) filterRecord = &r;
-    if (r.Kind() == RecordKind::DriverKsRequest) driverRequests.push_back(r);
+  // Each call's return with the call's entry, and the driver requests the call made itself (on its
+  // thread, between entry and return) by their position among the driver requests.
+  std::map<const Record *, const Record *> exitOf;
+  std::map<const Record *, std::vector<size_t>> requestsMadeBy;
+  {
+    std::map<uint32_t, std::vector<const Record *>> open;
+    for (const Record &r : records) {
+      if (r.Kind() == RecordKind::Filter && filterRecord == nullptr) filterRecord = &r;
+      if (r.Kind() == RecordKind::DriverKsRequest) {
+        if (!open[r.threadId].empty()) requestsMadeBy[open[r.threadId].back()].push_back(driverRequests.size());
+        driverRequests.push_back(r);
+      }
+      if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(&r);
+      if (r.Kind() == RecordKind::CallExit && !open[r.threadId].empty()) {
+        const Record *entry = open[r.threadId].back();
+        exitOf[entry] = &r;
+        auto made = requestsMadeBy.find(entry);
+        if (made != requestsMadeBy.end()) {
+          requestsMadeBy[&r] = std::move(made->second);
+          requestsMadeBy.erase(made);
+        }
+        open[r.threadId].pop_back();
+      }
+    }
+  }
+  const std::vector<Record> recordedRequests = driverRequests;
+  // Output stream N hands out input stream N's frames in the order they came in: the k-th sample a
+  // stream delivered was the k-th frame its input took. For each ProcessOutput, how many frames of each
+  // stream must be in before it is made.
+  std::map<uint32_t, std::vector<const Record *>> framesOf;  // accepted ProcessInput calls, in entry order
+  std::map<const Record *, std::map<uint32_t, size_t>> framesNeeded;
+  {
+    std::map<const Record *, const Record *> entryOf;
+    for (const auto &call : exitOf) entryOf[call.second] = call.first;
+    std::map<uint32_t, size_t> delivered;
+    for (const Record &r : records) {
+      if (r.Kind() == RecordKind::CallEntry && device_events::CallName(r) == "ProcessInput" && exitOf.count(&r) != 0 &&
+          exitOf[&r]->result == 0) {
+        framesOf[U32At(r, 1)].push_back(&r);
+      }
+      if (r.Kind() == RecordKind::CallExit && device_events::CallName(r) == "ProcessOutput" && entryOf.count(&r) != 0) {
+        for (size_t b = 1; b + 2 < r.values.size(); b += 3) {
+          if (r.values[b + 2].tag != ValueTag::Sample) continue;
+          const uint32_t stream = U32At(r, b);
+          framesNeeded[entryOf[&r]][stream] = ++delivered[stream];
+        }
+      }
+    }
   }
   if (filterRecord == nullptr) {
     report.divergence = "the recording has no driver filter record (it did not see InitializeTransform)";
@@ -461,30 +508,36 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
   ComPtr<IMFMediaEventGenerator> generator;
   device.As(&generator);
 
-  // Each call's return, found ahead: a ProcessOutput is made where it was entered, with the inputs
-  // whose samples its return shows it handed out made first.
-  std::map<const Record *, const Record *> exitOf;
-  {
-    std::map<uint32_t, std::vector<const Record *>> open;
-    for (const Record &r : records) {
-      if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(&r);
-      if (r.Kind() == RecordKind::CallExit && !open[r.threadId].empty()) {
-        exitOf[open[r.threadId].back()] = &r;
-        open[r.threadId].pop_back();
-      }
-    }
-  }
   const device_events::Names names;
   std::deque<std::string> context;
+  // `at` is one of `records`.
   auto diverge = [&](const Record &at, const std::string &what) {
-    report.divergence = "at record " + std::to_string(report.records) + " (offset " + std::to_string(at.offset) +
+    const auto index = static_cast<uint64_t>(&at - records.data());
+    report.divergence = "at record " + std::to_string(index) + " (offset " + std::to_string(at.offset) +
                         "): " + device_events::FormatRecord(at, names) + "\n    " + what;
+    report.divergenceRecord = index;
+    report.divergenceKind = at.kind;
+    report.divergenceCall = device_events::CallName(at);
     report.context.assign(context.begin(), context.end());
   };
   {
     std::unique_ptr<EventPump> pump = generator ? std::make_unique<EventPump>(generator) : nullptr;
     std::map<uint32_t, std::unique_ptr<Lane>> lanes;
     std::map<uint32_t, std::deque<std::shared_ptr<PendingCall>>> pending;
+    // Calls by their entry, made before their entry is reached when a ProcessOutput needs their frame;
+    // and how many frames of each stream are known to be in.
+    std::map<const Record *, std::shared_ptr<PendingCall>> callsByEntry;
+    std::map<uint32_t, size_t> framesIn;
+    auto callOf = [&](const Record &entry) {
+      auto &call = callsByEntry[&entry];
+      if (!call) {
+        call = std::make_shared<PendingCall>();
+        call->entry = &entry;
+        call->name = device_events::CallName(entry);
+        if (exitOf.count(&entry) != 0) call->exitOffset = exitOf[&entry]->offset;
+      }
+      return call;
+    };
     bool shutdownReplayed = false;
     auto lane = [&](uint32_t thread) -> Lane & {
       auto &slot = lanes[thread];
@@ -497,6 +550,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       IMFDeviceTransform *target = device.Get();
       RecordedCameraFilter *driver = filter.Get();
       lane(thread).Post([call, target, driver] {
+        RecordedCameraFilter::CallScope scope(call->entry->threadId, call->exitOffset);
         MakeCall(target, driver, *call);
         call->Finish();
       });
@@ -526,24 +580,18 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       if (!report.divergence.empty()) break;
       switch (r.Kind()) {
         case RecordKind::CallEntry: {
-          auto call = std::make_shared<PendingCall>();
-          call->entry = &r;
-          call->name = device_events::CallName(r);
+          auto call = callOf(r);
           if (call->name == "Shutdown") shutdownReplayed = true;
           pending[r.threadId].push_back(call);
           if (call->name == "ProcessOutput" && exitOf.count(&r) != 0) {
-            // A sample handed out may come from a frame whose ProcessInput was entered but had not
-            // returned yet: that input is made first. Output stream N takes input stream N's frames.
-            const Record &exit = *exitOf[&r];
-            for (size_t b = 1; b + 2 < exit.values.size(); b += 3) {
-              if (exit.values[b + 2].tag != ValueTag::Sample) continue;
-              const uint32_t stream = static_cast<uint32_t>(exit.values[b].number);
-              for (auto &other : pending) {
-                for (auto &input : other.second) {
-                  if (input->posted || input->name != "ProcessInput" || U32At(*input->entry, 1) != stream) continue;
-                  post(other.first, input);
-                  input->Wait(options.waitMs);
-                }
+            // The frames it hands out are made first, with every frame before them, in their order.
+            for (const auto &needed : framesNeeded[&r]) {
+              const auto &frames = framesOf[needed.first];
+              size_t &in = framesIn[needed.first];
+              for (; in < needed.second && in < frames.size(); ++in) {
+                auto input = callOf(*frames[in]);
+                post(frames[in]->threadId, input);
+                input->Wait(options.waitMs);
               }
             }
             post(r.threadId, call);
@@ -579,11 +627,16 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
                            std::to_string(call->exit.values.size()));
             break;
           }
-          for (size_t i = 1; i < r.values.size(); ++i) {
+          for (size_t i = 1; i < r.values.size() && report.divergence.empty(); ++i) {
             const std::string why = CompareValues(r.values[i], call->exit.values[i]);
-            if (!why.empty()) {
-              diverge(r, "value " + std::to_string(i) + " handed out: " + why);
-              break;
+            if (!why.empty()) diverge(r, "value " + std::to_string(i) + " handed out: " + why);
+          }
+          // The driver requests the call made when recorded must have been made by now.
+          for (size_t request : requestsMadeBy[&r]) {
+            if (!report.divergence.empty()) break;
+            if (!filter->Answered(request)) {
+              diverge(r, "the call did not make the driver request it made when recorded: " +
+                             device_events::FormatRecord(recordedRequests[request], names));
             }
           }
           break;
@@ -691,7 +744,13 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       settle(false);
       if (report.divergence.empty()) {
         const auto driverDivergences = filter->Divergences();
-        if (!driverDivergences.empty()) diverge(r, driverDivergences.front());
+        if (!driverDivergences.empty()) {
+          // Reported at the return of the call that made the request, when a replayed call made it.
+          const auto &first = driverDivergences.front();
+          const auto call = std::lower_bound(records.begin(), records.end(), first.callExitOffset,
+                                             [](const Record &record, uint64_t offset) { return record.offset < offset; });
+          diverge(call != records.end() && call->offset == first.callExitOffset ? *call : r, first.what);
+        }
       }
       ++report.records;
       context.push_back(device_events::FormatRecord(r, names));

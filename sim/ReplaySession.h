@@ -32,6 +32,11 @@ struct ReplayReport {
   uint64_t driverEvents = 0;
   uint64_t mediaEvents = 0;
   std::string divergence;            // the first difference, empty when the run matched
+  // The recorded record the first difference was found at: its position among the records, its kind,
+  // and its call's name for call and return records.
+  uint64_t divergenceRecord = 0;
+  uint16_t divergenceKind = 0;
+  std::string divergenceCall;
   std::vector<std::string> context;  // the recorded records before it, as timeline lines
   std::string Summary() const;
 };

@@ -26,6 +26,7 @@ DllTransformFactory::~DllTransformFactory() {
 }
 
 bool DllTransformFactory::Load() {
+  if (getClassObject != nullptr) return true;
   module = LoadLibraryW(modulePath.c_str());
   if (module == nullptr) {
     error = "cannot load " + Narrow(modulePath) + " (error " + std::to_string(GetLastError()) + ")";
@@ -42,17 +43,22 @@ bool DllTransformFactory::Load() {
   return true;
 }
 
-bool DllTransformFactory::ClassOf(const std::string &cameraName, GUID &clsid) {
-  static const struct {
-    const char *camera;
-    GUID clsid;
-  } kClasses[] = {
-      {"depth", {0xE365CD7E, 0xB3A0, 0x47B2, {0xAA, 0x49, 0xE0, 0x45, 0xAA, 0x4E, 0x77, 0xBF}}},
-      {"color", {0x5B45BF9D, 0xC4BF, 0x4F8B, {0x81, 0xC8, 0x40, 0x7A, 0xBF, 0xAA, 0xAE, 0xA8}}},
-      {"fisheye", {0x42547A62, 0x2335, 0x4325, {0x83, 0xA3, 0x21, 0x7D, 0x4F, 0x96, 0x59, 0x4D}}},
-  };
+namespace {
+
+const struct {
+  const char *camera;
+  const char *transform;
+  GUID clsid;
+} kClasses[] = {
+    {"depth", "WQ400 Depth Device MFT", {0xE365CD7E, 0xB3A0, 0x47B2, {0xAA, 0x49, 0xE0, 0x45, 0xAA, 0x4E, 0x77, 0xBF}}},
+    {"color", "WQ400 Color Device MFT", {0x5B45BF9D, 0xC4BF, 0x4F8B, {0x81, 0xC8, 0x40, 0x7A, 0xBF, 0xAA, 0xAE, 0xA8}}},
+    {"fisheye", "WQ400 FishEye Device MFT", {0x42547A62, 0x2335, 0x4325, {0x83, 0xA3, 0x21, 0x7D, 0x4F, 0x96, 0x59, 0x4D}}},
+};
+
+// The class of the entry whose camera name (or transform name) is `name`.
+bool FindClass(const std::string &name, bool byTransformName, GUID &clsid) {
   for (const auto &entry : kClasses) {
-    if (cameraName == entry.camera) {
+    if (name == (byTransformName ? entry.transform : entry.camera)) {
       clsid = entry.clsid;
       return true;
     }
@@ -60,12 +66,34 @@ bool DllTransformFactory::ClassOf(const std::string &cameraName, GUID &clsid) {
   return false;
 }
 
+}  // namespace
+
+bool DllTransformFactory::ClassOf(const std::string &cameraName, GUID &clsid) {
+  return FindClass(cameraName, false, clsid);
+}
+
+bool DllTransformFactory::ClassOfTransform(const std::string &transformName, GUID &clsid) {
+  return FindClass(transformName, true, clsid);
+}
+
+bool DllTransformFactory::ClassOfRecording(const GUID &recordedClass, const std::string &transformName, GUID &clsid) {
+  if (recordedClass == GUID_NULL) return ClassOfTransform(transformName, clsid);
+  clsid = recordedClass;
+  return true;
+}
+
 HRESULT DllTransformFactory::CreateTransform(const sim::CameraConfig &camera, IMFDeviceTransform **transform) {
   if (transform == nullptr) return E_POINTER;
   *transform = nullptr;
-  if (getClassObject == nullptr) return E_UNEXPECTED;
   GUID clsid = GUID_NULL;
   if (!ClassOf(camera.name, clsid)) return CLASS_E_CLASSNOTAVAILABLE;
+  return CreateClass(clsid, transform);
+}
+
+HRESULT DllTransformFactory::CreateClass(REFCLSID clsid, IMFDeviceTransform **transform) {
+  if (transform == nullptr) return E_POINTER;
+  *transform = nullptr;
+  if (getClassObject == nullptr) return E_UNEXPECTED;
   ComPtr<IClassFactory> factory;
   HRESULT hr = getClassObject(clsid, IID_PPV_ARGS(&factory));
   if (FAILED(hr)) return hr;

@@ -1,4 +1,5 @@
-// The names the recording tools print for GUIDs, KS identifiers and media events.
+// The names the recording tools print for GUIDs, KS identifiers and media events: on Windows the
+// module's translators, in a native build the reader's plain identifiers.
 #pragma once
 
 #include <memory>

@@ -10,6 +10,7 @@
 #include "device_events/EventsReader.h"
 #include "device_events/Timeline.h"
 #include "tools/EventNames.h"
+#include "tools/ToolArguments.h"
 
 namespace {
 
@@ -26,33 +27,30 @@ int main(int argc, char **argv) {
   std::string path;
   RecordFilter filter;
   TimelineOptions options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--kind" && i + 1 < argc) {
-      std::string error;
-      if (!ParseKinds(argv[++i], filter.kinds, error)) {
-        std::cerr << error << "\n";
-        return Usage();
-      }
-    } else if (arg == "--stream" && i + 1 < argc) {
-      std::stringstream list(argv[++i]);
-      std::string item;
-      while (std::getline(list, item, ',')) {
-        try {
-          filter.streams.insert(static_cast<uint32_t>(std::stoul(item)));
-        } catch (const std::exception &) {
-          return Usage();
-        }
-      }
-    } else if (arg == "--verbose") {
-      options.verbose = true;
-    } else if (path.empty() && !arg.empty() && arg[0] != '-') {
-      path = arg;
-    } else {
-      return Usage();
-    }
-  }
-  if (path.empty()) return Usage();
+  const std::vector<tools::ToolOption> known = {
+      {"--kind", true,
+       [&](const std::string &value) {
+         std::string error;
+         if (ParseKinds(value, filter.kinds, error)) return true;
+         std::cerr << error << "\n";
+         return false;
+       }},
+      {"--stream", true,
+       [&](const std::string &value) {
+         std::stringstream list(value);
+         std::string item;
+         while (std::getline(list, item, ',')) {
+           try {
+             filter.streams.insert(static_cast<uint32_t>(std::stoul(item)));
+           } catch (const std::exception &) {
+             return false;
+           }
+         }
+         return true;
+       }},
+      {"--verbose", false, [&](const std::string &) { return options.verbose = true; }},
+  };
+  if (!tools::ParseToolArguments(argc, argv, known, path)) return Usage();
 
   std::vector<uint8_t> bytes;
   std::string fileError;

@@ -33,10 +33,13 @@ void ShortName(const char *function, const char *&begin, size_t &length) {
   length = static_cast<size_t>(end - start);
 }
 
-// Data of a KS request as it was on entry, kept until the request returns. Requests nest (an
-// application's request forwarded to the driver), so it is a stack per thread. (No thread_local
-// objects: their destructors are not reliable in statically linked MinGW programs.)
+// Identifier and data of a KS request as they were on entry, kept until the request returns. Requests
+// nest (an application's request forwarded to the driver), so it is a stack per thread. (No
+// thread_local objects: their destructors are not reliable in statically linked MinGW programs.)
 struct PendingData {
+  bool entered = false;
+  bool hasIdentifier = false;
+  std::vector<uint8_t> identifier;
   bool present = false;
   std::vector<uint8_t> bytes;
 };
@@ -66,8 +69,15 @@ class KsRequestsRecorder : public IKsControlsObserver {
  public:
   KsRequestsRecorder(DeviceEventsRecorder *recorder, RecordKind kind) : recorder(recorder), kind(kind) {}
 
-  void OnKsControlEntry(KsControlType, PKSIDENTIFIER, ULONG, LPVOID data, ULONG dataLength, ULONG *) override {
+  void OnKsControlEntry(KsControlType, PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,
+                        ULONG dataLength, ULONG *) override {
     PendingData pending;
+    pending.entered = true;
+    pending.hasIdentifier = identifier != nullptr;
+    if (identifier != nullptr) {
+      const auto *bytes = reinterpret_cast<const uint8_t *>(identifier);
+      pending.identifier.assign(bytes, bytes + std::min(identifierLength, kMaxIdentifierBytes));
+    }
     pending.present = data != nullptr;
     if (data != nullptr && dataLength != 0) {
       const auto *bytes = static_cast<const uint8_t *>(data);
@@ -79,8 +89,14 @@ class KsRequestsRecorder : public IKsControlsObserver {
   void OnKsControlExit(KsControlType type, PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,
                        ULONG dataLength, ULONG *bytesReturned, HRESULT result) override {
     PendingData pending = pendingData.Pop();
-    recorder->RecordKsRequest(kind, type, identifier, identifierLength, pending.present ? &pending.bytes : nullptr,
-                              data, dataLength, bytesReturned, result);
+    if (!pending.entered && identifier != nullptr) {
+      // Seen only on its way out: the identifier as it is now is the best there is.
+      const auto *bytes = reinterpret_cast<const uint8_t *>(identifier);
+      pending.hasIdentifier = true;
+      pending.identifier.assign(bytes, bytes + std::min(identifierLength, kMaxIdentifierBytes));
+    }
+    recorder->RecordKsRequest(kind, type, pending.hasIdentifier ? &pending.identifier : nullptr,
+                              pending.present ? &pending.bytes : nullptr, data, dataLength, bytesReturned, result);
   }
 
  private:
@@ -254,18 +270,26 @@ void DeviceEventsRecorder::Finish(RecordEncoder &record) {
   writer->Push(std::move(record.Buffer()));
 }
 
+RecordEncoder DeviceEventsRecorder::BeginCall(std::vector<uint8_t> &buffer, RecordKind kind, HRESULT result,
+                                             const char *function, std::string &name) {
+  const char *begin = nullptr;
+  size_t length = 0;
+  ShortName(function, begin, length);
+  name.assign(begin, length);
+  RecordEncoder record = Begin(buffer, kind, result);
+  record.String(name.data(), name.size());
+  return record;
+}
+
 void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue *arguments, size_t count) {
   if (!IsRecording()) return;
-  const char *name = nullptr;
-  size_t nameLength = 0;
-  ShortName(function, name, nameLength);
   std::vector<uint8_t> buffer;
-  RecordEncoder record = Begin(buffer, RecordKind::CallEntry, S_OK);
-  record.String(name, nameLength);
+  std::string name;
+  RecordEncoder record = BeginCall(buffer, RecordKind::CallEntry, S_OK, function, name);
   for (size_t i = 0; i < count; ++i) EncodeArgument(record, arguments[i], pixelData);
   Finish(record);
   if (count == 1 && arguments[0].kind == RecordedValue::Kind::Attributes && arguments[0].pointer != nullptr &&
-      std::string(name, nameLength) == "InitializeTransform") {
+      name == "InitializeTransform") {
     RecordFilter(static_cast<IMFAttributes *>(const_cast<void *>(arguments[0].pointer)));
   }
 }
@@ -273,12 +297,9 @@ void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue 
 void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, const RecordedValue *arguments,
                                         size_t count) {
   if (!IsRecording()) return;
-  const char *name = nullptr;
-  size_t nameLength = 0;
-  ShortName(function, name, nameLength);
   std::vector<uint8_t> buffer;
-  RecordEncoder record = Begin(buffer, RecordKind::CallExit, result);
-  record.String(name, nameLength);
+  std::string name;
+  RecordEncoder record = BeginCall(buffer, RecordKind::CallExit, result, function, name);
   for (size_t i = 0; i < count; ++i) EncodeOutput(record, arguments[i], result, pixelData);
   Finish(record);
 }
@@ -335,10 +356,9 @@ void DeviceEventsRecorder::RecordMediaEvent(MediaEventType type, REFGUID extende
   Finish(record);
 }
 
-void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, const KSIDENTIFIER *identifier,
-                                           ULONG identifierLength, const std::vector<uint8_t> *dataIn,
-                                           const void *data, ULONG dataLength, const ULONG *bytesReturned,
-                                           HRESULT result) {
+void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, const std::vector<uint8_t> *identifier,
+                                           const std::vector<uint8_t> *dataIn, const void *data, ULONG dataLength,
+                                           const ULONG *bytesReturned, HRESULT result) {
   if (!IsRecording()) return;
   std::vector<uint8_t> buffer;
   RecordEncoder record = Begin(buffer, kind, result);
@@ -346,7 +366,7 @@ void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, 
   if (identifier == nullptr) {
     record.Null();
   } else {
-    record.Bytes(identifier, std::min(identifierLength, kMaxIdentifierBytes));
+    record.Bytes(identifier->data(), identifier->size());
   }
   if (dataIn == nullptr) {
     record.Null();

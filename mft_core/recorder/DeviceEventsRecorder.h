@@ -57,8 +57,10 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   std::shared_ptr<IKsControlsObserver> DriverRequestsObserver() override { return driverObserver; }
 
   // One KS request with the answer: `dataIn` holds the data as it was before the request.
-  void RecordKsRequest(device_events::RecordKind kind, KsControlType type, const KSIDENTIFIER *identifier,
-                       ULONG identifierLength, const std::vector<uint8_t> *dataIn, const void *data, ULONG dataLength,
+  // `identifier` and `dataIn` as they were when the request was made (a request may use one buffer for
+  // both, which the driver then overwrites); `data` as the request left it.
+  void RecordKsRequest(device_events::RecordKind kind, KsControlType type, const std::vector<uint8_t> *identifier,
+                       const std::vector<uint8_t> *dataIn, const void *data, ULONG dataLength,
                        const ULONG *bytesReturned, HRESULT result);
 
  private:
@@ -68,6 +70,9 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   // Encodes into `buffer`, one of the writer's spare buffers.
   device_events::RecordEncoder Begin(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result);
   void Finish(device_events::RecordEncoder &record);
+  // A call or return record begun with the call's short name ("ProcessInput"), also handed back.
+  device_events::RecordEncoder BeginCall(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result,
+                                         const char *function, std::string &name);
 
   const bool pixelData;
   const std::wstring path;

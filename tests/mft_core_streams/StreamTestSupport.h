@@ -12,6 +12,7 @@
 #include "mft_core/streams/InputStream.h"
 #include "mft_core/transform/MediaEventGenerator.h"
 #include "platform/WindowsSdk.h"
+#include "sim/DriverFilterTransform.h"
 #include "user_space_frameworks/ComObject.h"
 
 namespace test_support {
@@ -28,7 +29,7 @@ std::vector<MediaEventType> DrainEvents(mft_core::MediaEventGenerator &generator
                                         std::vector<Microsoft::WRL::ComPtr<IMFMediaEvent>> *events = nullptr);
 
 // The driver filter's IMFTransform as an input stream reads it: output types and attributes per stream.
-class FakeDriverFilter : public user_space_frameworks::ComObject<IMFTransform> {
+class FakeDriverFilter : public sim::DriverFilterTransform<> {
  public:
   std::map<DWORD, std::vector<Microsoft::WRL::ComPtr<IMFMediaType>>> types;
   std::map<DWORD, Microsoft::WRL::ComPtr<IMFAttributes>> streamAttributes;
@@ -44,27 +45,6 @@ class FakeDriverFilter : public user_space_frameworks::ComObject<IMFTransform> {
     if (it == streamAttributes.end()) return E_NOTIMPL;
     return it->second.CopyTo(attributes);
   }
-  STDMETHODIMP GetStreamLimits(DWORD *, DWORD *, DWORD *, DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetStreamCount(DWORD *, DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetStreamIDs(DWORD, DWORD *, DWORD, DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputStreamInfo(DWORD, MFT_INPUT_STREAM_INFO *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetOutputStreamInfo(DWORD, MFT_OUTPUT_STREAM_INFO *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetAttributes(IMFAttributes **) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputStreamAttributes(DWORD, IMFAttributes **) override { return E_NOTIMPL; }
-  STDMETHODIMP DeleteInputStream(DWORD) override { return E_NOTIMPL; }
-  STDMETHODIMP AddInputStreams(DWORD, DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputAvailableType(DWORD, DWORD, IMFMediaType **) override { return E_NOTIMPL; }
-  STDMETHODIMP SetInputType(DWORD, IMFMediaType *, DWORD) override { return E_NOTIMPL; }
-  STDMETHODIMP SetOutputType(DWORD, IMFMediaType *, DWORD) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputCurrentType(DWORD, IMFMediaType **) override { return E_NOTIMPL; }
-  STDMETHODIMP GetOutputCurrentType(DWORD, IMFMediaType **) override { return E_NOTIMPL; }
-  STDMETHODIMP GetInputStatus(DWORD, DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP GetOutputStatus(DWORD *) override { return E_NOTIMPL; }
-  STDMETHODIMP SetOutputBounds(LONGLONG, LONGLONG) override { return E_NOTIMPL; }
-  STDMETHODIMP ProcessEvent(DWORD, IMFMediaEvent *) override { return E_NOTIMPL; }
-  STDMETHODIMP ProcessMessage(MFT_MESSAGE_TYPE, ULONG_PTR) override { return E_NOTIMPL; }
-  STDMETHODIMP ProcessInput(DWORD, IMFSample *, DWORD) override { return E_NOTIMPL; }
-  STDMETHODIMP ProcessOutput(DWORD, DWORD, MFT_OUTPUT_DATA_BUFFER *, DWORD *) override { return E_NOTIMPL; }
 };
 
 // Pulls the transform's events on its own thread, as the frame server does, and answers each

@@ -38,6 +38,11 @@ Recording ReadRecording(const std::wstring &path) {
   DWORD read = 0;
   if (!bytes.empty()) ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
   CloseHandle(file);
+  return ParseRecording(bytes);
+}
+
+Recording ParseRecording(const std::vector<uint8_t> &bytes) {
+  Recording recording;
   device_events::EventsReader reader(bytes.data(), bytes.size());
   device_events::ReadError error;
   if (!reader.ReadHeader(recording.header, error)) {
@@ -105,36 +110,66 @@ ComPtr<IMFDeviceTransform> CreatePassThrough() {
   return device;
 }
 
-void RunShortSession(ComPtr<IMFDeviceTransform> device) {
-  auto filter = sim::SimulatedCameraFilter::Create(sim::DepthCamera());
+void RunSession(ComPtr<IMFDeviceTransform> device, const SessionPlan &plan) {
+  auto filter = sim::SimulatedCameraFilter::Create(plan.camera);
   ASSERT_TRUE(filter);
   ASSERT_TRUE(device);
   sim::FrameServerHost host(device, filter);
   device.Reset();
   ASSERT_EQ(S_OK, host.Initialize());
-  ComPtr<IMFMediaType> type;
-  ASSERT_EQ(S_OK, host.FindOutputType(0, 848, 480, 30, type.GetAddressOf()));
-  ASSERT_EQ(S_OK, host.StartStream(0, type.Get()));
+  for (DWORD stream : plan.streams) {
+    ComPtr<IMFMediaType> type;
+    ASSERT_EQ(S_OK, host.FindOutputType(stream, plan.width, plan.height, plan.fps, type.GetAddressOf()));
+    ASSERT_EQ(S_OK, host.StartStream(stream, type.Get()));
+  }
   auto framesOut = [&] {
     for (const auto &stats : host.Stats()) {
-      if (stats.outputStreamId == 0) return stats.framesOut;
+      if (stats.outputStreamId == plan.streams.front()) return stats.framesOut;
     }
     return uint64_t{0};
   };
-  ASSERT_TRUE(WaitFor([&] { return framesOut() >= 5; }));
-
-  KSPROPERTY property{};
-  property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
-  property.Id = 0;
-  property.Flags = KSPROPERTY_TYPE_GET;
-  BYTE value[40] = {};
-  ULONG returned = 0;
-  host.ApplicationKsControl()->KsProperty(&property, sizeof(property), value, sizeof(value), &returned);
-
-  EXPECT_EQ(1u, filter->SignalAutoUpdate());
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  EXPECT_EQ(S_OK, host.StopStream(0));
+  ASSERT_TRUE(WaitFor([&] { return framesOut() >= plan.framesBefore; }));
+  if (plan.during) plan.during(host);
+  const uint64_t target = framesOut() + plan.framesAfter;
+  ASSERT_TRUE(WaitFor([&] { return framesOut() >= target; }));
+  if (plan.signalFirmwareEvent) {
+    EXPECT_EQ(1u, filter->SignalAutoUpdate());
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  for (DWORD stream : plan.streams) EXPECT_EQ(S_OK, host.StopStream(stream));
   EXPECT_EQ(S_OK, host.Shutdown());
+}
+
+void RunShortSession(ComPtr<IMFDeviceTransform> device) {
+  SessionPlan plan;
+  plan.during = [](sim::FrameServerHost &host) {
+    KSPROPERTY property{};
+    property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
+    property.Id = 0;
+    property.Flags = KSPROPERTY_TYPE_GET;
+    BYTE value[40] = {};
+    ULONG returned = 0;
+    host.ApplicationKsControl()->KsProperty(&property, sizeof(property), value, sizeof(value), &returned);
+  };
+  RunSession(std::move(device), plan);
+}
+
+std::vector<uint8_t> RecordSession(const wchar_t *name, const std::function<void()> &session, DWORD pixelData) {
+  const std::wstring path = TemporaryRecordingPath(name);
+  {
+    RecordingSwitch on(path, 1, pixelData);
+    session();
+  }
+  // The recording closes when the last owner of the transform's members lets go.
+  EXPECT_TRUE(WaitFor([&] {
+    const Recording recording = ReadRecording(path);
+    return !recording.records.empty() && recording.records.back().Kind() == device_events::RecordKind::End;
+  }));
+  std::vector<uint8_t> bytes;
+  std::string error;
+  EXPECT_TRUE(device_events::ReadFileBytes(std::string(path.begin(), path.end()), bytes, error)) << error;
+  DeleteFileW(path.c_str());
+  return bytes;
 }
 
 }  // namespace recorder_tests

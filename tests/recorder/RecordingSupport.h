@@ -7,6 +7,7 @@
 
 #include "device_events/EventsReader.h"
 #include "platform/WindowsSdk.h"
+#include "sim/FrameServerHost.h"
 
 namespace recorder_tests {
 
@@ -28,6 +29,7 @@ struct Recording {
   std::string error;  // empty when the whole file was read
 };
 Recording ReadRecording(const std::wstring &path);
+Recording ParseRecording(const std::vector<uint8_t> &bytes);
 
 // Records of one kind, and call records of one name.
 std::vector<const device_events::Record *> OfKind(const Recording &recording, device_events::RecordKind kind);
@@ -40,9 +42,25 @@ namespace recorder_tests {
 
 // The framework's pass-through transform over the simulated depth camera's units, named "Recorded MFT".
 Microsoft::WRL::ComPtr<IMFDeviceTransform> CreatePassThrough();
+// What one recorded session does: the camera, the output streams it runs (all at one size and rate),
+// how many frames the first of them delivers before `during` runs and again after it, and whether
+// the camera signals its firmware event before the streams stop.
+struct SessionPlan {
+  sim::CameraConfig camera = sim::DepthCamera();
+  std::vector<DWORD> streams = {0};
+  UINT32 width = 848, height = 480, fps = 30;
+  uint64_t framesBefore = 5, framesAfter = 0;
+  std::function<void(sim::FrameServerHost &host)> during;
+  bool signalFirmwareEvent = true;
+};
+// Runs the plan against `device` and shuts it down; everything is released on return.
+void RunSession(Microsoft::WRL::ComPtr<IMFDeviceTransform> device, const SessionPlan &plan);
 // Streams depth for a few frames, sends one application KS request, lets the camera signal its
-// firmware event, stops and shuts down; everything is released on return.
+// firmware event, stops and shuts down.
 void RunShortSession(Microsoft::WRL::ComPtr<IMFDeviceTransform> device);
+// Records `session` into a temporary file (pixel data when asked) and returns the file's bytes once
+// the recording is closed.
+std::vector<uint8_t> RecordSession(const wchar_t *name, const std::function<void()> &session, DWORD pixelData = 0);
 // Polls `predicate` for up to five seconds.
 bool WaitFor(const std::function<bool()> &predicate);
 

@@ -7,7 +7,6 @@
 #include "RecordingSupport.h"
 #include "device_events/EventsReader.h"
 #include "mft_core/transform/PassThroughDeviceMft.h"
-#include "product/transforms/WQ400DepthDeviceMft.h"
 #include "sim/CameraConfig.h"
 #include "sim/ReplaySession.h"
 #include "user_space_frameworks/ComObject.h"
@@ -35,33 +34,11 @@ HRESULT SameTransform(const device_events::FileHeader &header, IMFDeviceTransfor
 
 class ReplayTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    const std::wstring path = TemporaryRecordingPath(L"replay");
-    {
-      RecordingSwitch on(path);
-      RunShortSession(CreatePassThrough());
-    }
-    ASSERT_TRUE(WaitFor([&] {
-      const Recording recording = ReadRecording(path);
-      return !recording.records.empty() && recording.records.back().Kind() == RecordKind::End;
-    }));
-    std::string error;
-    ASSERT_TRUE(device_events::ReadFileBytes(std::string(path.begin(), path.end()), *bytes, error)) << error;
-    DeleteFileW(path.c_str());
-  }
+  static void SetUpTestSuite() { *bytes = RecordSession(L"replay", [] { RunShortSession(CreatePassThrough()); }); }
   static void TearDownTestSuite() { bytes->clear(); }
 
   // The records of the recording, with their offsets.
-  static std::vector<Record> Records() {
-    std::vector<Record> records;
-    device_events::EventsReader reader(bytes->data(), bytes->size());
-    device_events::FileHeader header;
-    device_events::ReadError error;
-    EXPECT_TRUE(reader.ReadHeader(header, error));
-    Record record;
-    while (reader.Next(record, error) == device_events::EventsReader::Status::Record) records.push_back(record);
-    return records;
-  }
+  static std::vector<Record> Records() { return ParseRecording(*bytes).records; }
 
   static std::unique_ptr<std::vector<uint8_t>> bytes;
 };
@@ -123,36 +100,6 @@ TEST_F(ReplayTest, DamagedOrIncompleteRecordingsAreRefusedWithTheirOffset) {
   report = sim::ReplayRecording(lossy, SameTransform);
   EXPECT_FALSE(report.matched);
   EXPECT_NE(std::string::npos, report.divergence.find("lost records")) << report.divergence;
-}
-
-ComPtr<IMFDeviceTransform> CreateDepthTransform() {
-  ComPtr<IMFDeviceTransform> device;
-  user_space_frameworks::MakeComObject<mft_core::WQ400DepthDeviceMft>().As(&device);
-  return device;
-}
-
-TEST(ProductReplay, ARecordedSessionOfTheDepthTransformReplaysWithoutDivergence) {
-  const std::wstring path = TemporaryRecordingPath(L"depth");
-  {
-    RecordingSwitch on(path);
-    RunShortSession(CreateDepthTransform());
-  }
-  ASSERT_TRUE(WaitFor([&] {
-    const Recording recording = ReadRecording(path);
-    return !recording.records.empty() && recording.records.back().Kind() == RecordKind::End;
-  }));
-  std::vector<uint8_t> recorded;
-  std::string error;
-  ASSERT_TRUE(device_events::ReadFileBytes(std::string(path.begin(), path.end()), recorded, error)) << error;
-  DeleteFileW(path.c_str());
-  const sim::ReplayReport report =
-      sim::ReplayRecording(recorded, [](const device_events::FileHeader &header, IMFDeviceTransform **transform) {
-        EXPECT_EQ("WQ400 Depth Device MFT", header.transformName);
-        return CreateDepthTransform().CopyTo(transform);
-      });
-  EXPECT_TRUE(report.matched) << report.divergence;
-  EXPECT_GT(report.driverRequests, 0u);
-  EXPECT_EQ(1u, report.driverEvents);
 }
 
 }  // namespace
