@@ -166,6 +166,10 @@ CameraConfig ColorCamera() {
       {0, "Color", MFFrameSourceTypes_Color,
        FormatGrid({{MFVideoFormat_YUY2, 2}}, {{1920, 1080}, {1280, 720}, {848, 480}, {640, 480}, {424, 240}}, {6, 15, 30, 60})},
   };
+  // The sensor reaches 90 fps only at the smaller sizes.
+  for (const auto &fast : FormatGrid({{MFVideoFormat_YUY2, 2}}, {{848, 480}, {640, 480}, {424, 240}}, {90})) {
+    camera.streams[0].formats.push_back(fast);
+  }
   camera.nodeTypes = {kNodeCameraTerminal, kNodeProcessing, KSNODETYPE_DEV_SPECIFIC,
                       kNodeStreaming};
   camera.extensionUnits = {
@@ -190,6 +194,9 @@ CameraConfig FisheyeCamera() {
       {0, "Fisheye", MFFrameSourceTypes_Infrared,
        FormatGrid({{kSubtypeY8, 1}, {MFVideoFormat_L8, 1}}, {{848, 800}, {640, 480}}, {30, 60})},
   };
+  for (const auto &fast : FormatGrid({{kSubtypeY8, 1}, {MFVideoFormat_L8, 1}}, {{640, 480}}, {90})) {
+    camera.streams[0].formats.push_back(fast);
+  }
   camera.nodeTypes = {kNodeCameraTerminal, KSNODETYPE_DEV_SPECIFIC, kNodeStreaming};
   // Exposure in microseconds (2 bytes); the camera starts at a short exposure that leaves its scene dark.
   camera.extensionUnits = {

@@ -396,8 +396,34 @@ STDMETHODIMP SimulatedCameraFilter::GetOutputAvailableType(DWORD dwOutputStreamI
   ComPtr<IMFMediaType> copy;
   HRESULT hr = MFCreateMediaType(copy.GetAddressOf());
   if (SUCCEEDED(hr)) hr = stream->types[dwTypeIndex]->CopyAllItems(copy.Get());
-  if (SUCCEEDED(hr)) *ppType = copy.Detach();
-  return hr;
+  if (FAILED(hr)) return hr;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (trackHandedOut) handedOutTypes.push_back(copy);
+  }
+  *ppType = copy.Detach();
+  return S_OK;
+}
+
+void SimulatedCameraFilter::TrackHandedOutObjects() {
+  std::lock_guard<std::mutex> lock(mutex);
+  trackHandedOut = true;
+}
+
+ULONG SimulatedCameraFilter::ReferencesHeldOutside() const {
+  // AddRef then Release answers the count without changing it; the filter's own reference is one.
+  auto outside = [](IUnknown *object) -> ULONG {
+    if (object == nullptr) return 0;
+    object->AddRef();
+    return object->Release() - 1;
+  };
+  std::lock_guard<std::mutex> lock(mutex);
+  ULONG held = outside(filterAttributes.Get());
+  for (const auto &entry : streams) {
+    held += outside(entry.second.attributes.Get()) + outside(entry.second.current.Get());
+  }
+  for (const auto &type : handedOutTypes) held += outside(type.Get());
+  return held;
 }
 
 STDMETHODIMP SimulatedCameraFilter::SetInputType(DWORD, IMFMediaType *, DWORD) { return E_NOTIMPL; }

@@ -119,6 +119,12 @@ class SimulatedCameraFilter
   // Output type the frame server set on a stream (empty when none).
   Microsoft::WRL::ComPtr<IMFMediaType> CurrentType(DWORD streamId) const;
 
+  // Leak counting: from now on the filter keeps the media types it hands out, so that it can tell
+  // how many references to them, to its attribute stores and to its current types are held outside.
+  void TrackHandedOutObjects();
+  // References held by others to what the filter handed out (its own references not counted).
+  ULONG ReferencesHeldOutside() const;
+
   // IUnknown: refuses the interfaces the configured driver lacks.
   STDMETHODIMP QueryInterface(REFIID riid, void **ppv) override;
 
@@ -215,6 +221,8 @@ class SimulatedCameraFilter
   std::vector<KsFault> faults;
   std::vector<Subscription> subscriptions;
   std::vector<KsRequestRecord> requests;
+  bool trackHandedOut = false;
+  std::vector<Microsoft::WRL::ComPtr<IMFMediaType>> handedOutTypes;
   // The reported exposure's ramp: from `rampFrom` at `rampStart` to `rampTo`.
   bool rampStarted = false;
   LONG rampFrom = 0;

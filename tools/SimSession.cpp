@@ -15,8 +15,8 @@
 #include "mft_core/recorder/DeviceEventsRecorder.h"
 #include "sim/Session.h"
 #include "tools/DllTransformFactory.h"
+#include "tools/PlatformScope.h"
 #include "tools/Tour.h"
-#include "user_space_frameworks/Trace.h"
 
 namespace {
 
@@ -88,11 +88,8 @@ int main(int argc, char **argv) {
     Usage();
     return 2;
   }
-  user_space_frameworks::trace::ConfigureFromEnvironment();
-  if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) || FAILED(MFStartup(MF_VERSION, MFSTARTUP_FULL))) {
-    std::cerr << "Media Foundation did not start\n";
-    return 1;
-  }
+  const tools::PlatformScope platform;
+  if (!platform.Started()) return 1;
   int exitCode = 0;
   mft_core::DeviceEventsRecorderSettings recordingSettings;
   if (recording.on) {
@@ -109,8 +106,6 @@ int main(int argc, char **argv) {
                                                           : modulePath);
     if (!factory.Load()) {
       std::cerr << factory.Error() << "\n";
-      MFShutdown();
-      CoUninitialize();
       return 1;
     }
     if (tour) {
@@ -125,7 +120,5 @@ int main(int argc, char **argv) {
     mft_core::DeviceEventsRecorderSettings::RemoveFromRegistry();
     std::cout << "Recorded to c:\\VeldaraLogs\\events.bin\n";
   }
-  MFShutdown();
-  CoUninitialize();
   return exitCode;
 }

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <thread>
 
+#include "common/Waiting.h"
 #include "mft_core/transform/PassThroughDeviceMft.h"
 #include "sim/FrameServerHost.h"
 #include "user_space_frameworks/ComObject.h"
@@ -19,20 +20,8 @@ namespace {
 
 const mft_core::DeviceExtensionUnits kDepthUnits{sim::kDepthXuSet, 1, 7};
 
-template <typename T>
-ULONG References(T *object) {
-  object->AddRef();
-  return object->Release();
-}
-
-template <typename Predicate>
-bool WaitFor(Predicate predicate, int timeoutMs = 10000) {
-  for (int waited = 0; waited < timeoutMs; waited += 5) {
-    if (predicate()) return true;
-    Sleep(5);
-  }
-  return predicate();
-}
+using test_waiting::References;
+using test_waiting::WaitFor;
 
 // Counts topologies destroyed while one of their own calls still runs.
 std::atomic<int> topologyCallsInside{0};

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "common/BuiltModule.h"
 #include "platform/WindowsSdk.h"
 #include "sim/FrameServerHost.h"
 
@@ -31,14 +32,7 @@ const ClassCase kClasses[] = {
 
 const GUID kUnknownClass = {0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
 
-std::wstring ModulePath() {
-  std::string path = WQ_MODULE_FILE;
-  if (!path.empty() && path[0] == '/') path = "Z:" + path;  // the build tree through Wine's root drive
-  for (char &c : path) {
-    if (c == '/') c = '\\';
-  }
-  return std::wstring(path.begin(), path.end());
-}
+using test_module::BuiltModulePath;
 
 // The DLL, loaded once for the whole program as a host process would.
 class Module {
@@ -72,7 +66,7 @@ class Module {
     std::remove(traceFile.c_str());
     _putenv_s("WQ400_TRACE", "info");
     _putenv_s("WQ400_TRACE_FILE", traceFile.c_str());
-    handle = LoadLibraryW(ModulePath().c_str());
+    handle = LoadLibraryW(BuiltModulePath().c_str());
   }
   HMODULE handle = nullptr;
 };
@@ -187,7 +181,7 @@ TEST(ModuleLockCount, FactoriesLocksAndLiveObjectsKeepTheModuleLoaded) {
 
 // Wine's own regsvr32, as an installer runs it.
 DWORD RunRegsvr32(const std::wstring &arguments) {
-  std::wstring command = L"regsvr32.exe /s " + arguments + L" \"" + ModulePath() + L"\"";
+  std::wstring command = L"regsvr32.exe /s " + arguments + L" \"" + BuiltModulePath() + L"\"";
   STARTUPINFOW startup = {};
   startup.cb = sizeof(startup);
   PROCESS_INFORMATION process = {};

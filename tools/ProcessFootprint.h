@@ -1,0 +1,20 @@
+// The process's handle count, private memory and CPU time, for leak checks and the soak.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/WindowsSdk.h"
+
+namespace tools {
+
+struct ProcessFootprint {
+  DWORD handles = 0;
+  uint64_t privateBytes = 0;
+  double cpuSeconds = 0;  // user and kernel time of every thread so far
+};
+
+ProcessFootprint MeasureProcess();
+// The commit charge alone: cheap, unlike the handle count under Wine.
+uint64_t PrivateBytes();
+
+}  // namespace tools
