@@ -10,7 +10,7 @@ namespace {
 
 class BaseProductMft : public mft_core::WQ400DeviceMft {
  public:
-  BaseProductMft() : WQ400DeviceMft("WQ400 Test Device MFT", sim::kDepthXuSet, 1, 7) {}
+  BaseProductMft() : WQ400DeviceMft("WQ400 Test Device MFT", GUID_NULL, sim::kDepthXuSet, 1, 7) {}
 };
 
 class WQ400DeviceMftTest : public ::testing::Test, public test_support::ProductHarness {
