@@ -10,10 +10,10 @@
 
 #include "bench/BenchTiming.h"
 #include "bench/DepthMetadataBaseline.h"
+#include "bench/DepthProductTransform.h"
 #include "bench/MediaFoundationSession.h"
 #include "bench/RunningTransform.h"
 #include "platform/WindowsSdk.h"
-#include "tools/DllTransformFactory.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -23,14 +23,9 @@ int main() {
   int status = 0;
   {
     tools::DllTransformFactory factory(tools::DllTransformFactory::DefaultModulePath());
-    if (!factory.Load()) {
-      std::fprintf(stderr, "%s\n", factory.Error().c_str());
-      return 1;
-    }
-    ComPtr<IMFDeviceTransform> device;
+    if (!bench::LoadDepthProduct(factory)) return 1;
     bench::RunningTransform depth;
-    HRESULT hr = factory.CreateTransform(sim::DepthCamera(), &device);
-    if (SUCCEEDED(hr)) hr = depth.Start(sim::DepthCamera(), device, 848, 480, 30);
+    const HRESULT hr = bench::StartDepthProduct(factory, depth);
     ComPtr<IMFSample> sample = bench::MakeCapturedFrame(sim::CameraKind::Depth, 848 * 480 * 2);
     bench::DepthMetadataBaseline metadata;
     if (FAILED(hr) || !sample || !metadata.Init(sample.Get())) {

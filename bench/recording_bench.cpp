@@ -1,32 +1,19 @@
-// The depth frame path (ProcessInput of a 848x480 frame with the camera's capture metadata, the
-// have-output event, ProcessOutput) through a transform recording its device events (samples without
-// pixel data), against the same path through a transform that does not record, in the same run.
+// The depth frame path of the DLL's depth transform (ProcessInput of a 848x480 frame with the camera's
+// capture metadata, the have-output event, ProcessOutput) while the transform records its device
+// events (samples without pixel data). Baseline: the same path through a second depth transform of the
+// same module that does not record, in the same run.
 #include <chrono>
 #include <cstdio>
 #include <thread>
 
 #include "bench/BenchTiming.h"
+#include "bench/DepthProductTransform.h"
 #include "bench/MediaFoundationSession.h"
 #include "bench/RunningTransform.h"
 #include "mft_core/recorder/DeviceEventsRecorder.h"
-#include "mft_core/transform/PassThroughDeviceMft.h"
 #include "platform/WindowsSdk.h"
-#include "user_space_frameworks/ComObject.h"
-
-namespace {
 
 using Microsoft::WRL::ComPtr;
-
-// A pass-through transform over the simulated depth camera running 848x480 at 30 fps.
-HRESULT StartPassThrough(bench::RunningTransform &running) {
-  auto object = user_space_frameworks::MakeComObject<mft_core::PassThroughDeviceMft>(
-      "Bench MFT", mft_core::DeviceExtensionUnits{sim::kDepthXuSet, 1, 7});
-  ComPtr<IMFDeviceTransform> device;
-  const HRESULT hr = object.As(&device);
-  return FAILED(hr) ? hr : running.Start(sim::DepthCamera(), device, 848, 480, 30);
-}
-
-}  // namespace
 
 int main() {
   bench::MediaFoundationSession session;
@@ -36,16 +23,19 @@ int main() {
   GetTempPathW(MAX_PATH, folder);
   const std::wstring path = std::wstring(folder) + L"wq-recording-bench.bin";
   {
+    tools::DllTransformFactory factory(tools::DllTransformFactory::DefaultModulePath());
+    if (!bench::LoadDepthProduct(factory)) return 1;
     bench::RunningTransform plain, recorded;
-    HRESULT hr = StartPassThrough(plain);
+    HRESULT hr = bench::StartDepthProduct(factory, plain);
+    // The transform reads the switch when it is created.
     mft_core::DeviceEventsRecorderSettings settings;
     settings.enabled = true;
     settings.path = path;
     if (SUCCEEDED(hr)) hr = settings.StoreInRegistry();
-    if (SUCCEEDED(hr)) hr = StartPassThrough(recorded);
+    if (SUCCEEDED(hr)) hr = bench::StartDepthProduct(factory, recorded);
     mft_core::DeviceEventsRecorderSettings::RemoveFromRegistry();
     if (FAILED(hr)) {
-      std::fprintf(stderr, "the transforms did not start (0x%08lX)\n", static_cast<unsigned long>(hr));
+      std::fprintf(stderr, "the depth transforms did not start (0x%08lX)\n", static_cast<unsigned long>(hr));
       return 1;
     }
 
