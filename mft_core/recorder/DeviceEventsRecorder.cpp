@@ -271,20 +271,20 @@ void DeviceEventsRecorder::Finish(RecordEncoder &record) {
 }
 
 RecordEncoder DeviceEventsRecorder::BeginCall(std::vector<uint8_t> &buffer, RecordKind kind, HRESULT result,
-                                             const char *function, std::string &name) {
+                                             const char *function, std::string_view &name) {
   const char *begin = nullptr;
   size_t length = 0;
   ShortName(function, begin, length);
-  name.assign(begin, length);
+  name = std::string_view(begin, length);
   RecordEncoder record = Begin(buffer, kind, result);
-  record.String(name.data(), name.size());
+  record.String(begin, length);
   return record;
 }
 
 void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue *arguments, size_t count) {
   if (!IsRecording()) return;
   std::vector<uint8_t> buffer;
-  std::string name;
+  std::string_view name;
   RecordEncoder record = BeginCall(buffer, RecordKind::CallEntry, S_OK, function, name);
   for (size_t i = 0; i < count; ++i) EncodeArgument(record, arguments[i], pixelData);
   Finish(record);
@@ -298,7 +298,7 @@ void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, co
                                         size_t count) {
   if (!IsRecording()) return;
   std::vector<uint8_t> buffer;
-  std::string name;
+  std::string_view name;
   RecordEncoder record = BeginCall(buffer, RecordKind::CallExit, result, function, name);
   for (size_t i = 0; i < count; ++i) EncodeOutput(record, arguments[i], result, pixelData);
   Finish(record);

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "device_events/EventsEncoder.h"
@@ -72,7 +73,7 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   void Finish(device_events::RecordEncoder &record);
   // A call or return record begun with the call's short name ("ProcessInput"), also handed back.
   device_events::RecordEncoder BeginCall(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result,
-                                         const char *function, std::string &name);
+                                         const char *function, std::string_view &name);
 
   const bool pixelData;
   const std::wstring path;

@@ -1,6 +1,8 @@
 #include "mft_core/recorder/EventsFileWriter.h"
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 
 #include "device_events/EventsEncoder.h"
 #include "user_space_frameworks/Check.h"
@@ -15,9 +17,13 @@ using device_events::RecordKind;
 
 // Room kept at the end of a capped file for the drop count and the closing record.
 constexpr uint64_t kCloseReserve = 256;
-constexpr size_t kSpareBuffers = 512;
+// Buffers come back from the writer for reuse, as many as may be queued between two of its wakes, so
+// that a steady recording allocates nothing; a new one starts with room for a frame's record.
 constexpr size_t kLargestSpare = 256 * 1024;
+constexpr size_t kFreshBufferBytes = 2048;
 constexpr size_t kWriteChunk = 1 << 20;
+// How long records wait for the writer while the queue stays short.
+constexpr std::chrono::milliseconds kWriteInterval(100);
 
 }  // namespace
 
@@ -70,7 +76,11 @@ std::vector<uint8_t> EventsFileWriter::TakeBuffer() {
 }
 
 std::vector<uint8_t> EventsFileWriter::SpareBuffer() {
-  if (spareBuffers.empty()) return {};
+  if (spareBuffers.empty()) {
+    std::vector<uint8_t> buffer;
+    buffer.reserve(kFreshBufferBytes);
+    return buffer;
+  }
   std::vector<uint8_t> buffer = std::move(spareBuffers.back());
   spareBuffers.pop_back();
   return buffer;
@@ -102,8 +112,12 @@ void EventsFileWriter::Push(std::vector<uint8_t> &&record) {
     queueDrops = 0;
   }
   queue.push_back(std::move(record));
-  if (writerWaiting) wake.notify_one();
+  // Waking the writer costs the caller a trip through the kernel: it writes on its timer and is woken
+  // only when the queue fills up faster than that.
+  if (writerWaiting && queue.size() >= WakeRecords()) wake.notify_one();
 }
+
+size_t EventsFileWriter::WakeRecords() const { return std::max<size_t>(1, options.queueRecords / 8); }
 
 void EventsFileWriter::Run() {
   std::deque<std::vector<uint8_t>> batch;
@@ -111,9 +125,10 @@ void EventsFileWriter::Run() {
     bool last = false;
     {
       std::unique_lock<std::mutex> lock(mutex);
+      // On its timer, or earlier once the queue is long: never for a record or two, which would keep it
+      // running beside the callers and taking their lock.
       writerWaiting = true;
-      wake.wait_for(lock, std::chrono::milliseconds(100),
-                    [&] { return stopping || (!paused && !queue.empty()); });
+      wake.wait_for(lock, kWriteInterval, [&] { return stopping || (!paused && queue.size() >= WakeRecords()); });
       writerWaiting = false;
       if (paused && !stopping) continue;
       batch.swap(queue);
@@ -126,16 +141,26 @@ void EventsFileWriter::Run() {
       }
     }
     Write(batch, last);
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      for (auto &buffer : batch) {
-        if (spareBuffers.size() < kSpareBuffers && buffer.capacity() <= kLargestSpare) {
-          buffer.clear();
-          spareBuffers.push_back(std::move(buffer));
-        }
+    // The buffers go back for reuse in one short turn of the lock.
+    for (auto &buffer : batch) {
+      if (recycled.size() < 2 * WakeRecords() && buffer.capacity() <= kLargestSpare) {
+        buffer.clear();
+        recycled.push_back(std::move(buffer));
       }
     }
     batch.clear();
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (spareBuffers.empty()) {
+        spareBuffers.swap(recycled);
+      } else {
+        const size_t room = 2 * WakeRecords() - std::min(spareBuffers.size(), 2 * WakeRecords());
+        const size_t taken = std::min(room, recycled.size());
+        spareBuffers.insert(spareBuffers.end(), std::make_move_iterator(recycled.begin()),
+                            std::make_move_iterator(recycled.begin() + static_cast<std::ptrdiff_t>(taken)));
+      }
+    }
+    recycled.clear();
     if (last) return;
   }
 }

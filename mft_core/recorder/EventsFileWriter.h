@@ -1,6 +1,7 @@
-// Writes encoded records to the recording file on a thread of its own. Callers only queue: a full
-// queue or a full file drops records, counts them, and leaves a record saying how many, so the frame
-// path never waits for the disk and nothing is lost silently.
+// Writes encoded records to the recording file on a thread of its own, every 100 ms or sooner when the
+// queue grows long. Callers only queue: a full queue or a full file drops records, counts them, and
+// leaves a record saying how many, so the frame path never waits for the disk and nothing is lost
+// silently.
 #pragma once
 
 #include <atomic>
@@ -62,6 +63,7 @@ class EventsFileWriter {
   void Run();
   void Write(std::deque<std::vector<uint8_t>> &batch, bool final);
   std::vector<uint8_t> SpareBuffer();  // with the lock held
+  size_t WakeRecords() const;          // queued records that wake the writer before its time
   void EncodeDropped(std::vector<uint8_t> &out, uint64_t count, device_events::DropReason reason) const;
 
   user_space_frameworks::UniqueHandle file;
@@ -85,6 +87,7 @@ class EventsFileWriter {
   uint64_t recordsWritten = 0;
   uint64_t capDrops = 0;
   std::vector<uint8_t> writeBuffer;
+  std::vector<std::vector<uint8_t>> recycled;  // written records' buffers on their way back
 };
 
 }  // namespace mft_core

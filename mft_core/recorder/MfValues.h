@@ -15,6 +15,9 @@ namespace mft_core {
 device_events::Guid ToRecorded(const GUID &guid);
 GUID FromRecorded(const device_events::Guid &guid);
 
+// Appends `attributes` in the layout of MFGetAttributesAsBlob, read value by value under the store's
+// lock; false (and nothing appended) when the store refuses a read.
+bool AppendAttributeStore(IMFAttributes *attributes, std::vector<uint8_t> &out);
 // An attribute store as the platform lays it out (MFGetAttributesAsBlob), under `tag`
 // (Attributes or MediaType); an empty store when the platform cannot lay it out.
 void EncodeAttributes(device_events::RecordEncoder &record, IMFAttributes *attributes, device_events::ValueTag tag);
