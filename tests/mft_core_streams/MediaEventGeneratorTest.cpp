@@ -3,6 +3,7 @@
 #include <atomic>
 #include <thread>
 
+#include "common/Waiting.h"
 #include "mft_core_streams/StreamTestSupport.h"
 #include "user_space_frameworks/MediaEventNames.h"
 #include "user_space_frameworks/Trace.h"
@@ -58,7 +59,7 @@ TEST(MediaEventGeneratorTest, BlockingGetEventDoesNotHoldUpQueueEventOrShutdown)
   });
   Sleep(50);  // let the reader block
   EXPECT_EQ(S_OK, generator->QueueEvent(METransformHaveOutput, GUID_NULL, S_OK, nullptr));
-  for (int i = 0; i < 500 && firstResult == E_PENDING; ++i) Sleep(10);
+  EXPECT_TRUE(test_waiting::WaitFor([&] { return firstResult != E_PENDING; }));
   EXPECT_EQ(S_OK, firstResult.load());
   EXPECT_EQ(static_cast<MediaEventType>(METransformHaveOutput), firstType.load());
   // The reader is blocked again; shutting down must not wait for it, and releases it.
@@ -119,12 +120,8 @@ TEST(MediaEventGeneratorTest, AFailingPlatformCallIsReportedWithItsExpression) {
   generator->Shutdown();
 }
 
-TEST(MediaEventNamesTest, NamesTheTypesInUseAndNothingElse) {
-  EXPECT_STREQ("METransformHaveOutput", user_space_frameworks::MediaEventTypeName(METransformHaveOutput));
-  EXPECT_STREQ("METransformInputStreamStateChanged",
-               user_space_frameworks::MediaEventTypeName(METransformInputStreamStateChanged));
+TEST(MediaEventNamesTest, NamesKnownTypesAndReadsUnknownForOthers) {
   EXPECT_STREQ("MEDeviceThermalStateChanged", user_space_frameworks::MediaEventTypeName(MEDeviceThermalStateChanged));
-  EXPECT_STREQ("MEUnknown", user_space_frameworks::MediaEventTypeName(MEUnknown));
   EXPECT_STREQ("Unknown", user_space_frameworks::MediaEventTypeName(12345));
 }
 
