@@ -58,7 +58,7 @@ std::vector<DWORD> Ids(IMFDeviceTransform *device, bool input) {
   return input ? in : out;
 }
 
-TEST_F(DeviceTransformTest, CreatesOneInputPerFilterStreamAndOneOutputPerInput) {
+TEST_F(DeviceTransformTest, CreatesOneInputPerFilterStreamNumberedAsListedAndOneOutputPerInput) {
   sim::CameraConfig camera = sim::DepthCamera();
   camera.streams[0].id = 4;
   camera.streams[1].id = 7;
@@ -94,12 +94,11 @@ TEST_F(DeviceTransformTest, CreatesOneInputPerFilterStreamAndOneOutputPerInput) 
   EXPECT_EQ(0u, MFGetAttributeUINT32(attributes.Get(), MF_SA_D3D_AWARE, 1));
   UINT32 urlLength = 0;
   EXPECT_EQ(S_OK, attributes->GetStringLength(MFT_ENUM_HARDWARE_URL_Attribute, &urlLength));
-}
 
-TEST_F(DeviceTransformTest, NumbersStreamsFromZeroWhenTheFilterDoesNotListThem) {
-  sim::CameraConfig camera = sim::DepthCamera();
-  camera.reportsStreamIds = false;
-  Connect(camera, "Test Device MFT", kDepthUnits);
+  // A filter that does not list its stream ids has them numbered from zero.
+  sim::CameraConfig unlisted = sim::DepthCamera();
+  unlisted.reportsStreamIds = false;
+  Connect(unlisted, "Test Device MFT", kDepthUnits);
   ASSERT_EQ(S_OK, host->Initialize());
   EXPECT_EQ((std::vector<DWORD>{0, 1, 2}), Ids(device.Get(), true));
 }

@@ -169,7 +169,6 @@ TEST_F(FishEyeTransform, FramesOfAnotherSizeStreamButNeverReachTheEngine) {
   ConnectAndInitialize();
   ASSERT_EQ(S_OK, Start(0, 848, 800, 60));
   for (const auto &frame : NextFrames(30)) EXPECT_EQ(400u, frame.exposureUs);
-  EXPECT_TRUE(sink->Contains("is not 640x480"));
   EXPECT_EQ(1u, sink->Count("is not 640x480"));
 }
 
