@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "common/FakeKsControl.h"
+#include "common/Waiting.h"
 #include "mft_core/ks/KsEventListener.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -114,7 +115,7 @@ TEST_F(KsEventListenerTest, EnablesTheEventAndNotifiesOnEverySignal) {
   EXPECT_EQ(1u, driver->DisableCount());
 }
 
-TEST_F(KsEventListenerTest, StartsAndStopsAreCounted) {
+TEST_F(KsEventListenerTest, StartsAndStopsAreCountedAndAFailingEnableStillStops) {
   ASSERT_EQ(S_OK, listener->Start());
   ASSERT_EQ(S_OK, listener->Start());
   EXPECT_EQ(1u, driver->EnableCount());
@@ -131,9 +132,8 @@ TEST_F(KsEventListenerTest, StartsAndStopsAreCounted) {
   EXPECT_EQ(2u, driver->EnableCount());
   listener->Stop();
   EXPECT_EQ(2u, driver->DisableCount());
-}
 
-TEST_F(KsEventListenerTest, FailingEnableIsReturnedAndTheStopStillCompletes) {
+  // A failing enable is returned, and its stop still completes.
   driver->Script({E_ACCESSDENIED});
   EXPECT_EQ(E_ACCESSDENIED, listener->Start());
   EXPECT_EQ(KsEventListener::Active, listener->GetState());
@@ -246,23 +246,6 @@ TEST_F(KsEventListenerTest, StartAndStopRacingNotificationsStayBalanced) {
   EXPECT_GE(observer->count.load(), before + 1);
 }
 
-TEST(KsEventListenerLifetimeTest, ReleasingAStartedListenerStopsItWithoutLeaks) {
-  auto driver = user_space_frameworks::MakeComObject<FakeKsControl>();
-  DWORD before = 0, after = 0;
-  ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &before));
-  {
-    auto listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE);
-    ASSERT_EQ(S_OK, listener->Init(driver.Get()));
-    ASSERT_EQ(S_OK, listener->Start());
-    ASSERT_EQ(S_OK, listener->Start());
-  }
-  EXPECT_EQ(1u, driver->DisableCount());
-  // Let the work queue drop its last references.
-  Sleep(100);
-  ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &after));
-  EXPECT_LE(after, before);
-}
-
 // Waiting work items the test completes by hand: a wait can fail to arm, complete with any status, and
 // a cancel completes the wait late from another thread, as a busy platform queue does.
 class ScriptedWorkItems : public mft_utils::WaitWorkItemWrapper {
@@ -331,11 +314,7 @@ class ScriptedListenerTest : public ::testing::Test {
     workItems.reset();
   }
   bool WaitForState(KsEventListener::State state) {
-    for (int i = 0; i < 2000; ++i) {
-      if (listener->GetState() == state) return true;
-      Sleep(1);
-    }
-    return false;
+    return test_waiting::WaitFor([&] { return listener->GetState() == state; });
   }
   ComPtr<FakeKsControl> driver;
   std::shared_ptr<ScriptedWorkItems> workItems;
@@ -398,22 +377,27 @@ TEST_F(ScriptedListenerTest, AFailedWaitIsReportedAndArmedAgain) {
   EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
 }
 
-// However long the platform keeps a finished or cancelled work item, a released listener leaves the
-// driver's control referenced only by its owner.
-TEST(KsEventListenerLifetimeTest, AReleasedListenerLetsGoOfTheDriverAfterStartAndStop) {
+// However long the platform keeps a finished or cancelled work item, a released listener, stopped or
+// still started, leaves the driver's control referenced only by its owner and no handle behind.
+TEST(KsEventListenerLifetimeTest, AReleasedListenerStopsAndLetsGoOfTheDriverAndItsHandles) {
   auto driver = user_space_frameworks::MakeComObject<FakeKsControl>();
-  driver->AddRef();
-  const ULONG alone = driver->Release();
+  const ULONG alone = test_waiting::References(driver.Get());
+  DWORD before = 0;
+  ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &before));
   {
     auto listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE);
     ASSERT_EQ(S_OK, listener->Init(driver.Get()));
     ASSERT_EQ(S_OK, listener->Start());
     listener->Stop();
     ASSERT_EQ(S_OK, listener->Start());
+    ASSERT_EQ(S_OK, listener->Start());
   }
-  Sleep(100);
-  driver->AddRef();
-  EXPECT_EQ(alone, driver->Release());
+  EXPECT_EQ(2u, driver->DisableCount());
+  EXPECT_TRUE(test_waiting::WaitFor([&] { return test_waiting::References(driver.Get()) == alone; }));
+  EXPECT_TRUE(test_waiting::WaitFor([&] {
+    DWORD after = 0;
+    return GetProcessHandleCount(GetCurrentProcess(), &after) && after <= before;
+  }));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "common/MediaTypes.h"
+#include "common/Waiting.h"
 #include "mft_core_streams/StreamTestSupport.h"
 #include "mft_core/streams/OutputStream.h"
 
@@ -13,11 +14,6 @@ using test_support::DrainEvents;
 using test_support::MakeSample;
 using test_support::MakeVideoType;
 using test_support::TestEventGenerator;
-
-ULONG RefCount(IUnknown *object) {
-  object->AddRef();
-  return object->Release();
-}
 
 class OutputStreamTest : public ::testing::Test {
  protected:
@@ -36,10 +32,10 @@ class OutputStreamTest : public ::testing::Test {
 
 TEST_F(OutputStreamTest, StoppedStreamDropsSamplesAndLeavesTheBufferUntouched) {
   auto sample = MakeSample(1);
-  const ULONG before = RefCount(sample.Get());
+  const ULONG before = test_waiting::References(sample.Get());
   ASSERT_EQ(S_OK, stream->ProcessSample(sample.Get()));
   EXPECT_EQ(0u, stream->GetQueueLength());
-  EXPECT_EQ(before, RefCount(sample.Get()));
+  EXPECT_EQ(before, test_waiting::References(sample.Get()));
   EXPECT_TRUE(DrainEvents(*generator.Get()).empty());
 
   MFT_OUTPUT_DATA_BUFFER buffer{};
@@ -72,7 +68,7 @@ TEST_F(OutputStreamTest, RunningStreamAnnouncesItselfThenHandsSamplesOutInOrder)
     EXPECT_EQ(0u, buffer.dwStatus);
     EXPECT_EQ(expected.Get(), buffer.pSample);
     // The queue's reference went to the caller: ours, the caller's, nothing else.
-    EXPECT_EQ(2u, RefCount(buffer.pSample));
+    EXPECT_EQ(2u, test_waiting::References(buffer.pSample));
     buffer.pSample->Release();
   }
   MFT_OUTPUT_DATA_BUFFER buffer{};
@@ -85,13 +81,13 @@ TEST_F(OutputStreamTest, RunningStreamAnnouncesItselfThenHandsSamplesOutInOrder)
 TEST_F(OutputStreamTest, FlushReleasesEveryQueuedSample) {
   ASSERT_EQ(S_OK, stream->SetState(DeviceStreamState_Run));
   auto sample = MakeSample();
-  const ULONG before = RefCount(sample.Get());
+  const ULONG before = test_waiting::References(sample.Get());
   ASSERT_EQ(S_OK, stream->ProcessSample(sample.Get()));
   ASSERT_EQ(S_OK, stream->ProcessSample(sample.Get()));
-  EXPECT_EQ(before + 2, RefCount(sample.Get()));
+  EXPECT_EQ(before + 2, test_waiting::References(sample.Get()));
   ASSERT_EQ(S_OK, stream->Flush());
   EXPECT_EQ(0u, stream->GetQueueLength());
-  EXPECT_EQ(before, RefCount(sample.Get()));
+  EXPECT_EQ(before, test_waiting::References(sample.Get()));
 }
 
 TEST(OutputStreamAttributesTest, BuildsTheStreamStoreFromItsConfiguration) {

@@ -3,6 +3,7 @@
 #include <functional>
 #include <new>
 
+#include "common/MediaTypes.h"
 #include "mft_core/transform/MFDeviceTransform.h"
 
 namespace mft_core {
@@ -11,13 +12,7 @@ namespace {
 using Microsoft::WRL::ComPtr;
 
 ComPtr<IMFMediaType> MakeType(UINT32 width, UINT32 height) {
-  ComPtr<IMFMediaType> type;
-  EXPECT_EQ(S_OK, MFCreateMediaType(&type));
-  type->SetGUID(MF_MT_MAJOR_TYPE, MFMediaType_Video);
-  type->SetGUID(MF_MT_SUBTYPE, MFVideoFormat_YUY2);
-  MFSetAttributeSize(type.Get(), MF_MT_FRAME_SIZE, width, height);
-  MFSetAttributeRatio(type.Get(), MF_MT_FRAME_RATE, 30, 1);
-  return type;
+  return test_support::MakeVideoType(MFVideoFormat_YUY2, width, height, 30);
 }
 
 // Streams are made directly (no driver filter): input streams 7 and 9, output streams 0 and 1 offering
@@ -90,21 +85,6 @@ class MFDeviceTransformTest : public ::testing::Test {
   ComPtr<IMFTransform> transform;
   ComPtr<IMFShutdown> shutdown;
 };
-
-TEST_F(MFDeviceTransformTest, AnswersEachInterfaceOfTheObject) {
-  ComPtr<IUnknown> unknown, viaDevice, viaKs;
-  ComPtr<IMFMediaEventGenerator> events;
-  ComPtr<IMFRealTimeClientEx> realTime;
-  ComPtr<IKsControl> ksControl;
-  EXPECT_EQ(S_OK, device.As(&events));
-  EXPECT_EQ(S_OK, transform.As(&realTime));
-  EXPECT_EQ(S_OK, realTime.As(&ksControl));
-  EXPECT_EQ(S_OK, ksControl.As(&viaKs));
-  EXPECT_EQ(S_OK, device.As(&viaDevice));
-  EXPECT_EQ(viaDevice.Get(), viaKs.Get());
-  ComPtr<IMFAttributes> notOffered;
-  EXPECT_EQ(E_NOINTERFACE, device.As(&notOffered));
-}
 
 TEST_F(MFDeviceTransformTest, TransformViewForwardsOnlyItsListedMethods) {
   DWORD in = 0, out = 0;

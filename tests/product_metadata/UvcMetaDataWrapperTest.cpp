@@ -91,30 +91,26 @@ MetadataItemView Lookup(const std::vector<uint8_t> &bytes, uint32_t id, uint32_t
 
 TEST(UvcMetaDataWrapperLookup, MalformedItemsEndTheSearch) {
   const auto payload = Pattern(16, 3);
-  {
-    // Size 0 would never advance: the wanted item after it stays out of reach.
+  struct Case {
+    const char *name;
+    std::vector<uint8_t> bytes;
+    uint32_t minSize;
+    bool found;
+  } cases[] = {
+      // Size 0 would never advance: the wanted item after it stays out of reach.
+      {"after a zero size",
+       MetadataBufferBuilder().UsbVideoHeader(1).ItemWithSizeField(0x80000009, 0, nullptr, 0).Item(kId, payload.data(), 16).Bytes(),
+       16, false},
+      {"overrunning", MetadataBufferBuilder().UsbVideoHeader(1).ItemWithSizeField(kId, 8 + 17, payload.data(), 16).Bytes(),
+       0, false},
+      // Found items before a malformed one are still found.
+      {"before an overrun",
+       MetadataBufferBuilder().UsbVideoHeader(1).Item(kId, payload.data(), 16).ItemWithSizeField(0x80000009, 0x7FFFFFF0, nullptr, 0).Bytes(),
+       16, true},
+  };
+  for (const Case &c : cases) {
     UvcMetaDataWrapper wrapper;
-    auto bytes = MetadataBufferBuilder()
-                     .UsbVideoHeader(1)
-                     .ItemWithSizeField(0x80000009, 0, nullptr, 0)
-                     .Item(kId, payload.data(), 16)
-                     .Bytes();
-    EXPECT_FALSE(Lookup(bytes, kId, 16, 16, wrapper));
-  }
-  {
-    UvcMetaDataWrapper wrapper;
-    auto bytes = MetadataBufferBuilder().UsbVideoHeader(1).ItemWithSizeField(kId, 8 + 17, payload.data(), 16).Bytes();
-    EXPECT_FALSE(Lookup(bytes, kId, 0, 0xFFFFFFFF, wrapper));
-  }
-  {
-    // Found items before a malformed one are still found.
-    UvcMetaDataWrapper wrapper;
-    auto bytes = MetadataBufferBuilder()
-                     .UsbVideoHeader(1)
-                     .Item(kId, payload.data(), 16)
-                     .ItemWithSizeField(0x80000009, 0x7FFFFFF0, nullptr, 0)
-                     .Bytes();
-    EXPECT_TRUE(Lookup(bytes, kId, 16, 16, wrapper));
+    EXPECT_EQ(c.found, static_cast<bool>(Lookup(c.bytes, kId, c.minSize, c.minSize ? 16 : 0xFFFFFFFF, wrapper))) << c.name;
   }
 }
 

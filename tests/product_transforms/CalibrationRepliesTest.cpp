@@ -1,62 +1,15 @@
-// Calibration controls read from an extension unit of the simulated camera, and intrinsics records
-// that are short or lie about their model count (nothing may be read past what the driver returned).
+// Intrinsics records that are short or lie about their model count: nothing may be read past what the
+// driver returned. (Reading the calibration controls themselves is checked through the transforms.)
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "product/transforms/WQ400CalibrationReplies.h"
 #include "sim/CalibrationReplies.h"
-#include "sim/SimulatedCameraFilter.h"
-#include "user_space_frameworks/ComObject.h"
 
-using Microsoft::WRL::ComPtr;
 using namespace mft_core;
 
 namespace {
-
-constexpr ULONG kSelector = 2;
-
-struct CalibrationFixture : ::testing::Test {
-  // The color camera's unit with control 2 holding `value`.
-  void Connect(const std::vector<BYTE> &value) {
-    sim::CameraConfig camera = sim::ColorCamera();
-    for (auto &control : camera.extensionUnits[0].controls) {
-      if (control.id == kSelector) control = sim::ControlConfig{kSelector, value};
-    }
-    filter = sim::SimulatedCameraFilter::Create(camera);
-    ASSERT_TRUE(filter);
-    ComPtr<IMFTransform> transform;
-    ComPtr<IKsControl> ksControl;
-    ASSERT_EQ(S_OK, filter.As(&transform));
-    ASSERT_EQ(S_OK, filter.As(&ksControl));
-    unit = user_space_frameworks::MakeComObject<ExtensionUnitKsControl>(sim::kColorXuSet, "Color ");
-    ASSERT_EQ(S_OK, unit->Init(transform, ksControl, kSelector));
-  }
-
-  ComPtr<sim::SimulatedCameraFilter> filter;
-  ComPtr<ExtensionUnitKsControl> unit;
-};
-
-TEST_F(CalibrationFixture, ReadsTheWholeControlWhateverItsSize) {
-  for (const std::vector<BYTE> &value : {std::vector<BYTE>{}, std::vector<BYTE>{7, 8, 9}, sim::FisheyeIntrinsicsReply()}) {
-    Connect(value);
-    std::vector<BYTE> reply{0xEE};
-    EXPECT_EQ(S_OK, ReadCalibrationControl(*unit.Get(), kSelector, reply));
-    EXPECT_EQ(value, reply);
-  }
-}
-
-TEST_F(CalibrationFixture, ADriverThatRefusesTheControlLeavesNothing) {
-  Connect(sim::CalibrationTable({{2, sim::IntrinsicsBody(640, 480, 320.0f)}}));
-  sim::KsFault fault;
-  fault.set = sim::kColorXuSet;
-  fault.id = kSelector;
-  fault.result = E_ACCESSDENIED;
-  filter->InjectFault(fault);
-  std::vector<BYTE> reply{1, 2, 3};
-  EXPECT_EQ(S_OK, ReadCalibrationControl(*unit.Get(), kSelector, reply));
-  EXPECT_TRUE(reply.empty());
-}
 
 TEST(IntrinsicsRecord, CopiesExactlyTheModelsTheCountClaimsWhenTheyAreThere) {
   std::vector<BYTE> twoModels = sim::IntrinsicsBody(640, 480, 320.0f, 2);

@@ -36,11 +36,7 @@ GUID CalibrationIdOf(const std::vector<BYTE> &extrinsics) {
   return id;
 }
 
-struct ColorTransform : ::testing::Test, ProductHarness {
-  void TearDown() override {
-    if (host) EXPECT_EQ(S_OK, host->Shutdown());
-  }
-};
+using ColorTransform = ProductTest;
 
 TEST_F(ColorTransform, PublishesTheFirstEntrysCalibrationWithExtrinsicsRelativeToDepth) {
   const std::vector<BYTE> intrinsics = sim::IntrinsicsBody(1280, 720, 640.0f);

@@ -119,12 +119,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(DepthCalibrationTest, ATableTheDriverCannotReadLeavesTheStreamsWithoutIt) {
   sim::CameraConfig camera = sim::DepthCamera();
   Connect(camera);
-  sim::KsFault fault;
-  fault.set = sim::kDepthXuSet;
-  fault.id = kIntrinsics;
-  fault.flagsMask = KSPROPERTY_TYPE_GET;
-  fault.result = HRESULT_FROM_WIN32(ERROR_GEN_FAILURE);
-  filter->InjectFault(fault);
+  InjectPropertyFault(sim::kDepthXuSet, kIntrinsics, KSPROPERTY_TYPE_GET, HRESULT_FROM_WIN32(ERROR_GEN_FAILURE));
   ASSERT_EQ(S_OK, Initialize());
   for (DWORD stream : {kDepth, kInfrared1, kInfrared2}) {
     EXPECT_TRUE(Intrinsics(stream).empty());

@@ -118,11 +118,7 @@ TEST_F(DepthDeviceInformationTest, AShortOrFailedReplyNeitherFailsInitialisation
     if (shortReply) {
       AnswerDeviceInformation(*filter.Get(), true);
     } else {
-      sim::KsFault fault;
-      fault.set = sim::kDepthXuSet;
-      fault.id = 1;
-      fault.result = HRESULT_FROM_WIN32(ERROR_GEN_FAILURE);
-      filter->InjectFault(fault);
+      InjectPropertyFault(sim::kDepthXuSet, 1, 0, HRESULT_FROM_WIN32(ERROR_GEN_FAILURE));
     }
     ASSERT_EQ(S_OK, Initialize());
     filter->ClearFaults();

@@ -40,11 +40,7 @@ sim::CameraConfig CameraFor(const LoopCase &loopCase) {
   return camera;
 }
 
-struct ClosedLoop : ::testing::TestWithParam<LoopCase>, ProductHarness {
-  void TearDown() override {
-    if (host) EXPECT_EQ(S_OK, host->Shutdown());
-  }
-};
+struct ClosedLoop : ProductTest, ::testing::WithParamInterface<LoopCase> {};
 
 TEST_P(ClosedLoop, ConvergesFromADarkStartAndHoldsWithinTheDevicesLimits) {
   const LoopCase &loopCase = GetParam();
@@ -105,11 +101,7 @@ INSTANTIATE_TEST_SUITE_P(
         LoopCase{"WithoutGainControl", {16, 16, 1, 16}, 6000.0 * 16, true, false}),
     [](const ::testing::TestParamInfo<LoopCase> &info) { return std::string(info.param.name); });
 
-struct ManualStopsTheLoop : ::testing::Test, ProductHarness {
-  void TearDown() override {
-    if (host) EXPECT_EQ(S_OK, host->Shutdown());
-  }
-};
+using ManualStopsTheLoop = ProductTest;
 
 TEST_F(ManualStopsTheLoop, AfterConvergenceAManualExposureHoldsAndAutoResumes) {
   Connect<mft_core::WQ400FishEyeDeviceMft>(sim::FisheyeCamera());

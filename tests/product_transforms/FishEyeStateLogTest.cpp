@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "ProductHarness.h"
+#include "SystemStateGuards.h"
 #include "product/transforms/WQ400FishEyeDeviceMft.h"
 
 using namespace test_support;
@@ -14,28 +15,6 @@ namespace {
 
 const wchar_t kKey[] = L"Software\\Tavix\\Veldara\\WQ4XX\\FEExposure";
 const wchar_t kLogPath[] = L"c:\\Tavix\\Logs\\AEState.txt";
-
-// Sets "AEStateLog" for the test's lifetime; removes what it created.
-class ScopedStateLogSwitch {
- public:
-  explicit ScopedStateLogSwitch(DWORD value) {
-    DWORD disposition = 0;
-    EXPECT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
-                                             &disposition));
-    createdKey = disposition == REG_CREATED_NEW_KEY;
-    EXPECT_EQ(ERROR_SUCCESS, RegSetValueExW(key, L"AEStateLog", 0, REG_DWORD, reinterpret_cast<const BYTE *>(&value),
-                                            sizeof(value)));
-  }
-  ~ScopedStateLogSwitch() {
-    RegDeleteValueW(key, L"AEStateLog");
-    RegCloseKey(key);
-    if (createdKey) RegDeleteKeyW(HKEY_LOCAL_MACHINE, kKey);
-  }
-
- private:
-  HKEY key = nullptr;
-  bool createdKey = false;
-};
 
 bool LogExists() { return GetFileAttributesW(kLogPath) != INVALID_FILE_ATTRIBUTES; }
 
@@ -61,12 +40,11 @@ TEST(FishEyeStateLog, IsOffByDefaultAndWrittenWhenTheRegistrySwitchesItOn) {
   StreamSomeFrames();
   EXPECT_FALSE(LogExists());
   {
-    ScopedStateLogSwitch off(0);
+    RegistryValueGuard logSwitch(kKey, L"AEStateLog");
+    logSwitch.SetDword(0);
     StreamSomeFrames();
     EXPECT_FALSE(LogExists());
-  }
-  {
-    ScopedStateLogSwitch on(1);
+    logSwitch.SetDword(1);
     StreamSomeFrames();
   }
   ASSERT_TRUE(LogExists());

@@ -39,14 +39,9 @@ uint64_t ProductHarness::FramesOut(DWORD streamId) {
   return 0;
 }
 
-ComPtr<IMFAttributes> ProductHarness::StreamAttributes(DWORD streamId) {
+std::vector<BYTE> ProductHarness::StreamBlob(DWORD streamId, REFGUID key) {
   ComPtr<IMFAttributes> attributes;
   EXPECT_EQ(S_OK, device->GetOutputStreamAttributes(streamId, attributes.GetAddressOf()));
-  return attributes;
-}
-
-std::vector<BYTE> ProductHarness::StreamBlob(DWORD streamId, REFGUID key) {
-  ComPtr<IMFAttributes> attributes = StreamAttributes(streamId);
   UINT32 size = 0;
   if (!attributes || FAILED(attributes->GetBlobSize(key, &size))) return {};
   std::vector<BYTE> blob(size);

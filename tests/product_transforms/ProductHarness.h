@@ -5,13 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
+#include "common/Waiting.h"
 #include "product/transforms/WQ400DepthDeviceMft.h"
 #include "sim/FrameServerHost.h"
 #include "user_space_frameworks/ComObject.h"
@@ -19,14 +18,7 @@
 
 namespace test_support {
 
-template <typename Predicate>
-bool WaitFor(Predicate predicate, int timeoutMs = 10000) {
-  for (int waited = 0; waited < timeoutMs; waited += 5) {
-    if (predicate()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return predicate();
-}
+using test_waiting::WaitFor;
 
 // An extension unit's control as the sim holds it; throws (failing the test) when the camera has none.
 sim::ControlConfig &UnitControl(sim::CameraConfig &camera, const GUID &set, ULONG id);
@@ -62,7 +54,6 @@ class ProductHarness {
   Microsoft::WRL::ComPtr<IMFMediaType> OutputType(DWORD streamId, UINT32 width, UINT32 height, UINT32 fps);
   HRESULT Start(DWORD streamId, UINT32 width = 848, UINT32 height = 480, UINT32 fps = 30);
   uint64_t FramesOut(DWORD streamId);
-  Microsoft::WRL::ComPtr<IMFAttributes> StreamAttributes(DWORD streamId);
   // Output stream attribute `key` as bytes; empty when absent.
   std::vector<BYTE> StreamBlob(DWORD streamId, REFGUID key);
 
@@ -79,6 +70,12 @@ class ProductHarness {
   // The standard gain through the transform.
   HRESULT SetGain(LONG gain);
   HRESULT GetGain(LONG &gain);
+
+  // The camera answers its property requests of `set` and `id` whose flags hold `flagsMask` with
+  // `result`, `count` times (-1: always).
+  void InjectPropertyFault(const GUID &set, ULONG id, ULONG flagsMask, HRESULT result = E_FAIL, int count = -1) {
+    filter->InjectFault(sim::KsFault{sim::KsRequestKind::Property, set, id, flagsMask, result, count});
+  }
 
   // The fisheye unit's exposure control as the camera holds it (microseconds).
   LONG DeviceExposureUs();
@@ -103,6 +100,13 @@ class ProductHarness {
   user_space_frameworks::Event autoDone{true};
   std::mutex mutex;
   std::vector<DeliveredFrame> frames;
+};
+
+// A harness whose transform must shut down cleanly at the end of the test.
+struct ProductTest : ::testing::Test, ProductHarness {
+  void TearDown() override {
+    if (host) EXPECT_EQ(S_OK, host->Shutdown());
+  }
 };
 
 // A depth transform over a simulated depth camera; Initialize() runs InitializeTransform.

@@ -32,7 +32,7 @@ class WQ400DeviceMftTest : public ::testing::Test, public test_support::ProductH
   }
 };
 
-TEST_F(WQ400DeviceMftTest, RawDepthAndInfraredSubtypesAreNeverPublished) {
+TEST_F(WQ400DeviceMftTest, RawDepthAndInfraredSubtypesAreNeitherPublishedNorAccepted) {
   sim::CameraConfig camera = sim::DepthCamera();
   // A stream that offers nothing but raw formats publishes no type at all.
   camera.streams[2].formats = sim::FormatGrid({{sim::kSubtypeY8, 1}, {sim::kSubtypeZ16, 2}}, {{640, 480}}, {30});
@@ -43,8 +43,10 @@ TEST_F(WQ400DeviceMftTest, RawDepthAndInfraredSubtypesAreNeverPublished) {
   for (const GUID &subtype : depth) EXPECT_EQ(MFVideoFormat_D16, subtype);
   for (const GUID &subtype : infrared) EXPECT_EQ(MFVideoFormat_L8, subtype);
   EXPECT_TRUE(OutputSubtypes(2).empty());
-  EXPECT_EQ(mft_core::kWQ400SubtypeZ16, sim::kSubtypeZ16);
-  EXPECT_EQ(mft_core::kWQ400SubtypeY8, sim::kSubtypeY8);
+  // Nor accepted when asked for.
+  ComPtr<IMFMediaType> raw;
+  ASSERT_EQ(S_OK, sim::SimulatedCameraFilter::CreateMediaType({sim::kSubtypeZ16, 848, 480, 30, 2}, raw.GetAddressOf()));
+  EXPECT_EQ(E_INVALIDARG, device->SetOutputStreamState(0, raw.Get(), DeviceStreamState_Run, 0));
 }
 
 TEST_F(WQ400DeviceMftTest, EveryControlOfTheProductUnitReachesTheUnitsNode) {

@@ -70,7 +70,7 @@ TEST_F(Fixture, FindsFirstDeviceSpecificNodeThatSupportsTheSetAndAddressesEveryR
   }
 }
 
-TEST_F(Fixture, RequestsBeforeASuccessfulInitAreRefused) {
+TEST_F(Fixture, InitFailsWithoutTheUnitTopologyOrNodesAndRequestsBeforeItAreRefused) {
   Connect(sim::DepthCamera());
   KSPROPERTY property = {sim::kDepthXuSet, 3, KSPROPERTY_TYPE_GET};
   uint32_t value = 0;
@@ -86,9 +86,8 @@ TEST_F(Fixture, RequestsBeforeASuccessfulInitAreRefused) {
   EXPECT_EQ(E_NOINTERFACE, missing->Init(transform, ksControl, 1));
   EXPECT_EQ(E_NOINTERFACE, missing->SendKsProperty(1, &value, sizeof(value), KSPROPERTY_TYPE_GET, bytesReturned));
   EXPECT_EQ(0u, filter->CountRequests(KsRequestKind::Property, sim::kDepthXuSet, 3));
-}
 
-TEST_F(Fixture, InitFailsWithoutTopologyOrNodes) {
+  // Nor is a unit found without topology information or nodes.
   sim::CameraConfig noTopology = sim::DepthCamera();
   noTopology.exposesTopologyInfo = false;
   Connect(noTopology);
