@@ -37,33 +37,40 @@ bool AutoExposure::ValidImage(const Image& image) {
 
 bool AutoExposure::SetWeights(const Image& image) {
     if (image.data == nullptr || image.rows == 0 || image.columns == 0) {
-        weights.clear();
-        weightsRows = weightsColumns = weightsStride = 0;
+        weights_.clear();
+        weightSpans_.clear();
+        weightsRows_ = weightsColumns_ = 0;
         weightsPngPending_ = false;
         return true;
     }
     if (!ValidImage(image)) return false;
-    weights.resize(static_cast<std::size_t>(image.rows) * static_cast<std::size_t>(image.columns));
+    const std::size_t columns = static_cast<std::size_t>(image.columns);
+    weights_.resize(static_cast<std::size_t>(image.rows) * columns);
+    weightSpans_.resize(static_cast<std::size_t>(image.rows));
     for (std::int32_t r = 0; r < image.rows; ++r) {
-        std::memcpy(weights.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(image.columns),
-                    image.data + static_cast<std::ptrdiff_t>(r) * image.stride,
-                    static_cast<std::size_t>(image.columns));
+        std::uint8_t* row = weights_.data() + static_cast<std::size_t>(r) * columns;
+        std::memcpy(row, image.data + static_cast<std::ptrdiff_t>(r) * image.stride, columns);
+        // A fisheye mask is 0 outside the image circle; the histogram skips those margins.
+        RowSpan& span = weightSpans_[static_cast<std::size_t>(r)];
+        span.begin = 0;
+        span.end = image.columns;
+        while (span.begin < span.end && row[span.begin] == 0) ++span.begin;
+        while (span.end > span.begin && row[span.end - 1] == 0) --span.end;
     }
-    weightsRows = image.rows;
-    weightsColumns = image.columns;
-    weightsStride = image.columns;
+    weightsRows_ = image.rows;
+    weightsColumns_ = image.columns;
     weightsPngPending_ = !log_.WeightsPngPath().empty();
     return true;
 }
 
 bool AutoExposure::WeightsMatch(const Image& image) const {
-    return weightsRows == image.rows && weightsColumns == image.columns;
+    return weightsRows_ == image.rows && weightsColumns_ == image.columns;
 }
 
 void AutoExposure::WriteWeightsPng() {
     weightsPngPending_ = false;
-    const bool written = WriteGreyPng(log_.WeightsPngPath(), weights.data(), weightsRows,
-                                      weightsColumns, weightsStride);
+    const bool written = WriteGreyPng(log_.WeightsPngPath(), weights_.data(), weightsRows_, weightsColumns_,
+                                      weightsColumns_);
     Write(written ? " Weights saved: " : " Weights not saved: ", log_.WeightsPngPath());
 }
 
@@ -78,17 +85,16 @@ bool AutoExposure::AddImage(const Image& image) {
 void AutoExposure::BuildHistogram(const Image& image, bool weighted) {
     // Four sub-histograms, merged at the end: consecutive pixels of equal value
     // then update different counters, which keeps the store-to-load chain of a
-    // single counter out of the inner loop.
+    // single counter out of the inner loop. One 8-byte load feeds eight
+    // counters; the byte order of the load does not matter, every byte is
+    // counted once.
     std::uint32_t sub[4][256];
     std::memset(sub, 0, sizeof(sub));
-    const std::int32_t columns = image.columns;
     for (std::int32_t r = 0; r < image.rows; ++r) {
         const std::uint8_t* p = image.data + static_cast<std::ptrdiff_t>(r) * image.stride;
-        std::int32_t c = 0;
         if (!weighted) {
-            // One 8-byte load feeds eight counters; the byte order of the
-            // load does not matter, every byte is counted once.
-            for (; c + 8 <= columns; c += 8) {
+            std::int32_t c = 0;
+            for (; c + 8 <= image.columns; c += 8) {
                 std::uint64_t eight;
                 std::memcpy(&eight, p + c, sizeof(eight));
                 ++sub[0][eight & 0xFFu];
@@ -100,17 +106,25 @@ void AutoExposure::BuildHistogram(const Image& image, bool weighted) {
                 ++sub[2][(eight >> 48) & 0xFFu];
                 ++sub[3][eight >> 56];
             }
-            for (; c < columns; ++c) ++sub[0][p[c]];
+            for (; c < image.columns; ++c) ++sub[0][p[c]];
         } else {
-            // A weight of 0 adds nothing, which is the same as skipping the pixel.
-            const std::uint8_t* w = weights.data() + static_cast<std::ptrdiff_t>(r) * weightsStride;
-            for (; c + 4 <= columns; c += 4) {
-                sub[0][p[c]] += w[c];
-                sub[1][p[c + 1]] += w[c + 1];
-                sub[2][p[c + 2]] += w[c + 2];
-                sub[3][p[c + 3]] += w[c + 3];
+            // A weight of 0 adds nothing, so only the row's span is visited.
+            const RowSpan span = weightSpans_[static_cast<std::size_t>(r)];
+            const std::uint8_t* w = weights_.data() + static_cast<std::ptrdiff_t>(r) * weightsColumns_;
+            std::int32_t c = span.begin;
+            for (; c + 8 <= span.end; c += 8) {
+                std::uint64_t eight;
+                std::memcpy(&eight, p + c, sizeof(eight));
+                sub[0][eight & 0xFFu] += w[c];
+                sub[1][(eight >> 8) & 0xFFu] += w[c + 1];
+                sub[2][(eight >> 16) & 0xFFu] += w[c + 2];
+                sub[3][(eight >> 24) & 0xFFu] += w[c + 3];
+                sub[0][(eight >> 32) & 0xFFu] += w[c + 4];
+                sub[1][(eight >> 40) & 0xFFu] += w[c + 5];
+                sub[2][(eight >> 48) & 0xFFu] += w[c + 6];
+                sub[3][eight >> 56] += w[c + 7];
             }
-            for (; c < columns; ++c) sub[0][p[c]] += w[c];
+            for (; c < span.end; ++c) sub[0][p[c]] += w[c];
         }
     }
     for (int i = 0; i < 256; ++i) histogram_[i] = sub[0][i] + sub[1][i] + sub[2][i] + sub[3][i];
@@ -188,7 +202,7 @@ bool AutoExposure::AnalyzeImage(const Image& image, float& target) {
         Write(" Invalid image ");
         return false;
     }
-    const bool weighted = useWeights != 0 && !weights.empty();
+    const bool weighted = useWeights != 0 && HasWeights();
     if (weighted) {
         if (!WeightsMatch(image)) {
             Write(" Weights do not match the image ");

@@ -126,12 +126,11 @@ public:
 
     EngineLog& Log() { return log_; }
 
+    // True when SetWeights has installed weights (used only with useWeights).
+    bool HasWeights() const { return !weights_.empty(); }
+
     // Engine state. Public so that the entry objects and diagnostics can set
     // limits directly; the entry objects validate what they are given.
-    std::vector<std::uint8_t> weights;  // per-pixel weights, empty when none
-    std::int32_t weightsStride = 0;
-    std::int32_t weightsRows = 0;
-    std::int32_t weightsColumns = 0;
     float exposure = 10.0f;
     float gain = 2.0f;
     float maxExposure = 20.0f;
@@ -168,8 +167,21 @@ protected:
     bool periodSplit_ = false;
 
 private:
+    // Columns [begin, end) of one weights row; every weight outside is 0.
+    struct RowSpan {
+        std::int32_t begin = 0;
+        std::int32_t end = 0;
+    };
+
     void BuildHistogram(const Image& image, bool weighted);
     void WriteWeightsPng();
+
+    // Per-pixel weights (rows x columns, packed), empty when none. Only
+    // SetWeights writes them, together with the span of each row.
+    std::vector<std::uint8_t> weights_;
+    std::vector<RowSpan> weightSpans_;
+    std::int32_t weightsRows_ = 0;
+    std::int32_t weightsColumns_ = 0;
 
     EngineLog log_;
     std::uint32_t histogram_[256] = {};

@@ -122,7 +122,7 @@ Status CAutoExposure::AddImage(const std::uint8_t* pixelBuffer, std::int32_t row
     image.stride = stride;
 
     Status status = Status::Ok;
-    const bool weighted = engine_->useWeights != 0 && !engine_->weights.empty();
+    const bool weighted = engine_->useWeights != 0 && engine_->HasWeights();
     if (rows == 0 || columns == 0) {
         engine_->AddImage(image);  // logs the empty frame, changes nothing
         status = Status::InvalidArgument;

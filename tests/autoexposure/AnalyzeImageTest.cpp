@@ -110,6 +110,50 @@ TEST(AnalyzeImageTest, HistogramMatchesDirectCountWithPaddingAndOddWidths) {
     }
 }
 
+// A fisheye mask: zero margins of every width (a whole zero row too), zero
+// holes inside a row, padded rows. Replacing the mask must forget its margins.
+TEST(AnalyzeImageTest, WeightedHistogramOfMaskWithZeroMarginsMatchesDirectCount) {
+    const std::int32_t rows = 11, columns = 37, stride = columns + 5;
+    std::mt19937 random(11);
+    std::vector<std::uint8_t> pixels(static_cast<std::size_t>(rows * stride), 255);
+    std::vector<std::uint8_t> mask(static_cast<std::size_t>(rows * columns), 0);
+    std::vector<std::uint32_t> plain(256, 0), weighted(256, 0);
+    for (std::int32_t r = 0; r < rows; ++r) {
+        // Row 0 is all zero; the others keep columns [r, columns - 2r) with a hole at r + 9.
+        for (std::int32_t c = 0; c < columns; ++c) {
+            const auto value = static_cast<std::uint8_t>(random() % 256);
+            const bool inside = r > 0 && c >= r && c < columns - 2 * r && c != r + 9;
+            const auto weight = static_cast<std::uint8_t>(inside ? 1 + random() % 255 : 0);
+            pixels[static_cast<std::size_t>(r * stride + c)] = value;
+            mask[static_cast<std::size_t>(r * columns + c)] = weight;
+            ++plain[value];
+            weighted[value] += weight;
+        }
+    }
+    const Image frame{pixels.data(), rows, columns, stride};
+    const auto histogram = [](const AutoExposure& engine) {
+        return std::vector<std::uint32_t>(engine.Histogram(), engine.Histogram() + 256);
+    };
+
+    AutoExposure engine;
+    engine.useWeights = 1;
+    float target = 0.0f;
+    ASSERT_TRUE(engine.SetWeights(Image{mask.data(), rows, columns, columns}));
+    ASSERT_TRUE(engine.AnalyzeImage(frame, target));
+    EXPECT_EQ(histogram(engine), weighted);
+
+    const std::vector<std::uint8_t> ones(mask.size(), 1);
+    ASSERT_TRUE(engine.SetWeights(Image{ones.data(), rows, columns, columns}));
+    ASSERT_TRUE(engine.AnalyzeImage(frame, target));
+    EXPECT_EQ(histogram(engine), plain);
+
+    // A refused geometry keeps the mask that was there, margins included.
+    ASSERT_TRUE(engine.SetWeights(Image{mask.data(), rows, columns, columns}));
+    EXPECT_FALSE(engine.SetWeights(Image{ones.data(), rows, columns, columns - 1}));
+    ASSERT_TRUE(engine.AnalyzeImage(frame, target));
+    EXPECT_EQ(histogram(engine), weighted);
+}
+
 struct HysteresisCase {
     const char* name;
     std::uint8_t value;
