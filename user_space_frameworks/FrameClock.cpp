@@ -1,5 +1,7 @@
 #include "user_space_frameworks/FrameClock.h"
 
+#include <cmath>
+
 #include "platform/WindowsSdk.h"
 
 #if defined(_M_X64) || defined(__x86_64__)
@@ -21,8 +23,19 @@ struct TscScale {
   bool usable = false;
   uint64_t baseTicks = 0;
   uint64_t baseUs = 0;
-  double usPerTick = 0;
+  // Microseconds per tick as a 0.64 fixed-point fraction: one multiply per read, where a conversion to
+  // and from double would lengthen the chain every frame-rate update waits on.
+  uint64_t usPerTickFraction = 0;
 };
+
+// The upper 64 bits of a * b.
+uint64_t HighProduct(uint64_t a, uint64_t b) {
+#if defined(_MSC_VER)
+  return __umulh(a, b);
+#else
+  return static_cast<uint64_t>((static_cast<unsigned __int128>(a) * b) >> 64);
+#endif
+}
 
 bool HasInvariantTsc() {
   int registers[4] = {};
@@ -46,7 +59,10 @@ TscScale Calibrate() {
   const uint64_t endTicks = __rdtsc();
   if (endTicks <= startTicks) return scale;
   const double elapsedUs = static_cast<double>(end.QuadPart - start.QuadPart) * 1e6 / static_cast<double>(frequency.QuadPart);
-  scale.usPerTick = elapsedUs / static_cast<double>(endTicks - startTicks);
+  const double usPerTick = elapsedUs / static_cast<double>(endTicks - startTicks);
+  // A counter slower than a megahertz has no use here.
+  if (!(usPerTick > 0 && usPerTick < 1)) return scale;
+  scale.usPerTickFraction = static_cast<uint64_t>(std::ldexp(usPerTick, 64));
   scale.baseUs = SystemTimeUs();
   scale.baseTicks = __rdtsc();
   scale.usable = true;
@@ -60,7 +76,7 @@ uint64_t FrameClock::NowUs() {
 #if WQ_HAVE_TSC
   static const TscScale scale = Calibrate();
   if (scale.usable) {
-    return scale.baseUs + static_cast<uint64_t>(static_cast<double>(__rdtsc() - scale.baseTicks) * scale.usPerTick);
+    return scale.baseUs + HighProduct(__rdtsc() - scale.baseTicks, scale.usPerTickFraction);
   }
 #endif
   return SystemTimeUs();

@@ -119,7 +119,7 @@ HRESULT OutputStream::ProcessSample(IMFSample *sample) {
     queueLength = sampleQueue.size();
   }
   // Outside the stream lock: the event generator has its own.
-  RETURN_IF_FAILED(eventGenerator->QueueEvent(METransformHaveOutput, GUID_NULL, S_OK, nullptr));
+  RETURN_IF_FAILED(eventGenerator->QueueHaveOutput());
   if (user_space_frameworks::trace::EventsEnabled()) {
     LONGLONG sampleTime = 0;
     sample->GetSampleTime(&sampleTime);

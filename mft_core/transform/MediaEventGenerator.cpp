@@ -90,6 +90,11 @@ HRESULT MediaEventGenerator::OnEndGetEvent(IMFAsyncResult *pResult, IMFMediaEven
 
 HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtendedType, HRESULT hrStatus,
                                           const PROPVARIANT *pvValue) {
+  return TraceRecordAndQueue(met, guidExtendedType, hrStatus, pvValue);
+}
+
+HRESULT MediaEventGenerator::TraceRecordAndQueue(MediaEventType met, REFGUID guidExtendedType, HRESULT hrStatus,
+                                                 const PROPVARIANT *pvValue) {
   // METransformHaveOutput comes with every frame: verbose only.
   if (met == METransformHaveOutput) {
     WQ_TRACE(Verbose, user_space_frameworks::MediaEventTypeName(met)
@@ -103,6 +108,11 @@ HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtend
   if (queuedEventsRecorder) queuedEventsRecorder->RecordMediaEvent(met, guidExtendedType, hrStatus, pvValue);
   RETURN_IF_FAILED(pQueue->QueueEventParamVar(met, guidExtendedType, hrStatus, pvValue));
   return S_OK;
+}
+
+HRESULT MediaEventGenerator::QueueHaveOutput() {
+  if (isQueueCreated != 1) return E_OUTOFMEMORY;
+  return TraceRecordAndQueue(METransformHaveOutput, GUID_NULL, S_OK, nullptr);
 }
 
 HRESULT MediaEventGenerator::QueueEvent(IMFMediaEvent *event) {

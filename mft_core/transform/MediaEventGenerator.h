@@ -30,6 +30,9 @@ class MediaEventGenerator : public IMFMediaEventGenerator, public virtual user_s
 
   // Queues a ready-made event; no lock (the platform queue is thread-safe) and no guard.
   HRESULT QueueEvent(IMFMediaEvent *event);
+  // The output streams' METransformHaveOutput, one per frame: traced, recorded and queued as QueueEvent
+  // does, without the exception guard and the handler's virtual hop (nothing on this path throws).
+  HRESULT QueueHaveOutput();
   // The first call shuts the queue down and returns its result; later calls return MF_E_SHUTDOWN.
   HRESULT Shutdown();
   bool IsShutdown() const { return isShutdown.load(std::memory_order_acquire); }
@@ -47,6 +50,10 @@ class MediaEventGenerator : public IMFMediaEventGenerator, public virtual user_s
                                const PROPVARIANT *pvValue);
 
  private:
+  // OnQueueEvent's work: trace, record, queue.
+  HRESULT TraceRecordAndQueue(MediaEventType met, REFGUID guidExtendedType, HRESULT hrStatus,
+                              const PROPVARIANT *pvValue);
+
   // Makes Shutdown's test-and-shut happen once. The queue needs no lock: it is set by the constructor and
   // released by the destructor only, and the platform queue is thread-safe.
   user_space_frameworks::CriticalSection lock;

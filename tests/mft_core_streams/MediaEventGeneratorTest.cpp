@@ -28,6 +28,7 @@ TEST(MediaEventGeneratorTest, WithoutAQueueEveryEntryPointAnswersOutOfMemory) {
   EXPECT_EQ(E_OUTOFMEMORY, generator->QueueEvent(MEError, GUID_NULL, S_OK, nullptr));
   ASSERT_EQ(S_OK, MFCreateMediaEvent(MEUnknown, GUID_NULL, S_OK, nullptr, event.ReleaseAndGetAddressOf()));
   EXPECT_EQ(E_OUTOFMEMORY, generator->QueueEvent(event.Get()));
+  EXPECT_EQ(E_OUTOFMEMORY, generator->QueueHaveOutput());
   EXPECT_EQ(E_OUTOFMEMORY, generator->Shutdown());
   EXPECT_FALSE(generator->IsShutdown());
 }
@@ -39,6 +40,7 @@ TEST(MediaEventGeneratorTest, ShutdownOnceThenRefusedByThePlatformQueue) {
   EXPECT_TRUE(generator->IsShutdown());
   EXPECT_EQ(MF_E_SHUTDOWN, generator->Shutdown());
   EXPECT_EQ(MF_E_SHUTDOWN, generator->QueueEvent(METransformHaveOutput, GUID_NULL, S_OK, nullptr));
+  EXPECT_EQ(MF_E_SHUTDOWN, generator->QueueHaveOutput());
   ComPtr<IMFMediaEvent> event;
   EXPECT_EQ(MF_E_SHUTDOWN, generator->GetEvent(MF_EVENT_FLAG_NO_WAIT, event.GetAddressOf()));
 }
@@ -101,9 +103,22 @@ TEST(MediaEventGeneratorTest, PerFrameEventIsTracedOnlyAtVerboseLevel) {
   trace::ScopedSink scoped(sink, TraceLevel::Info);
   auto generator = MakeGenerator();
   ASSERT_EQ(S_OK, generator->QueueEvent(METransformHaveOutput, GUID_NULL, S_OK, nullptr));
+  ASSERT_EQ(S_OK, generator->QueueHaveOutput());
   EXPECT_FALSE(sink->Contains("METransformHaveOutput"));
   ASSERT_EQ(S_OK, generator->QueueEvent(METransformInputStreamStateChanged, GUID_NULL, S_OK, nullptr));
   EXPECT_TRUE(sink->Contains("METransformInputStreamStateChanged"));
+  sink->Clear();
+  trace::SetSink(sink, TraceLevel::Verbose);
+  ASSERT_EQ(S_OK, generator->QueueHaveOutput());
+  EXPECT_EQ(1u, sink->Count("METransformHaveOutput"));
+  // Both queued per-frame events reach the puller.
+  ComPtr<IMFMediaEvent> event;
+  MediaEventType type = MEUnknown;
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(S_OK, generator->GetEvent(MF_EVENT_FLAG_NO_WAIT, event.ReleaseAndGetAddressOf()));
+    ASSERT_EQ(S_OK, event->GetType(&type));
+    EXPECT_EQ(static_cast<MediaEventType>(METransformHaveOutput), type);
+  }
   generator->Shutdown();
 }
 
