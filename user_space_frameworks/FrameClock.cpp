@@ -23,8 +23,8 @@ struct TscScale {
   bool usable = false;
   uint64_t baseTicks = 0;
   uint64_t baseUs = 0;
-  // Microseconds per tick as a 0.64 fixed-point fraction: one multiply per read, where a conversion to
-  // and from double would lengthen the chain every frame-rate update waits on.
+  // Microseconds per tick as a 0.64 fixed-point fraction: one integer multiply per read instead of
+  // conversions to and from double.
   uint64_t usPerTickFraction = 0;
 };
 
@@ -60,7 +60,7 @@ TscScale Calibrate() {
   if (endTicks <= startTicks) return scale;
   const double elapsedUs = static_cast<double>(end.QuadPart - start.QuadPart) * 1e6 / static_cast<double>(frequency.QuadPart);
   const double usPerTick = elapsedUs / static_cast<double>(endTicks - startTicks);
-  // A counter slower than a megahertz has no use here.
+  // The fraction holds less than a microsecond per tick; a counter under 1 MHz uses the system clock.
   if (!(usPerTick > 0 && usPerTick < 1)) return scale;
   scale.usPerTickFraction = static_cast<uint64_t>(std::ldexp(usPerTick, 64));
   scale.baseUs = SystemTimeUs();
