@@ -168,34 +168,23 @@ TEST_F(DepthCameraTest, HardwareCommandRefusesBadRequestsWithoutSendingAnything)
   EXPECT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_SET, 0x10, tooMuch.data(), 1000, &bytes));
 }
 
-struct FirmwareFaultCase {
-  const char *name;
-  sim::FirmwareFault fault;
-  HRESULT get;
-  HRESULT set;
-};
-
-class HardwareCommandFaultTest : public DepthCameraTest, public ::testing::WithParamInterface<FirmwareFaultCase> {};
-
-TEST_P(HardwareCommandFaultTest, FirmwareFaultsReachTheApplicationUnchanged) {
-  filter->SetFirmwareFault(GetParam().fault);
-  std::vector<BYTE> reply(16, 0xCD);
-  ULONG bytes = 0;
-  EXPECT_EQ(GetParam().get, HwCommand(KSPROPERTY_TYPE_GET, 0x10, reply.data(), 16, &bytes));
-  EXPECT_EQ(44u, bytes);
-  for (BYTE b : reply) ASSERT_EQ(0xCD, b);
-  EXPECT_EQ(GetParam().set, HwCommand(KSPROPERTY_TYPE_SET, 0x10, reply.data(), 16, &bytes));
-  filter->SetFirmwareFault(sim::FirmwareFault::None);
-  EXPECT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_GET, 0x10, reply.data(), 16, &bytes));
+TEST_F(DepthCameraTest, HardwareCommandFirmwareFaultsReachTheApplicationUnchanged) {
+  const std::pair<sim::FirmwareFault, HRESULT> faults[] = {{sim::FirmwareFault::WrongOpcode, E_FAIL},
+                                                           {sim::FirmwareFault::ShortReply, E_FAIL},
+                                                           {sim::FirmwareFault::FailReply, sim::kFirmwareFailure}};
+  for (const auto &[fault, expected] : faults) {
+    SCOPED_TRACE(static_cast<int>(fault));
+    filter->SetFirmwareFault(fault);
+    std::vector<BYTE> reply(16, 0xCD);
+    ULONG bytes = 0;
+    EXPECT_EQ(expected, HwCommand(KSPROPERTY_TYPE_GET, 0x10, reply.data(), 16, &bytes));
+    EXPECT_EQ(44u, bytes);
+    for (BYTE b : reply) ASSERT_EQ(0xCD, b);
+    EXPECT_EQ(expected, HwCommand(KSPROPERTY_TYPE_SET, 0x10, reply.data(), 16, &bytes));
+    filter->SetFirmwareFault(sim::FirmwareFault::None);
+    EXPECT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_GET, 0x10, reply.data(), 16, &bytes));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, HardwareCommandFaultTest,
-    ::testing::Values(FirmwareFaultCase{"WrongOpcode", sim::FirmwareFault::WrongOpcode, E_FAIL, E_FAIL},
-                      FirmwareFaultCase{"ShortReply", sim::FirmwareFault::ShortReply, E_FAIL, E_FAIL},
-                      FirmwareFaultCase{"FailedReply", sim::FirmwareFault::FailReply, sim::kFirmwareFailure,
-                                        sim::kFirmwareFailure}),
-    [](const auto &info) { return std::string(info.param.name); });
 
 // ---- Device information -----------------------------------------------------------------------------------------
 
