@@ -1,7 +1,6 @@
 #include "mft_core/recorder/EventsFileWriter.h"
 
 #include <algorithm>
-#include <chrono>
 #include <iterator>
 
 #include "device_events/EventsEncoder.h"
@@ -23,7 +22,7 @@ constexpr size_t kLargestSpare = 256 * 1024;
 constexpr size_t kFreshBufferBytes = 2048;
 constexpr size_t kWriteChunk = 1 << 20;
 // How long records wait for the writer while the queue stays short.
-constexpr std::chrono::milliseconds kWriteInterval(100);
+constexpr DWORD kWriteIntervalMs = 100;
 
 }  // namespace
 
@@ -71,7 +70,7 @@ EventsFileWriter::EventsFileWriter(HANDLE file, uint64_t headerBytes, const Even
 EventsFileWriter::~EventsFileWriter() { Close(); }
 
 std::vector<uint8_t> EventsFileWriter::TakeBuffer() {
-  std::lock_guard<std::mutex> lock(mutex);
+  user_space_frameworks::AutoLock lock(section);
   return SpareBuffer();
 }
 
@@ -96,7 +95,7 @@ void EventsFileWriter::EncodeDropped(std::vector<uint8_t> &out, uint64_t count, 
 }
 
 void EventsFileWriter::Push(std::vector<uint8_t> &&record) {
-  std::lock_guard<std::mutex> lock(mutex);
+  user_space_frameworks::AutoLock lock(section);
   if (stopping || !open.load(std::memory_order_relaxed)) return;
   // The drop record goes where the records went missing, ahead of the next one that fits.
   const size_t needed = queueDrops != 0 ? 2 : 1;
@@ -114,7 +113,7 @@ void EventsFileWriter::Push(std::vector<uint8_t> &&record) {
   queue.push_back(std::move(record));
   // Waking the writer costs the caller a trip through the kernel: it writes on its timer and is woken
   // only when the queue fills up faster than that.
-  if (writerWaiting && queue.size() >= WakeRecords()) wake.notify_one();
+  if (writerWaiting && queue.size() >= WakeRecords()) wake.WakeOne();
 }
 
 size_t EventsFileWriter::WakeRecords() const { return std::max<size_t>(1, options.queueRecords / 8); }
@@ -124,11 +123,15 @@ void EventsFileWriter::Run() {
   for (;;) {
     bool last = false;
     {
-      std::unique_lock<std::mutex> lock(mutex);
+      user_space_frameworks::AutoLock lock(section);
       // On its timer, or earlier once the queue is long: never for a record or two, which would keep it
       // running beside the callers and taking their lock.
       writerWaiting = true;
-      wake.wait_for(lock, kWriteInterval, [&] { return stopping || (!paused && queue.size() >= WakeRecords()); });
+      const ULONGLONG until = GetTickCount64() + kWriteIntervalMs;
+      for (ULONGLONG now = GetTickCount64(); now < until; now = GetTickCount64()) {
+        if (stopping || (!paused && queue.size() >= WakeRecords())) break;
+        wake.Wait(section, static_cast<DWORD>(until - now));
+      }
       writerWaiting = false;
       if (paused && !stopping) continue;
       batch.swap(queue);
@@ -150,7 +153,7 @@ void EventsFileWriter::Run() {
     }
     batch.clear();
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      user_space_frameworks::AutoLock lock(section);
       if (spareBuffers.empty()) {
         spareBuffers.swap(recycled);
       } else {
@@ -195,7 +198,7 @@ void EventsFileWriter::Write(std::deque<std::vector<uint8_t>> &batch, bool final
     std::vector<uint8_t> closing;
     uint64_t dropped = 0;
     {
-      std::lock_guard<std::mutex> lock(mutex);
+      user_space_frameworks::AutoLock lock(section);
       totalDropped += capDrops;
       dropped = totalDropped;
     }
@@ -217,12 +220,12 @@ void EventsFileWriter::Write(std::deque<std::vector<uint8_t>> &batch, bool final
 
 void EventsFileWriter::Close() {
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    user_space_frameworks::AutoLock lock(section);
     if (stopping) return;
     stopping = true;
     paused = false;
   }
-  wake.notify_all();
+  wake.WakeAll();
   if (writer.joinable()) writer.join();
   if (file.IsValid()) FlushFileBuffers(file.Get());
   file.Reset();
@@ -233,14 +236,14 @@ bool EventsFileWriter::IsOpen() const { return open.load(std::memory_order_relax
 
 void EventsFileWriter::PauseForTest(bool pause) {
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    user_space_frameworks::AutoLock lock(section);
     paused = pause;
   }
-  wake.notify_all();
+  wake.WakeAll();
 }
 
 uint64_t EventsFileWriter::DroppedRecords() const {
-  std::lock_guard<std::mutex> lock(mutex);
+  user_space_frameworks::AutoLock lock(section);
   return totalDropped;
 }
 
@@ -249,7 +252,7 @@ uint64_t EventsFileWriter::DroppedRecords() const {
 namespace mft_core {
 
 size_t EventsFileWriter::QueuedRecords() const {
-  std::lock_guard<std::mutex> lock(mutex);
+  user_space_frameworks::AutoLock lock(section);
   return queue.size();
 }
 

@@ -5,10 +5,8 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,8 +68,10 @@ class EventsFileWriter {
   const EventsFileWriterOptions options;
   const RecordClock &clock;
 
-  mutable std::mutex mutex;  // everything below up to the thread
-  std::condition_variable wake;
+  // The platform's lock and condition variable: the toolchain's std::mutex and condition variable wait
+  // and wake through kernel event objects, a costly call for a caller that finds the writer holding it.
+  mutable user_space_frameworks::CriticalSection section;  // everything below up to the thread
+  user_space_frameworks::ConditionVariable wake;
   std::deque<std::vector<uint8_t>> queue;
   std::vector<std::vector<uint8_t>> spareBuffers;
   uint64_t queueDrops = 0;        // dropped since the last drop record, queue full

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <thread>
 
 #include "user_space_frameworks/Callback.h"
 #include "user_space_frameworks/Check.h"
@@ -8,6 +9,7 @@
 #include "user_space_frameworks/FpsMonitor.h"
 #include "user_space_frameworks/FrameClock.h"
 #include "user_space_frameworks/RollingAverage.h"
+#include "user_space_frameworks/Sync.h"
 
 namespace user_space_frameworks {
 namespace {
@@ -228,3 +230,25 @@ TEST(FrameClockTest, FollowsTheSystemClockAndNeverStepsBack) {
 
 }  // namespace
 }  // namespace user_space_frameworks
+
+TEST(ConditionVariableTest, AWaitEndsByItsTimeoutOrByAWakeWithTheSectionHeldAgain) {
+  user_space_frameworks::CriticalSection section;
+  user_space_frameworks::ConditionVariable variable;
+  {
+    user_space_frameworks::AutoLock lock(section);
+    EXPECT_FALSE(variable.Wait(section, 1));
+  }
+  bool ready = false;
+  std::thread waker([&] {
+    user_space_frameworks::AutoLock lock(section);
+    ready = true;
+    variable.WakeOne();
+  });
+  {
+    user_space_frameworks::AutoLock lock(section);
+    // Spurious wakes aside, the waker's flag is seen once a wait ends by the wake (a minute at most).
+    for (int i = 0; i < 60 && !ready; ++i) variable.Wait(section, 1000);
+    EXPECT_TRUE(ready);
+  }
+  waker.join();
+}
