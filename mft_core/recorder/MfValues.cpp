@@ -53,7 +53,8 @@ std::string Utf8(const wchar_t *text) {
 bool AppendAttributeStore(IMFAttributes *attributes, std::vector<uint8_t> &out) {
   // The platform's own serialiser measures the store, then copies every value out through a variant
   // (an allocation per string and blob) before laying it out; reading each value straight into place
-  // costs a third as much on the frame path. The layout is the platform's, byte for byte.
+  // costs a third as much on the frame path. The layout is the platform's; the value bytes follow the
+  // items' order (a store of one value comes out byte for byte as the platform writes it).
   const size_t start = out.size();
   UINT32 count = 0;
   if (FAILED(attributes->LockStore())) return false;
