@@ -2,6 +2,8 @@
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build_win="$root/build/win"
 build_native="$root/build/native"
+build_release="$root/build/release"  # clang and lld: the DLL and PDB the driver package ships
+release_module="$build_release/module/WQ400DeviceMft.dll"
 export WINEPREFIX="$root/build/wine-prefix"
 export WINEDEBUG="${WINEDEBUG:--all}"
 # No Mono or Gecko install prompts in a headless prefix.
@@ -31,7 +33,11 @@ if command -v ccache >/dev/null; then
   launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 fi
 
-build_windows() { configure_and_build "$build_win" "${launcher[@]}" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- "$@"; }
+# The gcc tree's DLL-level suites also run against the release DLL (the *_clang tests; build_release first).
+build_windows() { configure_and_build "$build_win" "${launcher[@]}" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWQ_RELEASE_MODULE="$release_module" -- "$@"; }
+# The release DLL, with its PDB and the INF; sources keep their full paths in the PDB's line tables,
+# so the compiler cache is not told to make them relative.
+build_release() { (unset CCACHE_BASEDIR; configure_and_build "$build_release" "${launcher[@]}" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/clang-mingw-w64-x86_64.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- WQ400DeviceMft "$@"); }
 build_native() { configure_and_build "$build_native" "${launcher[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -- "$@"; }
 
 start_wine() {

@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the Windows and the native (sanitized) trees, and runs every test:
-# the Windows programs under Wine's real Media Foundation, the portable parts natively as well.
+# the Windows programs under Wine's real Media Foundation, the portable parts natively as well. The
+# release DLL (clang and lld, the one the driver package ships) is built too, and the suites that load
+# the DLL by path run against it as well (the *_clang tests).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 source scripts/env.sh
 build_native
+build_release
 build_windows
 start_wine
 status=0

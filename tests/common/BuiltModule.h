@@ -1,12 +1,16 @@
-// The built DLL's path as a Windows program sees it, from WQ_MODULE_FILE (defined by the test target).
+// The DLL under test as a Windows program sees its path: WQ400_MODULE_FILE from the environment when
+// set (the test command points it at the release build's DLL for a second run of the DLL-level suites),
+// else the one this build made, WQ_MODULE_FILE (defined by the test target).
 #pragma once
 
+#include <cstdlib>
 #include <string>
 
 namespace test_module {
 
 inline std::wstring BuiltModulePath() {
-  std::string path = WQ_MODULE_FILE;
+  const char *chosen = std::getenv("WQ400_MODULE_FILE");
+  std::string path = chosen != nullptr && *chosen != '\0' ? chosen : WQ_MODULE_FILE;
   if (!path.empty() && path[0] == '/') path = "Z:" + path;  // the build tree through Wine's root drive
   for (char &c : path) {
     if (c == '/') c = '\\';

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "RecordingSupport.h"
+#include "common/BuiltModule.h"
 #include "device_events/Timeline.h"
 #include "mft_core/recorder/MfValues.h"
 #include "product/controls/WQ400DepthExtendedExposureControl.h"
@@ -26,12 +27,7 @@ namespace {
 tools::DllTransformFactory &Module() {
   // Loaded once and kept for the whole program, as a host process keeps it.
   static tools::DllTransformFactory *module = [] {
-    std::string path = WQ_MODULE_FILE;
-    if (!path.empty() && path[0] == '/') path = "Z:" + path;  // the build tree through Wine's root drive
-    for (char &c : path) {
-      if (c == '/') c = '\\';
-    }
-    auto *loaded = new tools::DllTransformFactory(std::wstring(path.begin(), path.end()));
+    auto *loaded = new tools::DllTransformFactory(test_module::BuiltModulePath());
     EXPECT_TRUE(loaded->Load()) << loaded->Error();
     return loaded;
   }();

@@ -8,6 +8,7 @@
 #include <memory>
 #include <sstream>
 
+#include "common/BuiltModule.h"
 #include "mft_core/streams/FrameDropMonitor.h"
 #include "product/controls/WQ400PrivateProperties.h"
 #include "product/metadata/WQ400MetadataRecords.h"
@@ -29,7 +30,7 @@ sim::CameraConfig Camera(const std::string &name) {
 HRESULT CreateThroughDll(const sim::CameraConfig &camera, ComPtr<IMFDeviceTransform> &device) {
   // Loaded once and kept for the whole program, as the frame server's process keeps it.
   static tools::DllTransformFactory *module = [] {
-    auto *factory = new tools::DllTransformFactory(tools::DllTransformFactory::DefaultModulePath());
+    auto *factory = new tools::DllTransformFactory(test_module::BuiltModulePath());
     if (!factory->Load()) {
       std::fprintf(stderr, "%s\n", factory->Error().c_str());
       delete factory;
