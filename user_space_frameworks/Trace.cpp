@@ -7,6 +7,7 @@
 
 #include "user_space_frameworks/EtwProviders.h"
 #include "user_space_frameworks/GuidTranslator.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace user_space_frameworks {
 
@@ -194,10 +195,15 @@ StructuredEventProvider &EventProvider() { return eventProvider; }
 
 void Write(TraceLevel level, const char *prettyFunction, const std::string &message) {
   const int value = static_cast<int>(level);
+  if (sinkLevel.load(std::memory_order_relaxed) < value && classicProvider.EnabledLevel() < value) return;
+  WriteQualified(level, QualifiedName(prettyFunction), message);
+}
+
+void WriteQualified(TraceLevel level, const std::string &function, const std::string &message) {
+  const int value = static_cast<int>(level);
   const bool toSink = sinkLevel.load(std::memory_order_relaxed) >= value;
   const bool toSession = classicProvider.EnabledLevel() >= value;
   if (!toSink && !toSession) return;
-  const std::string function = QualifiedName(prettyFunction);
   if (toSink) {
     if (auto sink = Sink()) sink->Write(level, function, message);
   }
@@ -256,6 +262,14 @@ std::string QualifiedName(const char *prettyFunction) {
     }
   }
   return text.substr(start, open - start);
+}
+
+void WriteEntry(const char *qualifiedName) { WriteQualified(TraceLevel::Verbose, qualifiedName, "==>"); }
+
+void WriteExit(const char *qualifiedName) { WriteQualified(TraceLevel::Verbose, qualifiedName, "<=="); }
+
+void WriteExit(const char *qualifiedName, long result) {
+  WriteQualified(TraceLevel::Verbose, qualifiedName, "<== " + HrText(result));
 }
 
 std::string HrText(long hr) {

@@ -95,6 +95,8 @@ ClassicTraceProvider &ClassicProvider();
 StructuredEventProvider &EventProvider();
 
 void Write(TraceLevel level, const char *prettyFunction, const std::string &message);
+// As Write, under a name that is already qualified ("mft_core::InputStream::ProcessSample").
+void WriteQualified(TraceLevel level, const std::string &function, const std::string &message);
 
 // One per-frame event with typed fields, at verbose level under the frame-events keyword.
 enum class EventOpcode : unsigned char { Info = 0, Start = 1, Stop = 2 };
