@@ -4,7 +4,8 @@
 usage: scripts/quoted_texts.py DOCUMENT [--trace FILE]... [--all] [--heading PREFIX]
 
 A text counts as carried when it stands in a string literal of the product (adjacent literals joined,
-escapes decoded), for a failing-expression text in the code itself (whitespace ignored), or in one of
+escapes decoded), for a failing-expression text in the code itself as the preprocessor would stringise
+it (each run of white space read as one blank), or in one of
 the given trace files (a verbose trace of a session carries the qualified names the compiler makes). "..." in a
 quoted text stands for any run of characters. Texts are counted once per section whose heading starts
 with PREFIX (default "# "), so a text quoted by two sections counts twice.
@@ -34,7 +35,7 @@ def read_sources():
 
 
 # A quoted text; \" inside one is a quote of a quoted code expression (L\"Both\"), a trailing \ a path's.
-QUOTED = re.compile(r'"((?:[^"\\\n]|\\[^"\n]|\\"(?=\w)|(?<=\w)\\"(?=\)))+)"')
+QUOTED = re.compile(r'"((?:[^"\\\n]|\\[^"\n]|\\"(?=\w)|(?<=\w)\\"(?=\))|\\(?="))+)"')
 LITERAL = re.compile(r'(?:u8|L|u|U)?"((?:[^"\\\n]|\\.)*)"')
 
 
@@ -60,11 +61,8 @@ def decode(body):
     return re.sub(r"\\(.)", lambda m: {"n": "\n", "t": "\t", "0": "\0"}.get(m.group(1), m.group(1)), body)
 
 
-def pattern(text, squeeze):
-    pieces = [re.escape(p) for p in text.split("...")]
-    if squeeze:
-        pieces = [re.sub(r"(\\ )+", "", p) for p in pieces]
-    return re.compile(".*?".join(pieces), re.S)
+def pattern(text):
+    return re.compile(".*?".join(re.escape(p) for p in text.split("...")), re.S)
 
 
 def main():
@@ -77,7 +75,7 @@ def main():
     with open(args.document, encoding="utf-8") as f:
         document = f.read()
     code, literals = read_sources()
-    squeezed_code = re.sub(r"\s+", "", code)
+    stringised_code = re.sub(r"\s+", " ", code)
     literal_text = "\n\x00".join(literals)
     for path in args.trace:
         with open(path, encoding="utf-8", errors="replace") as f:
@@ -96,7 +94,7 @@ def main():
                 continue
             seen.add(text)
             total += 1
-            ok = pattern(text, False).search(literal_text) or pattern(text, True).search(squeezed_code)
+            ok = pattern(text).search(literal_text) or pattern(text).search(stringised_code)
             found += bool(ok)
             if args.all or not ok:
                 print(("found   " if ok else "MISSING ") + heading.split(":")[0][2:] + ": \"" + quoted + "\"")

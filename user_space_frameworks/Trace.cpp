@@ -46,6 +46,7 @@ size_t CapturingTraceSink::Count(const std::string &text) const {
 bool CapturingTraceSink::Contains(const std::string &text) const { return Count(text) > 0; }
 
 void CapturingTraceSink::Clear() {
+  trace::ForgetReportedFailure();
   std::lock_guard<std::mutex> hold(mutex);
   lines.clear();
   events.clear();
@@ -79,6 +80,7 @@ void TextTraceSink::Event(const char *name, const std::string &fields) {
 namespace trace {
 
 std::atomic<int> currentLevel{0};
+thread_local long reportedFailure = 0;
 std::atomic<bool> eventsEnabled{false};
 
 // {3BFB992D-70B6-49B5-B1E9-CD61333ABD76}
@@ -160,6 +162,7 @@ std::string FieldsText(EventOpcode opcode, const GUID *activityId, std::initiali
 }  // namespace
 
 std::shared_ptr<TraceSink> SetSink(std::shared_ptr<TraceSink> sink, TraceLevel level, bool events) {
+  ForgetReportedFailure();
   std::lock_guard<std::mutex> hold(sinkMutex);
   std::shared_ptr<TraceSink> previous = currentSink;
   StoreSink(std::move(sink), static_cast<int>(level), events);
@@ -284,6 +287,7 @@ ScopedSink::ScopedSink(std::shared_ptr<TraceSink> sink, TraceLevel level)
 }
 
 ScopedSink::~ScopedSink() {
+  ForgetReportedFailure();
   std::lock_guard<std::mutex> hold(sinkMutex);
   StoreSink(previous, previousLevel, previousEvents);
 }

@@ -112,6 +112,11 @@ inline tracelogging::Field Int64Field(const char *name, const int64_t &value) {
   return {name, tracelogging::InInt64, 0, &value, sizeof(value)};
 }
 
+// The failure this thread last traced at the error level within the current public call (check-and-
+// return traces a failure once); a public call, or a new sink, begins with none.
+extern thread_local long reportedFailure;
+inline void ForgetReportedFailure() { reportedFailure = 0; }
+
 // "HRESULT mft_core::MFDeviceTransform::CheckShutdown()" -> "mft_core::MFDeviceTransform::CheckShutdown"
 std::string QualifiedName(const char *prettyFunction);
 std::string HrText(long hr);  // "0x80004005"

@@ -9,6 +9,7 @@
 #include "mft_core/ks/KsControlsObserver.h"
 #include "platform/WindowsSdk.h"
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -71,28 +72,40 @@ class KsControlsDispatcher : public IKsControl, public KsControlsSubject {
 
   // A second handler of the same (set, id) is refused; a default replaces the kind's previous one.
   HRESULT RegisterKsPropertyHandler(const std::shared_ptr<KsPropHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
     RETURN_IF_FAILED(propertiesDispathcer.RegisterHandler(handler));
     return S_OK;
+    WQ_SCOPE_END;
   }
   HRESULT RegisterKsEventHandler(const std::shared_ptr<KsEventHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
     RETURN_IF_FAILED(eventsDispathcer.RegisterHandler(handler));
     return S_OK;
+    WQ_SCOPE_END;
   }
   HRESULT RegisterKsMethodHandler(const std::shared_ptr<KsMethodHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
     RETURN_IF_FAILED(methodsDispathcer.RegisterHandler(handler));
     return S_OK;
+    WQ_SCOPE_END;
   }
   HRESULT RegisterKsPropertyDefaultHandler(const std::shared_ptr<KsPropHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
     RETURN_IF_FAILED(propertiesDispathcer.RegisterDefaultHandler(handler));
     return S_OK;
+    WQ_SCOPE_END;
   }
   HRESULT RegisterKsEventDefaultHandler(const std::shared_ptr<KsEventHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
     RETURN_IF_FAILED(eventsDispathcer.RegisterDefaultHandler(handler));
     return S_OK;
+    WQ_SCOPE_END;
   }
   HRESULT RegisterKsMethodDefaultHandler(const std::shared_ptr<KsMethodHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
     RETURN_IF_FAILED(methodsDispathcer.RegisterDefaultHandler(handler));
     return S_OK;
+    WQ_SCOPE_END;
   }
 
  protected:

@@ -473,7 +473,11 @@ HRESULT MFDeviceTransform::StopStreaming(const std::shared_ptr<OutputStream> &ou
   WQ_SCOPE_END;
 }
 
-HRESULT MFDeviceTransform::CheckShutdown() { return IsShutdown() || callGate.IsClosed() ? MF_E_SHUTDOWN : S_OK; }
+HRESULT MFDeviceTransform::CheckShutdown() {
+  WQ_SCOPE_BEGIN(HRESULT);
+  return IsShutdown() || callGate.IsClosed() ? MF_E_SHUTDOWN : S_OK;
+  WQ_SCOPE_END;
+}
 
 void MFDeviceTransform::AbortPendingWaits() {
   WQ_SCOPE();

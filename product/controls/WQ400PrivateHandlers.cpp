@@ -64,12 +64,12 @@ HRESULT WQ400HwCommandKsPropertyHandler::Run(PKSIDENTIFIER pProperty, ULONG ulPr
   RETURN_HR_IF(E_POINTER, pPropertyData == nullptr && ulDataLength != 0);
 
   if ((pProperty->Flags & KSPROPERTY_TYPE_SET) != 0) {
-    RETURN_IF_FAILED(fwCommandPipe->Set(hwCommand->opCode, static_cast<const BYTE *>(pPropertyData), ulDataLength,
+    RETURN_IF_FAILED(fwCommandPipe->Set(hwCommand->opCode, static_cast<const BYTE*>(pPropertyData), ulDataLength,
                                         hwCommand->param1, hwCommand->param2, hwCommand->param3, hwCommand->param4));
     return S_OK;
   }
   if ((pProperty->Flags & KSPROPERTY_TYPE_GET) != 0) {
-    RETURN_IF_FAILED(fwCommandPipe->Get(static_cast<BYTE *>(pPropertyData), hwCommand->opCode, ulDataLength,
+    RETURN_IF_FAILED(fwCommandPipe->Get(static_cast<BYTE*>(pPropertyData), hwCommand->opCode, ulDataLength,
                                         hwCommand->param1, hwCommand->param2, hwCommand->param3, hwCommand->param4));
     return S_OK;
   }

@@ -122,17 +122,13 @@ std::string FieldText(const Field &field, const BYTE *table) {
 WQ400DeviceInfo::WQ400DeviceInfo(std::shared_ptr<IFirmwareCommandPipe> firmwareCommandPipe,
                                  const std::string &displayName)
     : firmwareCommandPipe(std::move(firmwareCommandPipe)), name(displayName) {
-  WQ_TRACE(Verbose, "==>");
-  WQ_TRACE(Verbose, "<==");
+  WQ_SCOPE();
 }
 
-WQ400DeviceInfo::~WQ400DeviceInfo() {
-  WQ_TRACE(Verbose, "==>");
-  WQ_TRACE(Verbose, "<==");
-}
+WQ400DeviceInfo::~WQ400DeviceInfo() { WQ_SCOPE(); }
 
 HRESULT WQ400DeviceInfo::Init() {
-  WQ_TRACE(Verbose, "==>");
+  WQ_SCOPE_BEGIN(HRESULT);
   HRESULT hr = E_POINTER;
   if (firmwareCommandPipe) {
     hr = firmwareCommandPipe->Get(table.data(), kOpcodeGetDeviceInfo, kTableSize, 0, 0, 0, 0);
@@ -144,8 +140,8 @@ HRESULT WQ400DeviceInfo::Init() {
     // The pipe has traced the failure; initialisation goes on without the table.
     WQ_TRACE(Warning, name << ": device information not available " << user_space_frameworks::trace::HrText(hr));
   }
-  WQ_TRACE(Verbose, "<== " << user_space_frameworks::trace::HrText(S_OK));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 // Versions are little-endian numbers whose bytes are the parts, most significant part first:
