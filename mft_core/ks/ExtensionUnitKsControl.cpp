@@ -96,7 +96,8 @@ HRESULT SendToNode(const std::string &name, const char *kind, KsIdentifierKind k
     WQ_TRACE(Verbose, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " needs "
                            << (bytesReturned ? std::to_string(*bytesReturned) : std::string("?")) << " bytes");
   } else if (FAILED(hr)) {
-    WQ_TRACE(Error, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " failed "
+    // The caller traces the failure with its own expression; here only the node's view of it.
+    WQ_TRACE(Verbose, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " failed "
                          << user_space_frameworks::trace::HrText(hr) << ", data length " << dataLength
                          << ", bytes returned "
                          << (bytesReturned ? std::to_string(*bytesReturned) : std::string("null")));
