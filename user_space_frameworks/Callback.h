@@ -21,7 +21,7 @@ class Callback : public ICallback<Arg, Result> {
   Callback(T *instance, Method method) : instance(instance), method(method) {}
 
   Result Invoke(Arg argument) override {
-    if (instance == nullptr || method == nullptr) throw std::logic_error("no callback function or instance");
+    if (instance == nullptr || method == nullptr) throw std::invalid_argument("no callback function or instance");
     return (instance->*method)(argument);
   }
 

@@ -17,8 +17,11 @@ bool IsNormalExchangeResult(HRESULT hr) {
 TraceLevel FailureLevel(HRESULT hr) { return IsNormalExchangeResult(hr) ? TraceLevel::Verbose : TraceLevel::Error; }
 
 void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr, bool expected) {
-  const TraceLevel level = expected ? TraceLevel::Verbose : FailureLevel(hr);
+  TraceLevel level = expected ? TraceLevel::Verbose : FailureLevel(hr);
+  // The function that saw the failure traced it; callers that only pass the same code up trace verbose.
+  if (level == TraceLevel::Error && hr == trace::reportedFailure) level = TraceLevel::Verbose;
   if (!trace::IsEnabled(level)) return;
+  if (level == TraceLevel::Error) trace::reportedFailure = hr;
   trace::Write(level, prettyFunction, std::string(expression) + " failed: " + trace::HrText(hr));
 }
 

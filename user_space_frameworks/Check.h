@@ -12,7 +12,9 @@ namespace user_space_frameworks {
 bool IsNormalExchangeResult(HRESULT hr);
 TraceLevel FailureLevel(HRESULT hr);
 
-// Traces "<expression> failed: 0x...." at the error level (verbose for a normal-exchange result).
+// Traces "<expression> failed: 0x...." at the error level (verbose for a normal-exchange result). Within
+// one public call a failure is traced at the error level once, by the function that saw it: a caller
+// that passes the same code up traces it at the verbose level.
 void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr, bool expected = false);
 // Traces "<name>" "nullptr" where a "valid pointer" was expected.
 void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);

@@ -39,6 +39,7 @@ HRESULT ExceptionGuard(const char *prettyFunction, Body &&body) noexcept {
 // Entry mark, guarded body, exit mark with the result.
 template <typename Body>
 HRESULT Guarded(const char *prettyFunction, Body &&body) noexcept {
+  trace::ForgetReportedFailure();
   const bool verbose = trace::IsEnabled(TraceLevel::Verbose);
   if (verbose) trace::Write(TraceLevel::Verbose, prettyFunction, "==>");
   const HRESULT hr = ExceptionGuard(prettyFunction, std::forward<Body>(body));

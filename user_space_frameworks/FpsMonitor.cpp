@@ -1,5 +1,7 @@
 #include "user_space_frameworks/FpsMonitor.h"
 
+#include "user_space_frameworks/TraceScope.h"
+
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
@@ -10,6 +12,7 @@ FpsMonitor::FpsMonitor(std::string name, uint64_t reportPeriodMs, double fps)
     : name(std::move(name)), reportPeriod(reportPeriodMs), nominalFps(fps) {}
 
 void FpsMonitor::Reset(double fps) {
+  WQ_SCOPE();
   if (!(fps > 0)) throw std::invalid_argument("FPS must be > 0");
   nominalFps = fps;
   currentFps = fps;
@@ -24,6 +27,7 @@ void FpsMonitor::Reset(double fps) {
 }
 
 double FpsMonitor::GetMeasuredFps() const {
+  WQ_SCOPE();
   const uint64_t average = intervals.Average();
   return average == 0 ? 0.0 : 1000000.0 / static_cast<double>(average);
 }
@@ -33,6 +37,7 @@ void FpsMonitor::Notify() {
 }
 
 void FpsMonitor::OnSample(uint64_t timeUs) {
+  WQ_SCOPE();
   const uint64_t nowMs = timeUs / 1000;
   if (isFirstSample) {
     lastTimestamp = timeUs;

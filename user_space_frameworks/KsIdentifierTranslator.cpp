@@ -226,11 +226,11 @@ std::string KsIdentifierTranslator::Name(const KSIDENTIFIER &identifier, Kind ki
 std::string KsIdentifierTranslator::SetName(REFGUID set) const {
   const auto found = sets.find(set);
   if (found != sets.end()) return found->second.name;
-  char text[40];
-  std::snprintf(text, sizeof(text), "0x%08lX%04X%04X%02X%02X%02X%02X%02X%02X%02X%02X",
+  char text[48];
+  std::snprintf(text, sizeof(text), "Unknown 0x%08lX%04X%04X%02X%02X%02X%02X%02X%02X%02X%02X",
                 static_cast<unsigned long>(set.Data1), set.Data2, set.Data3, set.Data4[0], set.Data4[1],
                 set.Data4[2], set.Data4[3], set.Data4[4], set.Data4[5], set.Data4[6], set.Data4[7]);
-  return std::string("Unknown ") + text;
+  return text;
 }
 
 std::string KsIdentifierTranslator::IdName(REFGUID set, ULONG id) const {
@@ -239,7 +239,9 @@ std::string KsIdentifierTranslator::IdName(REFGUID set, ULONG id) const {
     const auto name = found->second.ids.find(id);
     if (name != found->second.ids.end()) return name->second;
   }
-  return "Unknown " + Hex(id);
+  char text[24];
+  std::snprintf(text, sizeof(text), "Unknown 0x%lX", static_cast<unsigned long>(id));
+  return text;
 }
 
 std::string KsIdentifierTranslator::FlagNames(ULONG flags, Kind kind) const {

@@ -7,6 +7,7 @@
 
 #include "user_space_frameworks/EtwProviders.h"
 #include "user_space_frameworks/GuidTranslator.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace user_space_frameworks {
 
@@ -45,6 +46,7 @@ size_t CapturingTraceSink::Count(const std::string &text) const {
 bool CapturingTraceSink::Contains(const std::string &text) const { return Count(text) > 0; }
 
 void CapturingTraceSink::Clear() {
+  trace::ForgetReportedFailure();
   std::lock_guard<std::mutex> hold(mutex);
   lines.clear();
   events.clear();
@@ -78,6 +80,7 @@ void TextTraceSink::Event(const char *name, const std::string &fields) {
 namespace trace {
 
 std::atomic<int> currentLevel{0};
+thread_local long reportedFailure = 0;
 std::atomic<bool> eventsEnabled{false};
 
 // {3BFB992D-70B6-49B5-B1E9-CD61333ABD76}
@@ -159,6 +162,7 @@ std::string FieldsText(EventOpcode opcode, const GUID *activityId, std::initiali
 }  // namespace
 
 std::shared_ptr<TraceSink> SetSink(std::shared_ptr<TraceSink> sink, TraceLevel level, bool events) {
+  ForgetReportedFailure();
   std::lock_guard<std::mutex> hold(sinkMutex);
   std::shared_ptr<TraceSink> previous = currentSink;
   StoreSink(std::move(sink), static_cast<int>(level), events);
@@ -194,10 +198,15 @@ StructuredEventProvider &EventProvider() { return eventProvider; }
 
 void Write(TraceLevel level, const char *prettyFunction, const std::string &message) {
   const int value = static_cast<int>(level);
+  if (sinkLevel.load(std::memory_order_relaxed) < value && classicProvider.EnabledLevel() < value) return;
+  WriteQualified(level, QualifiedName(prettyFunction), message);
+}
+
+void WriteQualified(TraceLevel level, const std::string &function, const std::string &message) {
+  const int value = static_cast<int>(level);
   const bool toSink = sinkLevel.load(std::memory_order_relaxed) >= value;
   const bool toSession = classicProvider.EnabledLevel() >= value;
   if (!toSink && !toSession) return;
-  const std::string function = QualifiedName(prettyFunction);
   if (toSink) {
     if (auto sink = Sink()) sink->Write(level, function, message);
   }
@@ -258,6 +267,14 @@ std::string QualifiedName(const char *prettyFunction) {
   return text.substr(start, open - start);
 }
 
+void WriteEntry(const char *qualifiedName) { WriteQualified(TraceLevel::Verbose, qualifiedName, "==>"); }
+
+void WriteExit(const char *qualifiedName) { WriteQualified(TraceLevel::Verbose, qualifiedName, "<=="); }
+
+void WriteExit(const char *qualifiedName, long result) {
+  WriteQualified(TraceLevel::Verbose, qualifiedName, "<== " + HrText(result));
+}
+
 std::string HrText(long hr) {
   char buffer[16];
   std::snprintf(buffer, sizeof(buffer), "0x%08lX", static_cast<unsigned long>(hr) & 0xFFFFFFFFul);
@@ -270,6 +287,7 @@ ScopedSink::ScopedSink(std::shared_ptr<TraceSink> sink, TraceLevel level)
 }
 
 ScopedSink::~ScopedSink() {
+  ForgetReportedFailure();
   std::lock_guard<std::mutex> hold(sinkMutex);
   StoreSink(previous, previousLevel, previousEvents);
 }

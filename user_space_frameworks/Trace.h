@@ -95,6 +95,8 @@ ClassicTraceProvider &ClassicProvider();
 StructuredEventProvider &EventProvider();
 
 void Write(TraceLevel level, const char *prettyFunction, const std::string &message);
+// As Write, under a name that is already qualified ("mft_core::InputStream::ProcessSample").
+void WriteQualified(TraceLevel level, const std::string &function, const std::string &message);
 
 // One per-frame event with typed fields, at verbose level under the frame-events keyword.
 enum class EventOpcode : unsigned char { Info = 0, Start = 1, Stop = 2 };
@@ -109,6 +111,11 @@ inline tracelogging::Field UInt32Field(const char *name, const uint32_t &value) 
 inline tracelogging::Field Int64Field(const char *name, const int64_t &value) {
   return {name, tracelogging::InInt64, 0, &value, sizeof(value)};
 }
+
+// The failure this thread last traced at the error level within the current public call (check-and-
+// return traces a failure once); a public call, or a new sink, begins with none.
+extern thread_local long reportedFailure;
+inline void ForgetReportedFailure() { reportedFailure = 0; }
 
 // "HRESULT mft_core::MFDeviceTransform::CheckShutdown()" -> "mft_core::MFDeviceTransform::CheckShutdown"
 std::string QualifiedName(const char *prettyFunction);

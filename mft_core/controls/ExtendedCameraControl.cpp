@@ -1,5 +1,7 @@
 #include "mft_core/controls/ExtendedCameraControl.h"
 
+#include "user_space_frameworks/TraceScope.h"
+
 namespace mft_core {
 
 namespace {
@@ -12,6 +14,7 @@ ExtendedCameraControl::ExtendedCameraControl(ULONG propertyId, const std::string
 
 HRESULT ExtendedCameraControl::Run(PKSIDENTIFIER pProperty, ULONG, LPVOID pPropertyData, ULONG ulDataLength,
                                    ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(pBytesReturned);
   *pBytesReturned = kRequestSize;
   // The usual size query (no buffer, or too small a one) ends here with the size the control needs.
@@ -26,6 +29,7 @@ HRESULT ExtendedCameraControl::Run(PKSIDENTIFIER pProperty, ULONG, LPVOID pPrope
   if ((flags & KSPROPERTY_TYPE_SET) != 0) return Set(pProperty, header, payload);
   if ((flags & KSPROPERTY_TYPE_GET) != 0) return Get(pProperty, header, payload);
   return kNotSupported;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

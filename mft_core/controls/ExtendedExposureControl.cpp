@@ -3,6 +3,7 @@
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/NameMap.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -41,6 +42,7 @@ ExtendedExposureControl::ExtendedExposureControl(const std::string &displayName,
       autoLockConvergeDelta(autoLockConvergeDelta) {}
 
 void ExtendedExposureControl::ChangeState(ExposureControlState next) {
+  WQ_SCOPE();
   WQ_TRACE(Info, GetTraceName() << ": " << ExposureControlStateName(state) << " -> "
                                 << ExposureControlStateName(next));
   state = next;
@@ -48,6 +50,7 @@ void ExtendedExposureControl::ChangeState(ExposureControlState next) {
 
 HRESULT ExtendedExposureControl::Set(PKSPROPERTY, KSCAMERA_EXTENDEDPROP_HEADER *header,
                                      KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING *payload) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(header);
   RETURN_IF_NULL(payload);
   user_space_frameworks::AutoLock guard(lock);
@@ -82,10 +85,12 @@ HRESULT ExtendedExposureControl::Set(PKSPROPERTY, KSCAMERA_EXTENDEDPROP_HEADER *
   RETURN_IF_FAILED(SetAuto());
   RETURN_IF_FAILED(Signal());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT ExtendedExposureControl::Get(PKSPROPERTY, KSCAMERA_EXTENDEDPROP_HEADER *header,
                                      KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING *videoProcSetting) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(header);
   RETURN_IF_NULL(videoProcSetting);
   user_space_frameworks::AutoLock guard(lock);
@@ -103,21 +108,26 @@ HRESULT ExtendedExposureControl::Get(PKSPROPERTY, KSCAMERA_EXTENDEDPROP_HEADER *
   }
   RETURN_IF_FAILED(Get(videoProcSetting));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT ExtendedExposureControl::InitiateAutoLock() {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(lock);
   convergedSamples = 0;
   RETURN_IF_FAILED(SetAuto());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 bool ExtendedExposureControl::IsAuto() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(lock);
   return state == ExposureControlState::Auto;
 }
 
 void ExtendedExposureControl::OnSample(uint32_t exposure) {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(lock);
   switch (state) {
     case ExposureControlState::ManualConverging: ManualConvergeStep(exposure); break;
@@ -128,6 +138,7 @@ void ExtendedExposureControl::OnSample(uint32_t exposure) {
 }
 
 void ExtendedExposureControl::ManualConvergeStep(uint32_t exposure) {
+  WQ_SCOPE();
   const uint32_t distance = Distance(exposure, requiredManualExposure);
   WQ_TRACE(Verbose, GetTraceName() << ": required " << requiredManualExposure << " frame " << exposure
                                    << " distance " << distance << " delta " << manualConvergeDelta);
@@ -138,6 +149,7 @@ void ExtendedExposureControl::ManualConvergeStep(uint32_t exposure) {
 }
 
 void ExtendedExposureControl::AutoLockStep(uint32_t exposure) {
+  WQ_SCOPE();
   const uint32_t distance = Distance(exposure, lastSampleExposure);
   if (distance >= autoLockConvergeDelta) {
     convergedSamples = 0;

@@ -7,6 +7,7 @@
 #include "mft_core/ks/KsText.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/GuidTranslator.h"
+#include "user_space_frameworks/TraceScope.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -33,14 +34,17 @@ ExtensionUnitKsControl::ExtensionUnitKsControl(const GUID &xuSetId, const std::s
 
 HRESULT ExtensionUnitKsControl::Init(const ComPtr<IMFTransform> &sourceTransform,
                                      const ComPtr<IKsControl> &ksControl, ULONG knownSupportedId) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(FindDeviceSpecificNode(sourceTransform, ksControl, knownSupportedId));
   filterKsControl = ksControl;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT ExtensionUnitKsControl::FindDeviceSpecificNode(const ComPtr<IMFTransform> &sourceTransform,
                                                        const ComPtr<IKsControl> &ksControl,
                                                        ULONG knownSupportedId) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(sourceTransform);
   RETURN_IF_NULL(ksControl);
   ComPtr<IKsTopologyInfo> topologyInfo;
@@ -70,6 +74,7 @@ HRESULT ExtensionUnitKsControl::FindDeviceSpecificNode(const ComPtr<IMFTransform
   WQ_TRACE(Warning, name << ": no device-specific node answers set " << user_space_frameworks::GuidTranslator::Name(xuSetId) << " ("
                          << numNodes << " nodes)");
   return E_NOINTERFACE;
+  WQ_SCOPE_END;
 }
 
 namespace {
@@ -91,7 +96,8 @@ HRESULT SendToNode(const std::string &name, const char *kind, KsIdentifierKind k
     WQ_TRACE(Verbose, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " needs "
                            << (bytesReturned ? std::to_string(*bytesReturned) : std::string("?")) << " bytes");
   } else if (FAILED(hr)) {
-    WQ_TRACE(Error, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " failed "
+    // The caller traces the failure with its own expression; here only the node's view of it.
+    WQ_TRACE(Verbose, name << ": " << kind << " " << KsIdentifierText(ksKind, identifier) << " failed "
                          << user_space_frameworks::trace::HrText(hr) << ", data length " << dataLength
                          << ", bytes returned "
                          << (bytesReturned ? std::to_string(*bytesReturned) : std::string("null")));
@@ -104,6 +110,7 @@ HRESULT SendToNode(const std::string &name, const char *kind, KsIdentifierKind k
 STDMETHODIMP ExtensionUnitKsControl::KsProperty(PKSPROPERTY pProperty, ULONG /*ulPropertyLength*/,
                                                 LPVOID pPropertyData, ULONG ulDataLength,
                                                 ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_HR_IF_NULL(E_NOINTERFACE, filterKsControl);
   RETURN_IF_NULL(pProperty);
   return SendToNode<KSP_NODE>(name, "KsProperty", KsIdentifierKind::Property, *pProperty, nodeId, ulDataLength, pBytesReturned,
@@ -111,10 +118,12 @@ STDMETHODIMP ExtensionUnitKsControl::KsProperty(PKSPROPERTY pProperty, ULONG /*u
                                 return filterKsControl->KsProperty(request, length, pPropertyData, ulDataLength,
                                                                    pBytesReturned);
                               });
+  WQ_SCOPE_END;
 }
 
 STDMETHODIMP ExtensionUnitKsControl::KsMethod(PKSMETHOD pMethod, ULONG /*ulMethodLength*/, LPVOID pMethodData,
                                               ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_HR_IF_NULL(E_NOINTERFACE, filterKsControl);
   RETURN_IF_NULL(pMethod);
   return SendToNode<KSM_NODE>(name, "KsMethod", KsIdentifierKind::Method, *pMethod, nodeId, ulDataLength, pBytesReturned,
@@ -122,10 +131,12 @@ STDMETHODIMP ExtensionUnitKsControl::KsMethod(PKSMETHOD pMethod, ULONG /*ulMetho
                                 return filterKsControl->KsMethod(request, length, pMethodData, ulDataLength,
                                                                  pBytesReturned);
                               });
+  WQ_SCOPE_END;
 }
 
 STDMETHODIMP ExtensionUnitKsControl::KsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData,
                                              ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_HR_IF_NULL(E_NOINTERFACE, filterKsControl);
   if (pEvent == nullptr) {
     // Disabling names the event by its data alone: nothing to address.
@@ -136,19 +147,23 @@ STDMETHODIMP ExtensionUnitKsControl::KsEvent(PKSEVENT pEvent, ULONG ulEventLengt
                                 return filterKsControl->KsEvent(request, length, pEventData, ulDataLength,
                                                                 pBytesReturned);
                               });
+  WQ_SCOPE_END;
 }
 
 HRESULT ExtensionUnitKsControl::SendKsProperty(ULONG id, void *data, ULONG dataSize, ULONG flags,
                                                ULONG &bytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   KSPROPERTY property = {};
   property.Set = xuSetId;
   property.Id = id;
   property.Flags = flags;
   return KsProperty(&property, sizeof(property), data, dataSize, &bytesReturned);
+  WQ_SCOPE_END;
 }
 
 HRESULT ExtensionUnitKsControl::QueryKsPropertyInfo(ULONG id, LONG &minimum, LONG &maximum, LONG &step,
                                                     LONG &defaultValue) {
+  WQ_SCOPE_BEGIN(HRESULT);
   KSPROPERTY property = {};
   property.Set = xuSetId;
   property.Id = id;
@@ -167,6 +182,7 @@ HRESULT ExtensionUnitKsControl::QueryKsPropertyInfo(ULONG id, LONG &minimum, LON
   RETURN_IF_FAILED(KsProperty(&property, sizeof(KSPROPERTY), propertyRange.data(), requestedSize, &bytesReturned));
   defaultValue = ReadLong(propertyRange, kValuesOffset);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -36,6 +37,7 @@ FirmwareCommandPipe::FirmwareCommandPipe(const Microsoft::WRL::ComPtr<IKsControl
 
 HRESULT FirmwareCommandPipe::Set(uint32_t opcode, const BYTE *data, size_t dataLength, uint32_t param1,
                                  uint32_t param2, uint32_t param3, uint32_t param4) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock lock(commandLock);
   if (data != nullptr && dataLength != 0 && dataLength > FirmwareCommandBuffer::kMaxData) {
     throw std::invalid_argument("failed to copy data");
@@ -57,10 +59,12 @@ HRESULT FirmwareCommandPipe::Set(uint32_t opcode, const BYTE *data, size_t dataL
     return E_FAIL;
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT FirmwareCommandPipe::Get(BYTE *readData, uint32_t opcode, size_t readLength, uint32_t param1,
                                  uint32_t param2, uint32_t param3, uint32_t param4) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock lock(commandLock);
   if (readLength > kMaxReadLength) {
     WQ_TRACE(Error, name << ": read length " << readLength << " above " << kMaxReadLength);
@@ -84,6 +88,7 @@ HRESULT FirmwareCommandPipe::Get(BYTE *readData, uint32_t opcode, size_t readLen
   RETURN_HR_IF_NULL(E_FAIL, readData);
   std::memcpy(readData, readBuffer + kOpcodeEchoSize, readLength);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -5,6 +5,7 @@
 
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -39,6 +40,7 @@ bool KsControlHandler::IsSameControl(const KsControlHandler &other) const {
 }
 
 bool KsControlHandler::IsMatch(const KSIDENTIFIER *identifier) const {
+  WQ_SCOPE();
   return identifier != nullptr && IsEqualGUID(identifier->Set, set) && identifier->Id == id;
 }
 
@@ -62,11 +64,13 @@ HRESULT KsEventHandler::Run(PKSIDENTIFIER, ULONG, LPVOID, ULONG, ULONG *) { retu
 HRESULT KsEventHandler::AttemptToResetRegularEvent(LPVOID) { return kNotFound; }
 
 bool KsEventHandler::IsArmed() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(eventLock);
   return eventHandle.IsValid();
 }
 
 HRESULT KsEventHandler::DuplicateEventHandle(HANDLE handle) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(eventLock);
   if (eventHandle.IsValid()) {
     WQ_TRACE(Error, GetTraceName() << ": an event is already armed");
@@ -81,6 +85,7 @@ HRESULT KsEventHandler::DuplicateEventHandle(HANDLE handle) {
   }
   eventHandle.Reset(duplicate);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 OneShotKsEventHandler::OneShotKsEventHandler(REFGUID set, ULONG id, const std::string &description,
@@ -88,6 +93,7 @@ OneShotKsEventHandler::OneShotKsEventHandler(REFGUID set, ULONG id, const std::s
     : KsEventHandler(set, id, description, ksControl) {}
 
 HRESULT OneShotKsEventHandler::Run(PKSIDENTIFIER pEvent, ULONG, LPVOID pEventData, ULONG ulDataLength, ULONG *) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_HR_IF_NULL(E_INVALIDARG, pEvent);
   RETURN_HR_IF_NULL(E_INVALIDARG, pEventData);
   const KSEVENTDATA *ksEventData = EventDataOf(pEventData, ulDataLength);
@@ -95,9 +101,11 @@ HRESULT OneShotKsEventHandler::Run(PKSIDENTIFIER pEvent, ULONG, LPVOID pEventDat
   if ((pEvent->Flags & KSEVENT_TYPE_ONESHOT) == 0) return E_NOTIMPL;
   RETURN_IF_FAILED(DuplicateEventHandle(ksEventData->EventHandle.Event));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OneShotKsEventHandler::Set() {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(eventLock);
   RETURN_HR_IF_NULL(kInvalidState, eventHandle.Get());
   if (!SetEvent(eventHandle.Get())) {
@@ -109,6 +117,7 @@ HRESULT OneShotKsEventHandler::Set() {
   eventHandle.Reset();
   WQ_TRACE(Info, GetTraceName() << ": event signalled");
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 RegularKsEventHandler::RegularKsEventHandler(REFGUID set, ULONG id, const std::string &description,
@@ -116,6 +125,7 @@ RegularKsEventHandler::RegularKsEventHandler(REFGUID set, ULONG id, const std::s
     : KsEventHandler(set, id, description, ksControl) {}
 
 HRESULT RegularKsEventHandler::Run(PKSIDENTIFIER pEvent, ULONG, LPVOID pEventData, ULONG ulDataLength, ULONG *) {
+  WQ_SCOPE_BEGIN(HRESULT);
   const KSEVENTDATA *ksEventData = EventDataOf(pEventData, ulDataLength);
   if (pEvent == nullptr || ksEventData == nullptr) return E_INVALIDARG;
   if ((pEvent->Flags & KSEVENT_TYPE_ENABLE) == 0) return E_NOTIMPL;
@@ -123,19 +133,23 @@ HRESULT RegularKsEventHandler::Run(PKSIDENTIFIER pEvent, ULONG, LPVOID pEventDat
   // handle through AttemptToResetRegularEvent.
   RETURN_IF_FAILED(DuplicateEventHandle(ksEventData->EventHandle.Event));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT RegularKsEventHandler::AttemptToResetRegularEvent(LPVOID eventData) { return Reset(eventData); }
 
 HRESULT RegularKsEventHandler::Reset(LPVOID eventData) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(eventLock);
   if (eventData != enabledEventData) return kNotFound;
   eventHandle.Reset();
   enabledEventData = nullptr;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT RegularKsEventHandler::Set() {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(eventLock);
   RETURN_HR_IF_NULL(kInvalidState, eventHandle.Get());
   if (!SetEvent(eventHandle.Get())) {
@@ -149,6 +163,7 @@ HRESULT RegularKsEventHandler::Set() {
   eventHandle.Release();
   enabledEventData = nullptr;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 // ---- Warm start -------------------------------------------------------------------------------------------
@@ -159,6 +174,7 @@ WarmStartKsPropsHandler::WarmStartKsPropsHandler()
 
 HRESULT WarmStartKsPropsHandler::Run(PKSIDENTIFIER pProperty, ULONG, LPVOID pPropertyData, ULONG ulDataLength,
                                      ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_HR_IF_NULL(E_INVALIDARG, pProperty);
   RETURN_IF_NULL(pBytesReturned);
   *pBytesReturned = 0;
@@ -197,6 +213,36 @@ HRESULT WarmStartKsPropsHandler::Run(PKSIDENTIFIER pProperty, ULONG, LPVOID pPro
     return S_OK;
   }
   return S_OK;
+  WQ_SCOPE_END;
+}
+
+// ---- Pass-through defaults ----------------------------------------------------------------------------------
+
+HRESULT PassthroughKsPropsHandler::Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLength, LPVOID pvPropertyData,
+                                       ULONG ulDataLength, ULONG *pulBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
+  IKsControl *myKsControl = ksControl.Get();
+  RETURN_HR_IF_NULL(E_UNEXPECTED, myKsControl);
+  return LOG_IF_FAILED(myKsControl->KsProperty(pProperty, ulPropertyLength, pvPropertyData, ulDataLength, pulBytesReturned));
+  WQ_SCOPE_END;
+}
+
+HRESULT PassthroughKsEventsHandler::Run(PKSIDENTIFIER pEvent, ULONG ulEventLength, LPVOID pEventData,
+                                        ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
+  IKsControl *myKsControl = ksControl.Get();
+  RETURN_HR_IF_NULL(E_UNEXPECTED, myKsControl);
+  return LOG_IF_FAILED(myKsControl->KsEvent(pEvent, ulEventLength, pEventData, ulDataLength, pBytesReturned));
+  WQ_SCOPE_END;
+}
+
+HRESULT PassthroughKsMethodsHandler::Run(PKSIDENTIFIER pMethod, ULONG ulPropertyLength, LPVOID pvPropertyData,
+                                         ULONG ulDataLength, ULONG *pulBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
+  IKsControl *myKsControl = ksControl.Get();
+  RETURN_HR_IF_NULL(E_UNEXPECTED, myKsControl);
+  return LOG_IF_FAILED(myKsControl->KsMethod(pMethod, ulPropertyLength, pvPropertyData, ulDataLength, pulBytesReturned));
+  WQ_SCOPE_END;
 }
 
 // ---- Complete set -------------------------------------------------------------------------------------------
@@ -214,9 +260,11 @@ bool CompleteSetPropsHandler::IsSameSet(const KsControlHandler &other) const {
 
 HRESULT CompleteSetPropsHandler::Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
                                      ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   IKsControl *myKsControl = ksControl.Get();
   RETURN_HR_IF_NULL(E_UNEXPECTED, myKsControl);
   return LOG_IF_FAILED(myKsControl->KsProperty(pProperty, ulPropertyLength, pPropertyData, ulDataLength, pBytesReturned));
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

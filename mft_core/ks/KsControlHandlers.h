@@ -95,36 +95,28 @@ class RegularKsEventHandler : public KsEventHandler {
 };
 
 // Defaults of the device transform: everything nobody else claims goes to the driver unchanged.
-// `Send` is the driver's IKsControl method for the handler's kind.
-template <typename Handler, auto Send>
-class PassthroughKsHandler : public Handler {
- public:
-  PassthroughKsHandler(IKsControl *ksControl, const char *description)
-      : Handler(GUID_NULL, 0, description, ksControl) {}
-  HRESULT Run(PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data, ULONG dataLength,
-              ULONG *bytesReturned) override {
-    IKsControl *driver = this->ksControl.Get();
-    RETURN_HR_IF_NULL(E_UNEXPECTED, driver);
-    return LOG_IF_FAILED((driver->*Send)(identifier, identifierLength, data, dataLength, bytesReturned));
-  }
-};
-
-class PassthroughKsPropsHandler : public PassthroughKsHandler<KsPropHandler, &IKsControl::KsProperty> {
+class PassthroughKsPropsHandler : public KsPropHandler {
  public:
   explicit PassthroughKsPropsHandler(IKsControl *ksControl)
-      : PassthroughKsHandler(ksControl, "Pass Through KS Properties Handler") {}
+      : KsPropHandler(GUID_NULL, 0, "Pass Through KS Properties Handler", ksControl) {}
+  HRESULT Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLength, LPVOID pvPropertyData, ULONG ulDataLength,
+              ULONG *pulBytesReturned) override;
 };
 
-class PassthroughKsEventsHandler : public PassthroughKsHandler<KsEventHandler, &IKsControl::KsEvent> {
+class PassthroughKsEventsHandler : public KsEventHandler {
  public:
   explicit PassthroughKsEventsHandler(IKsControl *ksControl)
-      : PassthroughKsHandler(ksControl, "Pass Through KS Events Handler") {}
+      : KsEventHandler(GUID_NULL, 0, "Pass Through KS Events Handler", ksControl) {}
+  HRESULT Run(PKSIDENTIFIER pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,
+              ULONG *pBytesReturned) override;
 };
 
-class PassthroughKsMethodsHandler : public PassthroughKsHandler<KsMethodHandler, &IKsControl::KsMethod> {
+class PassthroughKsMethodsHandler : public KsMethodHandler {
  public:
   explicit PassthroughKsMethodsHandler(IKsControl *ksControl)
-      : PassthroughKsHandler(ksControl, "Pass Through KS Methods Handler") {}
+      : KsMethodHandler(GUID_NULL, 0, "Pass Through KS Methods Handler", ksControl) {}
+  HRESULT Run(PKSIDENTIFIER pMethod, ULONG ulPropertyLength, LPVOID pvPropertyData, ULONG ulDataLength,
+              ULONG *pulBytesReturned) override;
 };
 
 // Answers the extended warm-start control: warm start is not supported, so it reads as off and
@@ -141,7 +133,11 @@ class WarmStartKsPropsHandler : public KsPropHandler {
 // Hands every id of one property set to another IKsControl (an extension unit's).
 class CompleteSetPropsHandler : public KsPropHandler {
  public:
-  CompleteSetPropsHandler(IKsControl *ksControl, REFGUID set, const std::string &description);
+  CompleteSetPropsHandler(IKsControl *ksControl, REFGUID set,
+                          const std::string &description = "Complete Set KS Properties Handler");
+  template <typename Control>
+  CompleteSetPropsHandler(const Microsoft::WRL::ComPtr<Control> &ksControl, REFGUID set)
+      : CompleteSetPropsHandler(ksControl.Get(), set) {}
   bool IsMatch(const KSIDENTIFIER *identifier) const override;
   HRESULT Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLength, LPVOID pPropertyData, ULONG ulDataLength,
               ULONG *pBytesReturned) override;

@@ -7,6 +7,7 @@
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/ExceptionGuard.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -60,24 +61,30 @@ STDMETHODIMP KsControlsDispatcher::KsEvent(PKSEVENT pEvent, ULONG ulEventLength,
 
 HRESULT KsControlsDispatcher::OnKsProperty(PKSPROPERTY pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
                                            ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return Dispatch(propertiesDispathcer, KsControlType::Property, pProperty, ulPropertyLength, pPropertyData,
                   ulDataLength, pBytesReturned);
+  WQ_SCOPE_END;
 }
 
 HRESULT KsControlsDispatcher::OnKsMethod(PKSMETHOD pMethod, ULONG ulMethodLength, LPVOID pMethodData,
                                          ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return Dispatch(methodsDispathcer, KsControlType::Method, pMethod, ulMethodLength, pMethodData, ulDataLength,
                   pBytesReturned);
+  WQ_SCOPE_END;
 }
 
 HRESULT KsControlsDispatcher::OnKsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,
                                         ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (pEvent == nullptr) {
     // Disable form: the event data names the event to disable.
     return eventsDispathcer.ResetRegularEvent(pEventData);
   }
   return Dispatch(eventsDispathcer, KsControlType::Event, pEvent, ulEventLength, pEventData, ulDataLength,
                   pBytesReturned);
+  WQ_SCOPE_END;
 }
 
 template <typename T>

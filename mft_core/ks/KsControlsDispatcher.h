@@ -9,24 +9,28 @@
 #include "mft_core/ks/KsControlsObserver.h"
 #include "platform/WindowsSdk.h"
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
 // Handlers of one kind, in registration order, plus an optional default. Filled during initialisation
 // and only read afterwards, so requests read it without a lock.
+// The transform's registration operations trace a refusal; the list itself only answers.
 template <typename T>
 class KsControlDispatcher {
  public:
-  HRESULT RegisterHandler(std::shared_ptr<T> handler) {
-    RETURN_HR_IF_NULL(E_INVALIDARG, handler);
-    for (const auto &registered : handlers) RETURN_HR_IF(E_FAIL, registered->IsSameControl(*handler));
-    handlers.push_back(std::move(handler));
+  HRESULT RegisterHandler(const std::shared_ptr<T> &handler) {
+    if (!handler) return E_INVALIDARG;
+    for (const auto &registered : handlers) {
+      if (registered->IsSameControl(*handler)) return E_FAIL;
+    }
+    handlers.push_back(handler);
     return S_OK;
   }
 
-  HRESULT RegisterDefaultHandler(std::shared_ptr<T> handler) {
-    RETURN_HR_IF_NULL(E_INVALIDARG, handler);
-    defaultHandler = std::move(handler);
+  HRESULT RegisterDefaultHandler(const std::shared_ptr<T> &handler) {
+    if (!handler) return E_INVALIDARG;
+    defaultHandler = handler;
     return S_OK;
   }
 
@@ -67,23 +71,41 @@ class KsControlsDispatcher : public IKsControl, public KsControlsSubject {
                        ULONG *pBytesReturned) override;
 
   // A second handler of the same (set, id) is refused; a default replaces the kind's previous one.
-  HRESULT RegisterKsPropertyHandler(std::shared_ptr<KsPropHandler> handler) {
-    return propertiesDispathcer.RegisterHandler(std::move(handler));
+  HRESULT RegisterKsPropertyHandler(const std::shared_ptr<KsPropHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
+    RETURN_IF_FAILED(propertiesDispathcer.RegisterHandler(handler));
+    return S_OK;
+    WQ_SCOPE_END;
   }
-  HRESULT RegisterKsEventHandler(std::shared_ptr<KsEventHandler> handler) {
-    return eventsDispathcer.RegisterHandler(std::move(handler));
+  HRESULT RegisterKsEventHandler(const std::shared_ptr<KsEventHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
+    RETURN_IF_FAILED(eventsDispathcer.RegisterHandler(handler));
+    return S_OK;
+    WQ_SCOPE_END;
   }
-  HRESULT RegisterKsMethodHandler(std::shared_ptr<KsMethodHandler> handler) {
-    return methodsDispathcer.RegisterHandler(std::move(handler));
+  HRESULT RegisterKsMethodHandler(const std::shared_ptr<KsMethodHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
+    RETURN_IF_FAILED(methodsDispathcer.RegisterHandler(handler));
+    return S_OK;
+    WQ_SCOPE_END;
   }
-  HRESULT RegisterKsPropertyDefaultHandler(std::shared_ptr<KsPropHandler> handler) {
-    return propertiesDispathcer.RegisterDefaultHandler(std::move(handler));
+  HRESULT RegisterKsPropertyDefaultHandler(const std::shared_ptr<KsPropHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
+    RETURN_IF_FAILED(propertiesDispathcer.RegisterDefaultHandler(handler));
+    return S_OK;
+    WQ_SCOPE_END;
   }
-  HRESULT RegisterKsEventDefaultHandler(std::shared_ptr<KsEventHandler> handler) {
-    return eventsDispathcer.RegisterDefaultHandler(std::move(handler));
+  HRESULT RegisterKsEventDefaultHandler(const std::shared_ptr<KsEventHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
+    RETURN_IF_FAILED(eventsDispathcer.RegisterDefaultHandler(handler));
+    return S_OK;
+    WQ_SCOPE_END;
   }
-  HRESULT RegisterKsMethodDefaultHandler(std::shared_ptr<KsMethodHandler> handler) {
-    return methodsDispathcer.RegisterDefaultHandler(std::move(handler));
+  HRESULT RegisterKsMethodDefaultHandler(const std::shared_ptr<KsMethodHandler> &handler) {
+    WQ_SCOPE_BEGIN(HRESULT);
+    RETURN_IF_FAILED(methodsDispathcer.RegisterDefaultHandler(handler));
+    return S_OK;
+    WQ_SCOPE_END;
   }
 
  protected:

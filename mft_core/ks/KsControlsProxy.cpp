@@ -6,6 +6,7 @@
 
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -37,25 +38,32 @@ HRESULT KsControlsProxy::CallWithRetry(KsControlType type, PKSIDENTIFIER identif
 
 STDMETHODIMP KsControlsProxy::KsProperty(PKSPROPERTY Property, ULONG PropertyLength, LPVOID PropertyData,
                                          ULONG DataLength, ULONG *BytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return CallWithRetry(KsControlType::Property, Property, PropertyLength, PropertyData, DataLength, BytesReturned,
                        [&] { return ksControl->KsProperty(Property, PropertyLength, PropertyData, DataLength,
                                                           BytesReturned); });
+  WQ_SCOPE_END;
 }
 
 STDMETHODIMP KsControlsProxy::KsMethod(PKSMETHOD Method, ULONG MethodLength, LPVOID MethodData, ULONG DataLength,
                                        ULONG *BytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return CallWithRetry(KsControlType::Method, Method, MethodLength, MethodData, DataLength, BytesReturned,
                        [&] { return ksControl->KsMethod(Method, MethodLength, MethodData, DataLength, BytesReturned); });
+  WQ_SCOPE_END;
 }
 
 STDMETHODIMP KsControlsProxy::KsEvent(PKSEVENT Event, ULONG EventLength, LPVOID EventData, ULONG DataLength,
                                       ULONG *BytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return CallWithRetry(KsControlType::Event, Event, EventLength, EventData, DataLength, BytesReturned,
                        [&] { return ksControl->KsEvent(Event, EventLength, EventData, DataLength, BytesReturned); });
+  WQ_SCOPE_END;
 }
 
 HRESULT KsControlsProxy::QueryKsPropertyVideoProCampInfo(ULONG propertyId, LONG *minimum, LONG *maximum, LONG *step,
                                                          LONG *defaultValue) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(minimum);
   RETURN_IF_NULL(maximum);
   RETURN_IF_NULL(step);
@@ -111,6 +119,7 @@ HRESULT KsControlsProxy::QueryKsPropertyVideoProCampInfo(ULONG propertyId, LONG 
   *defaultValue = 0;
   std::memcpy(defaultValue, propertyRange.data() + valueOffset, static_cast<size_t>(defaultSize));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

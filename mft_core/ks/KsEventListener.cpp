@@ -7,6 +7,7 @@
 #include "user_space_frameworks/ExceptionGuard.h"
 #include "user_space_frameworks/NameMap.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -47,6 +48,7 @@ std::shared_ptr<KsEventListener> KsEventListener::Own(KsEventListener *listener)
 
 std::shared_ptr<KsEventListener> KsEventListener::Create(const std::string &name, REFGUID eventSet, ULONG eventId,
                                                          std::shared_ptr<IDeviceEventsRecorder> recorder) {
+  WQ_SCOPE();
   return Own(new KsEventListener(name, eventSet, eventId, std::move(recorder),
                                  std::make_shared<mft_utils::MFPutWaitingWorkItemWrapper>(kWorkItemPriority)));
 }
@@ -54,6 +56,7 @@ std::shared_ptr<KsEventListener> KsEventListener::Create(const std::string &name
 std::shared_ptr<KsEventListener> KsEventListener::Create(
     const std::string &name, REFGUID eventSet, ULONG eventId, std::shared_ptr<IDeviceEventsRecorder> recorder,
     std::shared_ptr<mft_utils::WaitWorkItemWrapper> workItemWrapper) {
+  WQ_SCOPE();
   if (!workItemWrapper) return nullptr;
   return Own(new KsEventListener(name, eventSet, eventId, std::move(recorder), std::move(workItemWrapper)));
 }
@@ -73,6 +76,7 @@ const char *KsEventListener::StateText(LONG state) {
 }
 
 HRESULT KsEventListener::Init(IKsControl *ksControl) {
+  WQ_SCOPE_BEGIN(HRESULT);
   this->ksControl = ksControl;
   stopCompleted.Reset(CreateEventW(nullptr, FALSE, FALSE, nullptr));
   const HANDLE stopCompletedEvent = stopCompleted.Get();
@@ -87,9 +91,11 @@ HRESULT KsEventListener::Init(IKsControl *ksControl) {
   RETURN_HR_IF_NULL(E_OUTOFMEMORY, relay);
   RETURN_IF_FAILED(MFCreateAsyncResult(nullptr, relay.Get(), nullptr, &asyncResult));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 void KsEventListener::Uninit() {
+  WQ_SCOPE();
   AutoLock transition(startStopLock);
   LONG remaining = 0;
   {
@@ -107,6 +113,7 @@ void KsEventListener::Uninit() {
 }
 
 HRESULT KsEventListener::Start() {
+  WQ_SCOPE_BEGIN(HRESULT);
   AutoLock transition(startStopLock);
   AutoLock lock(critSec);
   const HANDLE stopCompletedEvent = stopCompleted.Get();
@@ -140,9 +147,11 @@ HRESULT KsEventListener::Start() {
   ULONG bytesReturned = 0;
   RETURN_IF_FAILED(ksControl->KsEvent(&event, sizeof(KSEVENT), &kseventdata, sizeof(KSEVENTDATA), &bytesReturned));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT KsEventListener::WaitAsyncForNotification() {
+  WQ_SCOPE_BEGIN(HRESULT);
   // Each wait gets its own result so that Invoke can tell the current wait from an earlier one that
   // the platform still delivers (a wait that fired while being cancelled may be invoked twice).
   Microsoft::WRL::ComPtr<IMFAsyncResult> nextResult;
@@ -150,9 +159,11 @@ HRESULT KsEventListener::WaitAsyncForNotification() {
   asyncResult = nextResult;
   RETURN_IF_FAILED(workItemWrapper->WaitAsync(kseventdata.EventHandle.Event, asyncResult.Get(), relay.Get()));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 void KsEventListener::Stop() {
+  WQ_SCOPE();
   AutoLock transition(startStopLock);
   {
     AutoLock lock(critSec);
@@ -197,11 +208,13 @@ void KsEventListener::Stop() {
 }
 
 void KsEventListener::RegisterObserver(std::shared_ptr<KsEventsObserver> observer) {
+  WQ_SCOPE();
   AutoLock lock(critSec);
   observers.push_back(std::move(observer));
 }
 
 void KsEventListener::UnregisterObserver(std::shared_ptr<KsEventsObserver> observer) {
+  WQ_SCOPE();
   AutoLock lock(critSec);
   observers.erase(std::remove(observers.begin(), observers.end(), observer), observers.end());
 }
@@ -211,16 +224,19 @@ void KsEventListener::SetWorkQueue(std::shared_ptr<const WorkQueueAssignment> as
 }
 
 KsEventListener::State KsEventListener::GetState() {
+  WQ_SCOPE();
   AutoLock lock(critSec);
   return static_cast<State>(state);
 }
 
 LONG KsEventListener::GetStartCount() {
+  WQ_SCOPE();
   AutoLock lock(critSec);
   return startCount;
 }
 
 STDMETHODIMP KsEventListener::GetParameters(DWORD *pdwFlags, DWORD *pdwQueue) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(pdwFlags);
   RETURN_IF_NULL(pdwQueue);
   *pdwFlags = MFASYNC_FAST_IO_PROCESSING_CALLBACK;
@@ -230,6 +246,7 @@ STDMETHODIMP KsEventListener::GetParameters(DWORD *pdwFlags, DWORD *pdwQueue) {
   const auto assignment = std::atomic_load(&workQueue);
   *pdwQueue = assignment ? assignment->GetCallbackQueue() : MFASYNC_CALLBACK_QUEUE_STANDARD;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
@@ -290,6 +307,7 @@ STDMETHODIMP KsEventListener::Invoke(IMFAsyncResult *pAsyncResult) {
 }
 
 void KsEventListener::NotifyObservers() {
+  WQ_SCOPE();
   std::vector<std::shared_ptr<KsEventsObserver>> snapshot;
   {
     AutoLock lock(critSec);

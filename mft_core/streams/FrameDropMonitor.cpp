@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -10,6 +11,7 @@ namespace mft_core {
 const GUID WQ400_MF_FRAME_COUNTER = {0x7ccf1517, 0xdb56, 0x4c60, {0x85, 0x3b, 0x1d, 0x41, 0x05, 0x39, 0xb4, 0x7f}};
 
 void FrameDropMonitor::Reset(int64_t firstExpectedCounter) {
+  WQ_SCOPE();
   receivedFrames = 0;
   lostFrames = 0;
   maxConsecutiveLostFrames = 0;
@@ -18,6 +20,7 @@ void FrameDropMonitor::Reset(int64_t firstExpectedCounter) {
 }
 
 void FrameDropMonitor::OnSample(IMFSample *sample) {
+  WQ_SCOPE();
   UINT32 counter = 0;
   if (sample == nullptr || FAILED(sample->GetUINT32(WQ400_MF_FRAME_COUNTER, &counter))) {
     receivedFrames.fetch_add(1, std::memory_order_relaxed);
@@ -27,6 +30,7 @@ void FrameDropMonitor::OnSample(IMFSample *sample) {
 }
 
 void FrameDropMonitor::OnFrameCounter(UINT32 counter) {
+  WQ_SCOPE();
   receivedFrames.fetch_add(1, std::memory_order_relaxed);
   const int64_t delta = static_cast<int64_t>(counter) - lastFrameCounter.load(std::memory_order_relaxed);
   if (delta > 1) {
@@ -45,6 +49,7 @@ void FrameDropMonitor::OnFrameCounter(UINT32 counter) {
 }
 
 std::string FrameDropMonitor::GetStatisics() const {
+  WQ_SCOPE();
   std::ostringstream text;
   text << "Lost frames =" << lostFrames.load() << ", Max consecutive lost frames =" << maxConsecutiveLostFrames.load()
        << ", Received frames =" << receivedFrames.load() << ", Frame reorder =" << frameReorder.load();

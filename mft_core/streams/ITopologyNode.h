@@ -44,6 +44,7 @@ class ITopologyNode : public virtual user_space_frameworks::Object {
   void NotifyObserversOnSample(IMFSample *sample);
 
   // The node keeps a weak reference: the registrant owns the observer, and an expired one is skipped.
+  // An observer is held at most once: registering it again changes nothing, one unregister removes it.
   void RegisterPreProcessObserver(const std::shared_ptr<SampleObserver> &observer);
   void UnregisterPreProcessObserver(const std::shared_ptr<SampleObserver> &observer);
 

@@ -6,6 +6,7 @@
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/FrameClock.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -20,15 +21,18 @@ InputStream::InputStream(DWORD id, MediaEventGenerator *eventGenerator, DWORD st
 }
 
 HRESULT InputStream::Init(IMFTransform *sourceTransform, const std::vector<GUID> &excludedSubtypes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(sourceTransform);
   RETURN_HR_IF(E_OUTOFMEMORY, !stateChangedEvent.IsValid());
   RETURN_IF_FAILED(InitStreamAttributes(sourceTransform));
   RETURN_IF_FAILED(InitMediaTypesList(sourceTransform, excludedSubtypes));
   RETURN_IF_FAILED(InitFrameSourceTypes());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT InputStream::InitMediaTypesList(IMFTransform *sourceTransform, const std::vector<GUID> &excludedSubtypes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(sourceTransform);
   for (DWORD index = 0;; ++index) {
     Microsoft::WRL::ComPtr<IMFMediaType> mt;
@@ -46,9 +50,11 @@ HRESULT InputStream::InitMediaTypesList(IMFTransform *sourceTransform, const std
   }
   TraceSupportedMediaTypes();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT InputStream::InitStreamAttributes(IMFTransform *sourceTransform) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(sourceTransform);
   Microsoft::WRL::ComPtr<IMFAttributes> attr;
   RETURN_IF_FAILED(MFCreateAttributes(attr.GetAddressOf(), 8));
@@ -64,18 +70,22 @@ HRESULT InputStream::InitStreamAttributes(IMFTransform *sourceTransform) {
   user_space_frameworks::AutoLock guard(streamLock);
   attributes = attr;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT InputStream::GetPreferredState(DeviceStreamState *theState, IMFMediaType **preferredMt) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(theState);
   RETURN_IF_NULL(preferredMt);
   user_space_frameworks::AutoLock guard(streamLock);
   if (preferredMediaType) RETURN_IF_FAILED(preferredMediaType.CopyTo(preferredMt));
   *theState = preferredState;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT InputStream::SetPreferredState(DeviceStreamState state, IMFMediaType *mediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   {
     user_space_frameworks::AutoLock guard(streamLock);
     RETURN_HR_IF(MF_E_SHUTDOWN, stateChangeAborted);
@@ -110,15 +120,18 @@ HRESULT InputStream::SetPreferredState(DeviceStreamState state, IMFMediaType *me
     return E_FAIL;
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 void InputStream::AbortStateChangeWait() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   stateChangeAborted = true;
   stateChangedEvent.Set();
 }
 
 HRESULT InputStream::SetState(DeviceStreamState theState) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(streamLock);
   // Releases a pending SetPreferredState whatever the state, and even when a type with a zero rate
   // makes the FPS monitor refuse its reset.
@@ -139,9 +152,11 @@ HRESULT InputStream::SetState(DeviceStreamState theState) {
   }
   frameDropMonitor.Reset(1);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT InputStream::Flush() {
+  WQ_SCOPE_BEGIN(HRESULT);
   std::shared_ptr<ITopologyNode> nextNode;
   {
     user_space_frameworks::AutoLock guard(streamLock);
@@ -150,9 +165,11 @@ HRESULT InputStream::Flush() {
   if (!nextNode) return S_OK;
   RETURN_IF_FAILED(nextNode->Propagate(PropagateOrder::CallLambdaAndPropagate, [&](ITopologyNode *node) { return node->Flush(); }));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT InputStream::ProcessSample(IMFSample *sample) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(sample);
   std::shared_ptr<ITopologyNode> nextNode;
   std::shared_ptr<IMetadataParser> parser;
@@ -176,37 +193,46 @@ HRESULT InputStream::ProcessSample(IMFSample *sample) {
   }
   RETURN_IF_FAILED(nextNode->Process(sample));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT InputStream::Connect(std::shared_ptr<ITopologyNode> node) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(node);
   user_space_frameworks::AutoLock guard(streamLock);
   firstNode = std::move(node);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT InputStream::Disconnect() {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(streamLock);
   firstNode.reset();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 bool InputStream::IsConnected() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   return firstNode != nullptr;
 }
 
 void InputStream::AttachMetadataParser(std::shared_ptr<IMetadataParser> parser) {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   metadataParser = std::move(parser);
 }
 
 bool InputStream::WasStarted() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   return isStarted;
 }
 
 double InputStream::GetCurrentFps() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   return fpsMonitor.GetCurrentFps();
 }

@@ -8,6 +8,7 @@
 #include "user_space_frameworks/FrameClock.h"
 #include "user_space_frameworks/MFAttributesParser.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -24,13 +25,16 @@ OutputStream::OutputStream(DWORD id, MediaEventGenerator *eventGenerator, Output
 OutputStream::~OutputStream() = default;
 
 HRESULT OutputStream::Init() {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (configuration.mtList) RETURN_IF_FAILED(CopyMediaTypes(*configuration.mtList));
   Microsoft::WRL::ComPtr<IMFAttributes> attr;
   RETURN_IF_FAILED(InitAttributes(attr.GetAddressOf()));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::CopyMediaTypes(const MediaTypeList &source) {
+  WQ_SCOPE_BEGIN(HRESULT);
   for (const auto &srcMt : source) {
     if (!srcMt) continue;
     Microsoft::WRL::ComPtr<IMFMediaType> dstMt;
@@ -39,9 +43,11 @@ HRESULT OutputStream::CopyMediaTypes(const MediaTypeList &source) {
     AddMediaType(std::move(dstMt));
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::InitAttributes(IMFAttributes **attr) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(attr);
   // The frame source type is the one the configured (input stream's) attributes announce.
   UINT32 frameSourceTypes = 0;
@@ -69,27 +75,33 @@ HRESULT OutputStream::InitAttributes(IMFAttributes **attr) {
                                                                         false, {MF_SA_D3D11_SHARED_WITHOUT_MUTEX}));
   RETURN_IF_FAILED(streamAttributes.CopyTo(attr));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::AddExtrinsicsToStreamAttributes(const std::vector<BYTE> &extrinsics) {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (extrinsics.empty()) return S_OK;
   user_space_frameworks::AutoLock guard(streamLock);
   RETURN_HR_IF_NULL(E_UNEXPECTED, attributes);
   RETURN_IF_FAILED(attributes->SetBlob(MFStreamExtension_CameraExtrinsics, extrinsics.data(),
                                        static_cast<UINT32>(extrinsics.size())));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::AddIntrinsicsToStreamAttributes(const std::vector<BYTE> &intrinsics) {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (intrinsics.empty()) return S_OK;
   user_space_frameworks::AutoLock guard(streamLock);
   RETURN_HR_IF_NULL(E_UNEXPECTED, attributes);
   RETURN_IF_FAILED(attributes->SetBlob(MFStreamExtension_PinholeCameraIntrinsics, intrinsics.data(),
                                        static_cast<UINT32>(intrinsics.size())));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::AddDepthAttributes(const DepthConfiguration &depth) {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (depth.subtypes.empty()) return S_OK;
   user_space_frameworks::AutoLock guard(streamLock);
   RETURN_HR_IF_NULL(E_UNEXPECTED, attributes);
@@ -103,9 +115,11 @@ HRESULT OutputStream::AddDepthAttributes(const DepthConfiguration &depth) {
     RETURN_IF_FAILED(mt->SetUINT32(MF_MT_DEPTH_VALUE_UNIT, depth.depthValueUnit));
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::ProcessSample(IMFSample *sample) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(sample);
   size_t queueLength = 0;
   {
@@ -132,9 +146,11 @@ HRESULT OutputStream::ProcessSample(IMFSample *sample) {
                                               user_space_frameworks::trace::UInt32Field("QueueLength", queued)});
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::ProcessOutput(MFT_OUTPUT_DATA_BUFFER &buffer, DWORD streamId) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(streamLock);
   // A stopped stream counts as served and its buffer stays as it was.
   if (theState != DeviceStreamState_Run) return S_OK;
@@ -159,9 +175,11 @@ HRESULT OutputStream::ProcessOutput(MFT_OUTPUT_DATA_BUFFER &buffer, DWORD stream
     WQ_TRACE(Verbose, traceName << ": sample time " << sampleTime << ", " << sampleQueue.size() << " left");
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::Flush() {
+  WQ_SCOPE_BEGIN(HRESULT);
   std::deque<Microsoft::WRL::ComPtr<IMFSample>> flushed;
   {
     user_space_frameworks::AutoLock guard(streamLock);
@@ -169,9 +187,11 @@ HRESULT OutputStream::Flush() {
   }
   WQ_TRACE(Info, traceName << ": flushed " << flushed.size() << " samples");
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT OutputStream::SetState(DeviceStreamState theState) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(Stream::SetState(theState));
   if (theState != DeviceStreamState_Run) return S_OK;
   {
@@ -191,14 +211,17 @@ HRESULT OutputStream::SetState(DeviceStreamState theState) {
   RETURN_HR_IF_NULL(E_UNEXPECTED, eventGenerator);
   RETURN_IF_FAILED(eventGenerator->QueueEvent(event.Get()));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 size_t OutputStream::GetQueueLength() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   return sampleQueue.size();
 }
 
 std::string OutputStream::GetInfo() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   std::ostringstream text;
   text << traceName << " (" << configuration.name << "): state " << theState << ", type "

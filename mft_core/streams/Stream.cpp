@@ -5,6 +5,7 @@
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/MediaTypeTranslator.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -43,17 +44,21 @@ Stream::Stream(DWORD id, MediaEventGenerator *eventGenerator)
       fpsCallback(std::make_shared<FpsCallback>(this, &Stream::OnFpsChange)) {}
 
 DeviceStreamState Stream::GetState() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   return theState;
 }
 
 HRESULT Stream::SetState(DeviceStreamState theState) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(streamLock);
   this->theState = theState;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT Stream::GetMediaTypeAt(DWORD dwTypeIndex, IMFMediaType **ppMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(ppMediaType);
   user_space_frameworks::AutoLock guard(streamLock);
   // An empty list is told apart from an index past the end.
@@ -61,39 +66,49 @@ HRESULT Stream::GetMediaTypeAt(DWORD dwTypeIndex, IMFMediaType **ppMediaType) {
   if (dwTypeIndex >= mediaTypes.size()) return MF_E_NO_MORE_TYPES;
   RETURN_IF_FAILED(mediaTypes[dwTypeIndex].CopyTo(ppMediaType));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT Stream::GetCurrentMediaType(IMFMediaType **ppMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(ppMediaType);
   user_space_frameworks::AutoLock guard(streamLock);
   if (!currentMediaType) return MF_E_TRANSFORM_TYPE_NOT_SET;
   RETURN_IF_FAILED(currentMediaType.CopyTo(ppMediaType));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT Stream::SetCurrentMediaType(IMFMediaType *pMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   WQ_TRACE(Info, traceName << ": current media type " << DescribeMediaType(pMediaType));
   user_space_frameworks::AutoLock guard(streamLock);
   currentMediaType = pMediaType;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT Stream::GetAttributes(IMFAttributes **ppAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   IMFAttributes **theAttr = ppAttributes;
   RETURN_IF_NULL(theAttr);
   user_space_frameworks::AutoLock guard(streamLock);
   RETURN_HR_IF_NULL(E_UNEXPECTED, attributes);
   RETURN_IF_FAILED(attributes.CopyTo(theAttr));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT Stream::GetSupportedMediaTypes(MediaTypeList &mediaTypes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(streamLock);
   mediaTypes = this->mediaTypes;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 bool Stream::IsSupported(IMFMediaType *mediaType, DWORD equalFlagsMask) {
+  WQ_SCOPE();
   if (mediaType == nullptr) return false;
   user_space_frameworks::AutoLock guard(streamLock);
   for (const auto &candidate : mediaTypes) {
@@ -106,6 +121,7 @@ bool Stream::IsSupported(IMFMediaType *mediaType, DWORD equalFlagsMask) {
 }
 
 HRESULT Stream::FindMatchingMediaType(Microsoft::WRL::ComPtr<IMFMediaType> &result, IMFMediaType *mediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(mediaType);
   static const GUID *const kKeys[] = {&MF_MT_SUBTYPE, &MF_MT_FRAME_SIZE, &MF_MT_FRAME_RATE};
   PROPVARIANT values[3];
@@ -137,10 +153,12 @@ HRESULT Stream::FindMatchingMediaType(Microsoft::WRL::ComPtr<IMFMediaType> &resu
   WQ_TRACE(Warning, "Failed to find matching media type: " << DescribeMediaType(mediaType));
   TraceSupportedMediaTypes();
   return E_FAIL;
+  WQ_SCOPE_END;
 }
 
 HRESULT Stream::FindClosestMediaType(Microsoft::WRL::ComPtr<IMFMediaType> &result, REFGUID subtype, UINT32 minFps,
                                      UINT32 minWidth, UINT32 minHeight) {
+  WQ_SCOPE_BEGIN(HRESULT);
   Microsoft::WRL::ComPtr<IMFMediaType> best;
   UINT32 bestWidth = 0, bestHeight = 0, bestRate = 0, bestDenominator = 0;
   {
@@ -176,9 +194,11 @@ HRESULT Stream::FindClosestMediaType(Microsoft::WRL::ComPtr<IMFMediaType> &resul
   }
   result = best;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT Stream::InitFrameSourceTypes() {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock guard(streamLock);
   UINT32 types = 0;
   if (attributes && SUCCEEDED(attributes->GetUINT32(MF_DEVICESTREAM_ATTRIBUTE_FRAMESOURCE_TYPES, &types))) {
@@ -188,19 +208,23 @@ HRESULT Stream::InitFrameSourceTypes() {
     WQ_TRACE(Info, traceName << ": no frame source type");
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 void Stream::OnFpsChange(const user_space_frameworks::FpsMonitor &monitor) {
+  WQ_SCOPE();
   WQ_TRACE(Info, traceName << " " << monitor.GetName() << ": " << monitor.GetCurrentFps() << " fps, measured "
                            << monitor.GetMeasuredFps() << " fps");
 }
 
 void Stream::AddMediaType(Microsoft::WRL::ComPtr<IMFMediaType> mediaType) {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(streamLock);
   mediaTypes.push_back(std::move(mediaType));
 }
 
 void Stream::TraceSupportedMediaTypes() {
+  WQ_SCOPE();
   if (!user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Info)) return;
   user_space_frameworks::AutoLock guard(streamLock);
   std::ostringstream text;

@@ -1,7 +1,10 @@
 #include "mft_core/streams/Topology.h"
 
+#include <stdexcept>
+
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -9,10 +12,14 @@ Topology::Topology(std::string name) : name(std::move(name)) {}
 
 void Topology::AddItem(std::shared_ptr<InputStream> inputStream, std::shared_ptr<ITopologyNode> firstNode,
                        Microsoft::WRL::ComPtr<IMFMediaType> mediaType) {
+  WQ_SCOPE();
+  // The guard's standard-exception answer, with the list's own words, rather than an undefined list.
+  if (items.size() >= items.max_size()) throw std::length_error("list<T> too long");
   items.push_back(TopologyItem{std::move(inputStream), std::move(firstNode), std::move(mediaType)});
 }
 
 HRESULT Topology::Activate() {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (isActive) {
     WQ_TRACE(Error, name << " is already active");
     return E_UNEXPECTED;
@@ -25,9 +32,11 @@ HRESULT Topology::Activate() {
   isActive = true;
   WQ_TRACE(Info, name << " activated");
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT Topology::Deactivate() {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (!isActive) {
     WQ_TRACE(Error, name << " is not active");
     return E_UNEXPECTED;
@@ -41,6 +50,7 @@ HRESULT Topology::Deactivate() {
   isActive = false;
   WQ_TRACE(Info, name << " deactivated");
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 void TopologySettings::Add(std::shared_ptr<InputStream> inputStream, Microsoft::WRL::ComPtr<IMFMediaType> mediaType) {
@@ -48,6 +58,7 @@ void TopologySettings::Add(std::shared_ptr<InputStream> inputStream, Microsoft::
 }
 
 HRESULT TopologySettings::Validate() const {
+  WQ_SCOPE_BEGIN(HRESULT);
   for (const auto &entry : entries) {
     if (!entry.first || !entry.first->IsSupported(entry.second.Get(), 0)) {
       WQ_TRACE(Error, "unsupported media type " << DescribeMediaType(entry.second.Get()));
@@ -55,10 +66,12 @@ HRESULT TopologySettings::Validate() const {
     }
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT PassThroughTopology::Init(std::shared_ptr<InputStream> inputStream, std::shared_ptr<OutputStream> outputStream,
                                   IMFMediaType *mediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(inputStream);
   RETURN_IF_NULL(outputStream);
   if (!inputStream->IsSupported(mediaType, 0)) {
@@ -67,6 +80,7 @@ HRESULT PassThroughTopology::Init(std::shared_ptr<InputStream> inputStream, std:
   }
   AddItem(std::move(inputStream), std::move(outputStream), mediaType);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

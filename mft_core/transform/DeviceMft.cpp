@@ -4,6 +4,7 @@
 #include "mft_core/ks/KsControlsProxy.h"
 #include "mft_core/ks/KsText.h"
 #include "mft_core/recorder/DeviceEventsRecorder.h"
+#include "user_space_frameworks/TraceScope.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -46,6 +47,7 @@ DeviceMft::DeviceMft(std::string name, const DeviceExtensionUnits &units, const 
 }
 
 HRESULT DeviceMft::OnInitializeTransform(IMFAttributes *filterAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(MFDeviceTransform::OnInitializeTransform(filterAttributes));
   RETURN_IF_FAILED(CreateFilterKsControl());
   RETURN_IF_FAILED(InitializeMembers());
@@ -53,9 +55,11 @@ HRESULT DeviceMft::OnInitializeTransform(IMFAttributes *filterAttributes) {
   RETURN_IF_FAILED(RegisterKsControlHandlres());
   RETURN_IF_FAILED(CreateInputStreams());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::CreateFilterKsControl() {
+  WQ_SCOPE_BEGIN(HRESULT);
   ComPtr<IKsControl> ksControl;
   sourceTransform.As(&ksControl);
   RETURN_IF_NULL(ksControl);
@@ -65,9 +69,11 @@ HRESULT DeviceMft::CreateFilterKsControl() {
   if (deviceEventsRecorder) proxy->AddKsControlsObserver(deviceEventsRecorder->DriverRequestsObserver());
   filterKsControl = proxy;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::InitializeMembers() {
+  WQ_SCOPE_BEGIN(HRESULT);
   deviceXuKsControl = user_space_frameworks::MakeComObject<ExtensionUnitKsControl>(extensionUnits.deviceXuSetId, name + " ");
   RETURN_HR_IF_NULL(E_OUTOFMEMORY, deviceXuKsControl);
   msXuKsControl = user_space_frameworks::MakeComObject<ExtensionUnitKsControl>(kMsXuSetId, name + " MSXU ");
@@ -86,9 +92,11 @@ HRESULT DeviceMft::InitializeMembers() {
   autoUpdateEventListener->SetWorkQueue(GetWorkQueueAssignment());
   RETURN_IF_FAILED(autoUpdateEventListener->Init(filterKsControl.Get()));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::UninitializeMembers() {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (autoUpdateEventListener) {
     autoUpdateEventListener->Uninit();
     autoUpdateEventListener.reset();
@@ -100,27 +108,33 @@ HRESULT DeviceMft::UninitializeMembers() {
   deviceXuKsControl.Reset();
   msXuKsControl.Reset();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::CreateAttributes() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(MFCreateAttributes(&attributes, 4));
   RETURN_IF_FAILED(attributes->SetUINT32(MF_TRANSFORM_ASYNC, 1));
   RETURN_IF_FAILED(attributes->SetUINT32(MFT_SUPPORT_DYNAMIC_FORMAT_CHANGE, 1));
   RETURN_IF_FAILED(attributes->SetUINT32(MF_SA_D3D_AWARE, 0));
   RETURN_IF_FAILED(attributes->SetString(MFT_ENUM_HARDWARE_URL_Attribute, urlString.c_str()));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::RegisterKsControlHandlres() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(RegisterKsPropertyDefaultHandler(std::make_shared<PassthroughKsPropsHandler>(filterKsControl.Get())));
   RETURN_IF_FAILED(RegisterKsEventDefaultHandler(std::make_shared<PassthroughKsEventsHandler>(filterKsControl.Get())));
   RETURN_IF_FAILED(RegisterKsMethodDefaultHandler(std::make_shared<PassthroughKsMethodsHandler>(filterKsControl.Get())));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 std::vector<GUID> DeviceMft::GetExcludedInputMediaTypes() { return {}; }
 
 HRESULT DeviceMft::CreateInputStreams() {
+  WQ_SCOPE_BEGIN(HRESULT);
   std::vector<DWORD> inputStreamIds;
   RETURN_IF_FAILED(GetFilterStreamIds(inputStreamIds));
   const std::vector<GUID> excludedSubtypes = GetExcludedInputMediaTypes();
@@ -131,20 +145,26 @@ HRESULT DeviceMft::CreateInputStreams() {
     inputStreams.push_back(inputStream);
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::CreateIntrinsics(const std::shared_ptr<InputStream> &, std::vector<BYTE> &intrinsics) {
+  WQ_SCOPE_BEGIN(HRESULT);
   intrinsics.clear();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::CreateExtrinsics(const std::shared_ptr<InputStream> &, std::vector<BYTE> &extrinsics) {
+  WQ_SCOPE_BEGIN(HRESULT);
   extrinsics.clear();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::InitOutputStreamConfiguration(OutputStreamConfiguration &configuration,
                                                  const std::shared_ptr<InputStream> &inputStream) {
+  WQ_SCOPE_BEGIN(HRESULT);
   configuration.name = name;
   configuration.index = static_cast<DWORD>(outputStreams.size());
   configuration.urlString = urlString;
@@ -153,9 +173,11 @@ HRESULT DeviceMft::InitOutputStreamConfiguration(OutputStreamConfiguration &conf
   RETURN_IF_FAILED(CreateExtrinsics(inputStream, configuration.extrinsics));
   RETURN_IF_FAILED(inputStream->GetAttributes(configuration.attributes.GetAddressOf()));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::CreateOutputStream(const std::shared_ptr<InputStream> &inputStream) {
+  WQ_SCOPE_BEGIN(HRESULT);
   OutputStreamConfiguration configuration;
   RETURN_IF_FAILED(InitOutputStreamConfiguration(configuration, inputStream));
   // Output streams are numbered by position: output N serves input N.
@@ -167,9 +189,11 @@ HRESULT DeviceMft::CreateOutputStream(const std::shared_ptr<InputStream> &inputS
     outputStreams.push_back(outputStream);
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::OnProcessMessage(MFT_MESSAGE_TYPE eMessage, ULONG_PTR ulParam) {
+  WQ_SCOPE_BEGIN(HRESULT);
   WQ_TRACE(Info, MessageName(eMessage) << " (0x" << std::hex << static_cast<int>(eMessage) << ") param " << ulParam);
   switch (eMessage) {
     case MFT_MESSAGE_COMMAND_FLUSH:
@@ -182,30 +206,38 @@ HRESULT DeviceMft::OnProcessMessage(MFT_MESSAGE_TYPE eMessage, ULONG_PTR ulParam
     default:
       return S_OK;
   }
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::OnShutdown() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(UninitializeMembers());
   RETURN_IF_FAILED(MFDeviceTransform::OnShutdown());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::StartStreaming(const std::shared_ptr<OutputStream> &outputStream, IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   // The listener runs exactly while some output stream runs: a stream left running counts one start,
   // even when starting it failed after it was set running (its later stop gives that start back).
   const HRESULT started = LOG_IF_FAILED(StartOutputStream(outputStream, nextMediaType));
   if (outputStream->GetState() == DeviceStreamState_Run) RETURN_IF_FAILED(StartListenerFor(outputStream->GetID()));
   return started;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::StopStreaming(const std::shared_ptr<OutputStream> &outputStream, IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   // Only a stream that counted a start gives one back, so the listener keeps running for the others.
   StopListenerFor(outputStream->GetID());
   RETURN_IF_FAILED(StopOutputStream(outputStream, nextMediaType));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT DeviceMft::StartListenerFor(DWORD outputStreamId) {
+  WQ_SCOPE_BEGIN(HRESULT);
   {
     user_space_frameworks::AutoLock lock(listenerStartsLock);
     if (!listenerStarts.insert(outputStreamId).second) return S_OK;
@@ -215,9 +247,11 @@ HRESULT DeviceMft::StartListenerFor(DWORD outputStreamId) {
   RETURN_HR_IF_NULL(E_UNEXPECTED, listener);
   RETURN_IF_FAILED(listener->Start());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 void DeviceMft::StopListenerFor(DWORD outputStreamId) {
+  WQ_SCOPE();
   {
     user_space_frameworks::AutoLock lock(listenerStartsLock);
     if (listenerStarts.erase(outputStreamId) == 0) return;

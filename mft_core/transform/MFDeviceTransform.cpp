@@ -2,6 +2,7 @@
 
 #include "user_space_frameworks/ExceptionGuard.h"
 #include "user_space_frameworks/ModuleVersion.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -202,20 +203,25 @@ void MFDeviceTransform::SetDeviceEventsRecorder(std::shared_ptr<IDeviceEventsRec
 // ---- Handlers ----------------------------------------------------------------------------------------------------
 
 HRESULT MFDeviceTransform::OnInitializeTransform(IMFAttributes *filterAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(filterAttributes);
   TraceVersionBanner();
   RETURN_IF_FAILED(filterAttributes->GetUnknown(MF_DEVICEMFT_CONNECTED_FILTER_KSCONTROL, IID_PPV_ARGS(&sourceTransform)));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetStreamCount(DWORD *pcInputStreams, DWORD *pcOutputStreams) {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (pcInputStreams != nullptr) *pcInputStreams = static_cast<DWORD>(inputStreams.size());
   if (pcOutputStreams != nullptr) *pcOutputStreams = static_cast<DWORD>(outputStreams.size());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetStreamIDs(DWORD dwInputIDArraySize, DWORD *pdwInputStreamIds,
                                           DWORD dwOutputIDArraySize, DWORD *pdwOutputStreamIds) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock lock(streamListLock);
   if (pdwInputStreamIds != nullptr) {
     RETURN_HR_IF(MF_E_BUFFERTOOSMALL, dwInputIDArraySize < inputStreams.size());
@@ -226,54 +232,70 @@ HRESULT MFDeviceTransform::OnGetStreamIDs(DWORD dwInputIDArraySize, DWORD *pdwIn
     for (size_t i = 0; i < outputStreams.size(); ++i) pdwOutputStreamIds[i] = outputStreams[i]->GetID();
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetInputStreamAttributes(DWORD dwInputStreamID, IMFAttributes **ppAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToInputStream(dwInputStreamID, [&](const std::shared_ptr<InputStream> &stream) {
     return stream->GetAttributes(ppAttributes);
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetOutputStreamAttributes(DWORD dwOutputStreamID, IMFAttributes **ppAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToOutputStream(dwOutputStreamID, [&](const std::shared_ptr<OutputStream> &stream) {
     return stream->GetAttributes(ppAttributes);
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetInputAvailableType(DWORD dwInputStreamID, DWORD dwTypeIndex,
                                                    IMFMediaType **ppMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToInputStream(dwInputStreamID, [&](const std::shared_ptr<InputStream> &stream) {
     return stream->GetMediaTypeAt(dwTypeIndex, ppMediaType);
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetOutputAvailableType(DWORD dwOutputStreamID, DWORD dwTypeIndex,
                                                     IMFMediaType **ppMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToOutputStream(dwOutputStreamID, [&](const std::shared_ptr<OutputStream> &stream) {
     return stream->GetMediaTypeAt(dwTypeIndex, ppMediaType);
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetInputCurrentType(DWORD dwInputStreamID, IMFMediaType **ppMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToInputStream(dwInputStreamID, [&](const std::shared_ptr<InputStream> &stream) {
     return stream->GetCurrentMediaType(ppMediaType);
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetOutputCurrentType(DWORD dwOutputStreamID, IMFMediaType **ppMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToOutputStream(dwOutputStreamID, [&](const std::shared_ptr<OutputStream> &stream) {
     return stream->GetCurrentMediaType(ppMediaType);
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnProcessMessage(MFT_MESSAGE_TYPE, ULONG_PTR) { return S_OK; }
 
 HRESULT MFDeviceTransform::OnProcessEvent(DWORD dwInputStreamID, IMFMediaEvent *) {
+  WQ_SCOPE_BEGIN(HRESULT);
   WQ_TRACE(Info, "Not Implemented: event on input stream " << dwInputStreamID << " ignored");
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnProcessInput(DWORD dwInputStreamID, IMFSample *pSample, DWORD) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(pSample);
   LONGLONG llTime = 0;
   RETURN_IF_FAILED(pSample->GetSampleTime(&llTime));
@@ -282,10 +304,12 @@ HRESULT MFDeviceTransform::OnProcessInput(DWORD dwInputStreamID, IMFSample *pSam
     LOG_IF_FAILED(stream->Process(pSample));
     return S_OK;
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnProcessOutput(DWORD, DWORD cOutputBufferCount, MFT_OUTPUT_DATA_BUFFER *pOutputSamples,
                                            DWORD *pdwStatus) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(pdwStatus);
   if (cOutputBufferCount > outputStreams.size()) {
     WQ_TRACE(Error, "buffer count " << cOutputBufferCount << " exceeds the " << outputStreams.size()
@@ -311,35 +335,43 @@ HRESULT MFDeviceTransform::OnProcessOutput(DWORD, DWORD cOutputBufferCount, MFT_
     WQ_TRACE(Verbose, "no output from " << cOutputBufferCount << " buffers: " << user_space_frameworks::trace::HrText(hr));
   }
   return hr;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnSetInputStreamState(DWORD dwStreamID, IMFMediaType *pMediaType,
                                                  DeviceStreamState value, DWORD) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToInputStream(dwStreamID, [&](const std::shared_ptr<InputStream> &stream) -> HRESULT {
     RETURN_IF_FAILED(stream->SetCurrentMediaType(pMediaType));
     RETURN_IF_FAILED(stream->SetState(value));
     return S_OK;
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetInputStreamState(DWORD dwStreamID, DeviceStreamState *state) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(state);
   return RedirectCallToInputStream(dwStreamID, [&](const std::shared_ptr<InputStream> &stream) {
     *state = stream->GetState();
     return S_OK;
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetOutputStreamState(DWORD dwStreamID, DeviceStreamState *state) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(state);
   return RedirectCallToOutputStream(dwStreamID, [&](const std::shared_ptr<OutputStream> &stream) {
     *state = stream->GetState();
     return S_OK;
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnSetOutputStreamState(DWORD streamId, IMFMediaType *nextMediaType,
                                                   DeviceStreamState nextState, DWORD) {
+  WQ_SCOPE_BEGIN(HRESULT);
   std::shared_ptr<OutputStream> stream;
   RETURN_IF_FAILED(GetStream(stream, streamId, outputStreams));
 
@@ -368,42 +400,55 @@ HRESULT MFDeviceTransform::OnSetOutputStreamState(DWORD streamId, IMFMediaType *
       return E_NOTIMPL;
   }
   return E_INVALIDARG;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetInputStreamPreferredState(DWORD dwStreamID, DeviceStreamState *value,
                                                           IMFMediaType **ppMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToInputStream(dwStreamID, [&](const std::shared_ptr<InputStream> &stream) {
     return stream->GetPreferredState(value, ppMediaType);
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnFlushInputStream(DWORD dwStreamIndex, DWORD) {
+  WQ_SCOPE_BEGIN(HRESULT);
   WQ_TRACE(Info, "Not Implemented: flush of input stream " << dwStreamIndex);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnFlushOutputStream(DWORD dwStreamIndex, DWORD) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return RedirectCallToOutputStream(dwStreamIndex, [&](const std::shared_ptr<OutputStream> &stream) {
     return stream->Flush();
   });
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetAttributes(IMFAttributes **ppAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(ppAttributes);
   RETURN_HR_IF(E_FAIL, !attributes);
   RETURN_IF_FAILED(attributes.CopyTo(ppAttributes));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnShutdown() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(MediaEventGenerator::Shutdown());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnGetShutdownStatus(MFSHUTDOWN_STATUS *status) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(status);
   *status = IsShutdown() ? MFSHUTDOWN_COMPLETED : MFSHUTDOWN_INITIATED;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 // ---- Streaming control ---------------------------------------------------------------------------------------------
@@ -414,45 +459,61 @@ void MFDeviceTransform::TraceVersionBanner() {
 
 HRESULT MFDeviceTransform::StartStreaming(const std::shared_ptr<OutputStream> &outputStream,
                                           IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(StartOutputStream(outputStream, nextMediaType));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::StopStreaming(const std::shared_ptr<OutputStream> &outputStream,
                                          IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(StopOutputStream(outputStream, nextMediaType));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
-HRESULT MFDeviceTransform::CheckShutdown() { return IsShutdown() || callGate.IsClosed() ? MF_E_SHUTDOWN : S_OK; }
+HRESULT MFDeviceTransform::CheckShutdown() {
+  WQ_SCOPE_BEGIN(HRESULT);
+  return IsShutdown() || callGate.IsClosed() ? MF_E_SHUTDOWN : S_OK;
+  WQ_SCOPE_END;
+}
 
 void MFDeviceTransform::AbortPendingWaits() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock lock(streamListLock);
   for (const auto &inputStream : inputStreams) inputStream->AbortStateChangeWait();
 }
 
 HRESULT MFDeviceTransform::OnKsProperty(PKSPROPERTY pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
                                         ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   const user_space_frameworks::CallGate::Pass pass(callGate);
   RETURN_IF_FAILED(CheckShutdown());
   return KsControlsDispatcher::OnKsProperty(pProperty, ulPropertyLength, pPropertyData, ulDataLength, pBytesReturned);
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnKsMethod(PKSMETHOD pMethod, ULONG ulMethodLength, LPVOID pMethodData, ULONG ulDataLength,
                                       ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   const user_space_frameworks::CallGate::Pass pass(callGate);
   RETURN_IF_FAILED(CheckShutdown());
   return KsControlsDispatcher::OnKsMethod(pMethod, ulMethodLength, pMethodData, ulDataLength, pBytesReturned);
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::OnKsEvent(PKSEVENT pEvent, ULONG ulEventLength, LPVOID pEventData, ULONG ulDataLength,
                                      ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   const user_space_frameworks::CallGate::Pass pass(callGate);
   RETURN_IF_FAILED(CheckShutdown());
   return KsControlsDispatcher::OnKsEvent(pEvent, ulEventLength, pEventData, ulDataLength, pBytesReturned);
+  WQ_SCOPE_END;
 }
 
 HRESULT MFDeviceTransform::GetFilterStreamIds(std::vector<DWORD> &ids) {
+  WQ_SCOPE_BEGIN(HRESULT);
   ids.clear();
   RETURN_HR_IF_NULL(E_UNEXPECTED, sourceTransform);
   DWORD filterInputStreamsCnt = 0;
@@ -473,6 +534,7 @@ HRESULT MFDeviceTransform::GetFilterStreamIds(std::vector<DWORD> &ids) {
   for (DWORD id : filterOutputIds) WQ_TRACE(Info, "filter output stream " << id);
   ids = std::move(filterOutputIds);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -5,6 +5,7 @@
 #include "user_space_frameworks/GuidTranslator.h"
 #include "user_space_frameworks/MediaEventNames.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -68,6 +69,7 @@ STDMETHODIMP MediaEventGenerator::QueueEvent(MediaEventType met, REFGUID guidExt
 // The queue is created with the generator and released with it, never replaced: the frame path reads it
 // without the lock, and the platform queue serialises its own callers.
 HRESULT MediaEventGenerator::OnGetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) {
+  WQ_SCOPE_BEGIN(HRESULT);
   IMFMediaEventQueue *const local_pQueue = pQueue.Get();
   if (local_pQueue == nullptr) {
     WQ_TRACE(Error, "no event queue");
@@ -76,16 +78,21 @@ HRESULT MediaEventGenerator::OnGetEvent(DWORD dwFlags, IMFMediaEvent **ppEvent) 
   // May block until an event arrives: nothing is held, so QueueEvent and Shutdown go on.
   RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, local_pQueue->GetEvent(dwFlags, ppEvent));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MediaEventGenerator::OnBeginGetEvent(IMFAsyncCallback *pCallback, IUnknown *punkState) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(pQueue->BeginGetEvent(pCallback, punkState));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MediaEventGenerator::OnEndGetEvent(IMFAsyncResult *pResult, IMFMediaEvent **ppEvent) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED_EXPECTING(MF_E_SHUTDOWN, pQueue->EndGetEvent(pResult, ppEvent));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtendedType, HRESULT hrStatus,
@@ -95,6 +102,7 @@ HRESULT MediaEventGenerator::OnQueueEvent(MediaEventType met, REFGUID guidExtend
 
 HRESULT MediaEventGenerator::TraceRecordAndQueue(MediaEventType met, REFGUID guidExtendedType, HRESULT hrStatus,
                                                  const PROPVARIANT *pvValue) {
+  WQ_SCOPE_BEGIN(HRESULT);
   // METransformHaveOutput comes with every frame: verbose only.
   if (met == METransformHaveOutput) {
     WQ_TRACE(Verbose, user_space_frameworks::MediaEventTypeName(met)
@@ -108,21 +116,27 @@ HRESULT MediaEventGenerator::TraceRecordAndQueue(MediaEventType met, REFGUID gui
   if (queuedEventsRecorder) queuedEventsRecorder->RecordMediaEvent(met, guidExtendedType, hrStatus, pvValue);
   RETURN_IF_FAILED(pQueue->QueueEventParamVar(met, guidExtendedType, hrStatus, pvValue));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MediaEventGenerator::QueueHaveOutput() {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (isQueueCreated != 1) return E_OUTOFMEMORY;
   return TraceRecordAndQueue(METransformHaveOutput, GUID_NULL, S_OK, nullptr);
+  WQ_SCOPE_END;
 }
 
 HRESULT MediaEventGenerator::QueueEvent(IMFMediaEvent *event) {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (isQueueCreated != 1) return E_OUTOFMEMORY;
   if (queuedEventsRecorder) queuedEventsRecorder->RecordMediaEvent(event);
   RETURN_IF_FAILED(pQueue->QueueEvent(event));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT MediaEventGenerator::Shutdown() {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (isQueueCreated != 1) return E_OUTOFMEMORY;
   HRESULT hr = MF_E_SHUTDOWN;
   {
@@ -134,6 +148,7 @@ HRESULT MediaEventGenerator::Shutdown() {
   }
   RETURN_IF_FAILED(hr);
   return hr;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

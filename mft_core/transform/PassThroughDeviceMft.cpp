@@ -1,8 +1,11 @@
 #include "mft_core/transform/PassThroughDeviceMft.h"
 
+#include "user_space_frameworks/TraceScope.h"
+
 namespace mft_core {
 
 HRESULT PassThroughDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(DeviceMft::OnInitializeTransform(pAttributes));
   {
     user_space_frameworks::AutoLock lock(topologiesLock);
@@ -10,15 +13,19 @@ HRESULT PassThroughDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) 
   }
   for (const auto &inputStream : inputStreams) RETURN_IF_FAILED(CreateOutputStream(inputStream));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT PassThroughDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> &outputStream,
                                             IMFMediaType *nextMediaType, std::shared_ptr<Topology> &topology) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return BuildTopologyOf<PassThroughTopology>(outputStream, nextMediaType, topology);
+  WQ_SCOPE_END;
 }
 
 HRESULT PassThroughDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                                 IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   const DWORD topoId = outputStream->GetID();
   // Each call works on its own reference: the slot may change while a topology waits for the frame
   // server, and the slot's lock is never held across that wait.
@@ -33,10 +40,12 @@ HRESULT PassThroughDeviceMft::StartOutputStream(const std::shared_ptr<OutputStre
   ExchangeTopology(topoId, topology);
   RETURN_IF_FAILED(topology->Activate());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT PassThroughDeviceMft::StopOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                                IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(outputStream->SetState(DeviceStreamState_Stop));
   RETURN_IF_FAILED(outputStream->SetCurrentMediaType(nextMediaType));
   const std::shared_ptr<Topology> topology = ExchangeTopology(outputStream->GetID(), nullptr);
@@ -45,15 +54,18 @@ HRESULT PassThroughDeviceMft::StopOutputStream(const std::shared_ptr<OutputStrea
     LOG_IF_FAILED(topology->Deactivate());
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 std::shared_ptr<Topology> PassThroughDeviceMft::GetTopology(DWORD topoId) {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock lock(topologiesLock);
   // An identifier past the end has none; storing one there throws std::out_of_range instead.
   return topoId < currentTopologies.size() ? currentTopologies[topoId] : nullptr;
 }
 
 std::shared_ptr<Topology> PassThroughDeviceMft::ExchangeTopology(DWORD topoId, std::shared_ptr<Topology> next) {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock lock(topologiesLock);
   std::shared_ptr<Topology> &slot = currentTopologies.at(topoId);
   slot.swap(next);
@@ -61,6 +73,7 @@ std::shared_ptr<Topology> PassThroughDeviceMft::ExchangeTopology(DWORD topoId, s
 }
 
 HRESULT PassThroughDeviceMft::UninitializeMembers() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(DeviceMft::UninitializeMembers());
   // No frame server answers state requests any more: topologies are released, not deactivated.
   std::vector<std::shared_ptr<Topology>> released;
@@ -69,6 +82,7 @@ HRESULT PassThroughDeviceMft::UninitializeMembers() {
     for (auto &topology : currentTopologies) released.push_back(std::move(topology));
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -31,9 +32,10 @@ class PassThroughDeviceMft : public DeviceMft {
                           std::shared_ptr<Topology> &topology) {
     std::shared_ptr<InputStream> inputStream = inputStreams.at(outputStream->GetID());
     RETURN_HR_IF_NULL(E_UNEXPECTED, inputStream);
-    auto built = std::make_shared<T>();
-    RETURN_IF_FAILED(built->Init(inputStream, outputStream, nextMediaType));
-    topology = std::move(built);
+    std::shared_ptr<T> topo(new (std::nothrow) T());
+    RETURN_HR_IF_NULL(E_OUTOFMEMORY, topo);
+    RETURN_IF_FAILED(topo->Init(inputStream, outputStream, nextMediaType));
+    topology = std::move(topo);
     return S_OK;
   }
 

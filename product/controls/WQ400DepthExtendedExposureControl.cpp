@@ -2,6 +2,7 @@
 
 #include "product/metadata/WQ400MetadataRecords.h"
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/TraceScope.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -25,6 +26,7 @@ uint32_t ReadTuningValue(const wchar_t *name, uint32_t fallback) {
 }  // namespace
 
 WQ400DepthExtendedExposureControl::Tuning WQ400DepthExtendedExposureControl::ReadTuning() {
+  WQ_SCOPE();
   Tuning tuning;
   tuning.numConvergedSamplesForLock = ReadTuningValue(L"NumConvergedSamplesForLock", 3);
   tuning.autoLockConvergeDelta = ReadTuningValue(L"AutoLockConvergeDelta", 50000);
@@ -50,6 +52,7 @@ WQ400DepthExtendedExposureControl::~WQ400DepthExtendedExposureControl() {
 }
 
 void WQ400DepthExtendedExposureControl::RegisterToOnSampleSubject(const std::shared_ptr<ITopologyNode> &node) {
+  WQ_SCOPE();
   // Never under `lock`: the node calls OnSamplePreProcess with its observer lock held.
   subject = node;
   attached = subject != nullptr;
@@ -57,12 +60,14 @@ void WQ400DepthExtendedExposureControl::RegisterToOnSampleSubject(const std::sha
 }
 
 void WQ400DepthExtendedExposureControl::UnRegisterToOnSampleSubject(const std::shared_ptr<ITopologyNode> &) {
+  WQ_SCOPE();
   if (subject) subject->UnregisterPreProcessObserver(callback);
   attached = false;
   subject.reset();
 }
 
 void WQ400DepthExtendedExposureControl::OnSamplePreProcess(IMFSample *sample) {
+  WQ_SCOPE();
   VeldaraWQ400MetaDataTavixDepthControl control = {};
   UINT32 size = 0;
   if (sample != nullptr && SUCCEEDED(sample->GetBlob(VELDARA_SAMPLE_WQ400_DEPTH_CONTROL,
@@ -84,44 +89,70 @@ void WQ400DepthExtendedExposureControl::SignalIfDetached() {
   if (!attached) (void)Signal();
 }
 
+KSPROPERTY WQ400DepthExtendedExposureControl::DeviceProperty(ULONG id, ULONG flags) {
+  KSPROPERTY ksProperty = {};
+  ksProperty.Set = kWQ400DepthXuSetId;
+  ksProperty.Id = id;
+  ksProperty.Flags = flags;
+  return ksProperty;
+}
+
 HRESULT WQ400DepthExtendedExposureControl::Get(KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING *videoProcSetting) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(videoProcSetting);
+  static_assert(kExposureControl == 3, "the exposure control of the depth unit");
   LONG minExposureValue = 0, maxExposureValue = 0, stepExposureValue = 0, defExposureValue = 0;
-  RETURN_IF_FAILED(xuKsControl->QueryKsPropertyInfo(kExposureControl, minExposureValue, maxExposureValue,
-                                                    stepExposureValue, defExposureValue));
+  RETURN_IF_FAILED(xuKsControl->QueryKsPropertyInfo(3, minExposureValue, maxExposureValue, stepExposureValue, defExposureValue));
   // The unit must answer for its mode, yet the mode reads as 0 whatever the device runs: the flags of
   // the header tell the mode.
   BYTE currentExposureMode = 0;
-  RETURN_IF_FAILED(xuKsControl->GetKsProperty(kExposureModeControl, currentExposureMode));
+  ULONG bytesReturned = 0;
+  KSPROPERTY ksProperty = DeviceProperty(kExposureModeControl, KSPROPERTY_TYPE_GET);
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
   videoProcSetting->Mode = 0;
   videoProcSetting->Min = static_cast<LONG>(static_cast<uint32_t>(minExposureValue) * kDeviceUnit);
   videoProcSetting->Max = static_cast<LONG>(static_cast<uint32_t>(maxExposureValue) * kDeviceUnit);
   videoProcSetting->Step = static_cast<LONG>(static_cast<uint32_t>(stepExposureValue) * kDeviceUnit);
 
   uint32_t currentExposureValue = 0;
-  RETURN_IF_FAILED(xuKsControl->GetKsProperty(kExposureControl, currentExposureValue));
+  ksProperty = DeviceProperty(kExposureControl, KSPROPERTY_TYPE_GET);
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureValue, static_cast<ULONG>(sizeof(currentExposureValue)), &bytesReturned));
   videoProcSetting->VideoProc.Value.ull = static_cast<uint32_t>(currentExposureValue * kDeviceUnit);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
-HRESULT WQ400DepthExtendedExposureControl::SetExposureMode(BYTE mode) {
+HRESULT WQ400DepthExtendedExposureControl::SetExposureMode(BYTE exposureMode) {
+  WQ_SCOPE_BEGIN(HRESULT);
   BYTE currentExposureMode = 0;
-  RETURN_IF_FAILED(xuKsControl->GetKsProperty(kExposureModeControl, currentExposureMode));
-  if (currentExposureMode != mode) RETURN_IF_FAILED(xuKsControl->SetKsProperty(kExposureModeControl, mode));
+  ULONG bytesReturned = 0;
+  KSPROPERTY ksProperty = DeviceProperty(kExposureModeControl, KSPROPERTY_TYPE_GET);
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &currentExposureMode, static_cast<ULONG>(sizeof(currentExposureMode)), &bytesReturned));
+  if (currentExposureMode == exposureMode) return S_OK;
+  ksProperty = DeviceProperty(kExposureModeControl, KSPROPERTY_TYPE_SET);
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &exposureMode, static_cast<ULONG>(sizeof(exposureMode)), &bytesReturned));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthExtendedExposureControl::SetManual(uint32_t exposure) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(SetExposureMode(kManualMode));
-  RETURN_IF_FAILED(xuKsControl->SetKsProperty(kExposureControl, static_cast<uint32_t>(exposure / kDeviceUnit)));
+  uint32_t exposureValueTemp = exposure / kDeviceUnit;
+  ULONG bytesReturned = 0;
+  KSPROPERTY ksProperty = DeviceProperty(kExposureControl, KSPROPERTY_TYPE_SET);
+  RETURN_IF_FAILED(xuKsControl->KsProperty(&ksProperty, static_cast<ULONG>(sizeof(KSPROPERTY)), &exposureValueTemp, static_cast<ULONG>(sizeof(exposureValueTemp)), &bytesReturned));
   SignalIfDetached();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthExtendedExposureControl::SetAuto() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(SetExposureMode(kAutoMode));
   SignalIfDetached();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -52,7 +52,10 @@ class WQ400DepthExtendedExposureControl : public ExtendedExposureControl {
   WQ400DepthExtendedExposureControl(const Microsoft::WRL::ComPtr<ExtensionUnitKsControl> &xuKsControl,
                                     const Tuning &tuning);
   // Writes the unit's exposure mode unless it already runs `mode`.
-  HRESULT SetExposureMode(BYTE mode);
+  // Writes the unit's exposure mode when it differs from the one the unit reports.
+  HRESULT SetExposureMode(BYTE exposureMode);
+  // A request of the depth unit's set; the unit's control addresses it to its node.
+  static KSPROPERTY DeviceProperty(ULONG id, ULONG flags);
   // Completion comes from frames only while a node feeds the control.
   void SignalIfDetached();
 

@@ -6,6 +6,7 @@
 
 #include "product/metadata/WQ400MetadataRecords.h"
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/TraceScope.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -56,6 +57,7 @@ constexpr uint32_t kFishEyeExposureValid = 0x2;
 }  // namespace
 
 FishEyeExposureSettings FishEyeExposureSettings::FromRegistry() {
+  WQ_SCOPE();
   FishEyeExposureSettings settings;
   settings.numConvergedSamplesForLock = ReadDword(L"NumConvergedSamplesForLock", settings.numConvergedSamplesForLock);
   settings.autoLockConvergeDelta = ReadDword(L"AutoLockConvergeDelta", settings.autoLockConvergeDelta);
@@ -107,6 +109,7 @@ WQ400FishEyeExtendedExposureControl::~WQ400FishEyeExtendedExposureControl() {
 }
 
 void WQ400FishEyeExtendedExposureControl::ReadDeviceLimits() {
+  WQ_SCOPE();
   user_space_frameworks::AutoLock guard(lock);
   LONG minimum = 0, maximum = 0, step = 0, defaultValue = 0;
   if (SUCCEEDED(LOG_IF_FAILED(
@@ -164,6 +167,7 @@ void WQ400FishEyeExtendedExposureControl::ReadDeviceLimits() {
 }
 
 void WQ400FishEyeExtendedExposureControl::ConfigureEngine() {
+  WQ_SCOPE();
   // Limits on whole sensor lines inside the device's range, so that a quantised exposure never
   // leaves the range.
   const float lineMin = std::max(std::ceil(minExposureMs / kLineMs), 1.0f) * kLineMs;
@@ -176,6 +180,7 @@ void WQ400FishEyeExtendedExposureControl::ConfigureEngine() {
 }
 
 void WQ400FishEyeExtendedExposureControl::RegisterToOnSampleSubject(const std::shared_ptr<ITopologyNode> &node) {
+  WQ_SCOPE();
   if (!node) return;
   // A restarted stream comes back with the same node: joining it twice would show every frame twice.
   if (subject == node) return;
@@ -186,12 +191,14 @@ void WQ400FishEyeExtendedExposureControl::RegisterToOnSampleSubject(const std::s
 }
 
 void WQ400FishEyeExtendedExposureControl::UnRegisterToOnSampleSubject(const std::shared_ptr<ITopologyNode> &) {
+  WQ_SCOPE();
   if (subject) subject->UnregisterPreProcessObserver(callback);
   subject.reset();
   attached = false;
 }
 
 void WQ400FishEyeExtendedExposureControl::OnSamplePreProcess(IMFSample *sample) {
+  WQ_SCOPE();
   const uint64_t frame = ++frameCounter;
   if (sample == nullptr) return;
 
@@ -222,6 +229,7 @@ void WQ400FishEyeExtendedExposureControl::OnSamplePreProcess(IMFSample *sample) 
 }
 
 void WQ400FishEyeExtendedExposureControl::AnalyseFrame(IMFSample *sample) {
+  WQ_SCOPE();
   if (softwareAeOff.load() != 0) return;
   ComPtr<IMFMediaBuffer> buffer;
   if (FAILED(LOG_IF_FAILED(sample->ConvertToContiguousBuffer(buffer.GetAddressOf())))) return;
@@ -251,6 +259,7 @@ void WQ400FishEyeExtendedExposureControl::AnalyseFrame(IMFSample *sample) {
 }
 
 void WQ400FishEyeExtendedExposureControl::ReleaseFrameBuffer() {
+  WQ_SCOPE();
   if (!frameBuffer) return;
   LOG_IF_FAILED(frameBuffer->Unlock());
   frameBuffer.Reset();
@@ -258,6 +267,7 @@ void WQ400FishEyeExtendedExposureControl::ReleaseFrameBuffer() {
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::OnImageDone(void *context, const uint8_t *pixelBuffer) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(context);
   RETURN_IF_NULL(pixelBuffer);
   auto *control = static_cast<WQ400FishEyeExtendedExposureControl *>(context);
@@ -265,17 +275,21 @@ HRESULT WQ400FishEyeExtendedExposureControl::OnImageDone(void *context, const ui
   RETURN_HR_IF(E_INVALIDARG, pixelBuffer != control->framePixels);
   control->ReleaseFrameBuffer();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::OnSetExposure(void *context, float exposureMs, float gain,
                                                           uint32_t flags) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(context);
   auto *control = static_cast<WQ400FishEyeExtendedExposureControl *>(context);
   user_space_frameworks::AutoLock guard(control->lock);
   return control->ApplyEngineRequest(exposureMs, gain, flags);
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::ApplyEngineRequest(float exposureMs, float gain, uint32_t flags) {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (softwareAeOff.load() != 0) return S_OK;
   bool refused = false;
   if (flags & autoexposure::kSetGain) {
@@ -304,8 +318,8 @@ HRESULT WQ400FishEyeExtendedExposureControl::ApplyEngineRequest(float exposureMs
       exposure *= 0.95f;
     }
     if (exposure != currentExposureMs) {
-      const float microseconds = std::clamp(exposure * 1000.0f, 0.0f, 65535.0f);
-      const USHORT deviceExposure = static_cast<USHORT>(microseconds);
+      // Microseconds truncated to the control's two bytes; the device judges a value out of its range.
+      const USHORT deviceExposure = static_cast<USHORT>(static_cast<long long>(exposure * 1000.0f));
       if (SUCCEEDED(LOG_IF_FAILED(extensionUnitKsControl->SetKsProperty(XU_EXPOSURE_ID, deviceExposure)))) {
         currentExposureMs = exposure;
       } else {
@@ -316,23 +330,33 @@ HRESULT WQ400FishEyeExtendedExposureControl::ApplyEngineRequest(float exposureMs
   // A refused write leaves the sensor where it was: the engine's next decision starts from there.
   if (refused) ConfigureEngine();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::GetDeviceGain(LONG &gain) {
-  KSPROPERTY_VIDEOPROCAMP_S request = {};
-  RETURN_IF_FAILED(SendGainProperty(KSPROPERTY_TYPE_GET, request));
-  gain = request.Value;
+  WQ_SCOPE_BEGIN(HRESULT);
+  KSPROPERTY_VIDEOPROCAMP_S gainKsProperty = {};
+  gainKsProperty.Property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
+  gainKsProperty.Property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
+  gainKsProperty.Property.Flags = KSPROPERTY_TYPE_GET;
+  ULONG bytesReturned = 0;
+  RETURN_IF_FAILED(filterKsControl->KsProperty((PKSPROPERTY)&gainKsProperty, sizeof(gainKsProperty), &gainKsProperty, sizeof(gainKsProperty), &bytesReturned));
+  gain = gainKsProperty.Value;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::SetDeviceGain(LONG gain) {
+  WQ_SCOPE_BEGIN(HRESULT);
   KSPROPERTY_VIDEOPROCAMP_S request = {};
   request.Value = gain;
   request.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
   return SendGainProperty(KSPROPERTY_TYPE_SET, request);
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::SendGainProperty(ULONG flags, KSPROPERTY_VIDEOPROCAMP_S &request) {
+  WQ_SCOPE_BEGIN(HRESULT);
   request.Property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
   request.Property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
   request.Property.Flags = flags;
@@ -340,10 +364,12 @@ HRESULT WQ400FishEyeExtendedExposureControl::SendGainProperty(ULONG flags, KSPRO
   RETURN_IF_FAILED(
       filterKsControl->KsProperty(&request.Property, sizeof(request), &request, sizeof(request), &bytesReturned));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::QueryGainRange(LONG &minimum, LONG &maximum, LONG &step,
                                                            LONG &defaultValue) {
+  WQ_SCOPE_BEGIN(HRESULT);
   KSPROPERTY gainKsProperty = {};
   gainKsProperty.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
   gainKsProperty.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
@@ -366,9 +392,11 @@ HRESULT WQ400FishEyeExtendedExposureControl::QueryGainRange(LONG &minimum, LONG 
   step = static_cast<LONG>(range.stepping.SteppingDelta);
   defaultValue = defaults.value;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::Get(KSCAMERA_EXTENDEDPROP_VIDEOPROCSETTING *videoProcSetting) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(videoProcSetting);
   // Milliseconds to 100 ns units.
   videoProcSetting->Min = static_cast<LONG>(std::lround(minExposureMs * 10000.0f));
@@ -378,9 +406,11 @@ HRESULT WQ400FishEyeExtendedExposureControl::Get(KSCAMERA_EXTENDEDPROP_VIDEOPROC
   RETURN_IF_FAILED(extensionUnitKsControl->GetKsProperty(XU_EXPOSURE_ID, deviceExposure));
   videoProcSetting->VideoProc.Value.ull = static_cast<ULONGLONG>(deviceExposure) * 10;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::SetManual(uint32_t exposure) {
+  WQ_SCOPE_BEGIN(HRESULT);
   // The engine stops first, also when the request is refused below.
   softwareAeOff = 1;
   const float exposureMs = exposure / 10000.0f;
@@ -394,15 +424,18 @@ HRESULT WQ400FishEyeExtendedExposureControl::SetManual(uint32_t exposure) {
   currentExposureMs = deviceExposure / 1000.0f;
   if (!attached) (void)Signal();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeExtendedExposureControl::SetAuto() {
+  WQ_SCOPE_BEGIN(HRESULT);
   softwareAeOff = 0;
   WQ_TRACE(Info, "software auto exposure on at " << currentExposureMs << " ms, gain " << currentGain);
   // Whatever a manual exposure did to the sensor, the engine resumes from it.
   ConfigureEngine();
   if (!attached) (void)Signal();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -1,6 +1,7 @@
 #include "product/controls/WQ400FishEyeGainControl.h"
 
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -12,6 +13,7 @@ WQ400FishEyeGainControl::WQ400FishEyeGainControl(std::shared_ptr<WQ400FishEyeExt
 
 HRESULT WQ400FishEyeGainControl::Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
                                      ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(pProperty);
   RETURN_HR_IF_NULL(E_UNEXPECTED, ksControl);
   if ((pProperty->Flags & KSPROPERTY_TYPE_SET) != 0 && exposureControl && exposureControl->IsAuto()) {
@@ -19,6 +21,7 @@ HRESULT WQ400FishEyeGainControl::Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLe
     return E_UNEXPECTED;
   }
   return ksControl->KsProperty(pProperty, ulPropertyLength, pPropertyData, ulDataLength, pBytesReturned);
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -3,6 +3,7 @@
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/NameMap.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -25,6 +26,7 @@ WQ400FwErrorHandler::WQ400FwErrorHandler(const std::string &namePrefix,
       eventQueue(eventQueue) {}
 
 void WQ400FwErrorHandler::OnEvent(REFGUID, ULONG) {
+  WQ_SCOPE();
   if (!xuKsControl) return;
   KSPROPERTY property{};
   property.Set = xuKsControl->GetSetId();
@@ -41,6 +43,7 @@ void WQ400FwErrorHandler::OnEvent(REFGUID, ULONG) {
 }
 
 void WQ400FwErrorHandler::ProcessError(uint8_t code) {
+  WQ_SCOPE();
   if (static_cast<uint8_t>(code - 1) < 2) {
     NotifyHighTemperature(code);
     return;
@@ -49,6 +52,7 @@ void WQ400FwErrorHandler::ProcessError(uint8_t code) {
 }
 
 void WQ400FwErrorHandler::NotifyHighTemperature(uint8_t code) {
+  WQ_SCOPE();
   WQ_TRACE(Warning, name << ": " << ErrorName(code) << " (" << static_cast<unsigned>(code) << ")");
   if (eventQueue == nullptr) return;
   PROPVARIANT value;

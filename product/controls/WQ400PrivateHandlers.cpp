@@ -3,6 +3,7 @@
 #include "product/controls/WQ400PrivateProperties.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -22,6 +23,7 @@ WQ400ApiVersion::WQ400ApiVersion()
 
 HRESULT WQ400ApiVersion::Run(PKSIDENTIFIER pProperty, ULONG, LPVOID pPropertyData, ULONG ulDataLength,
                              ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(pBytesReturned);
   *pBytesReturned = sizeof(KSPROPERTY_WQ400_API_VERSION);
   RETURN_IF_FAILED(CheckLength(ulDataLength, sizeof(KSPROPERTY_WQ400_API_VERSION), *pBytesReturned));
@@ -38,6 +40,7 @@ HRESULT WQ400ApiVersion::Run(PKSIDENTIFIER pProperty, ULONG, LPVOID pPropertyDat
     return S_OK;
   }
   return E_INVALIDARG;
+  WQ_SCOPE_END;
 }
 
 // ---- Hardware command ------------------------------------------------------------------------------------------
@@ -49,6 +52,7 @@ WQ400HwCommandKsPropertyHandler::WQ400HwCommandKsPropertyHandler(std::shared_ptr
 
 HRESULT WQ400HwCommandKsPropertyHandler::Run(PKSIDENTIFIER pProperty, ULONG ulPropertyLength, LPVOID pPropertyData,
                                              ULONG ulDataLength, ULONG *pBytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(pBytesReturned);
   // The identifier's size is reported, also after a GET that returned reply data.
   *pBytesReturned = sizeof(KSPROPERTY_WQ400_CONTROL_HW_COMMAND);
@@ -60,16 +64,17 @@ HRESULT WQ400HwCommandKsPropertyHandler::Run(PKSIDENTIFIER pProperty, ULONG ulPr
   RETURN_HR_IF(E_POINTER, pPropertyData == nullptr && ulDataLength != 0);
 
   if ((pProperty->Flags & KSPROPERTY_TYPE_SET) != 0) {
-    RETURN_IF_FAILED(fwCommandPipe->Set(hwCommand->opCode, static_cast<const BYTE *>(pPropertyData), ulDataLength,
+    RETURN_IF_FAILED(fwCommandPipe->Set(hwCommand->opCode, static_cast<const BYTE*>(pPropertyData), ulDataLength,
                                         hwCommand->param1, hwCommand->param2, hwCommand->param3, hwCommand->param4));
     return S_OK;
   }
   if ((pProperty->Flags & KSPROPERTY_TYPE_GET) != 0) {
-    RETURN_IF_FAILED(fwCommandPipe->Get(static_cast<BYTE *>(pPropertyData), hwCommand->opCode, ulDataLength,
+    RETURN_IF_FAILED(fwCommandPipe->Get(static_cast<BYTE*>(pPropertyData), hwCommand->opCode, ulDataLength,
                                         hwCommand->param1, hwCommand->param2, hwCommand->param3, hwCommand->param4));
     return S_OK;
   }
   return E_INVALIDARG;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -5,6 +5,7 @@
 
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -93,17 +94,6 @@ uint32_t LittleEndian(const BYTE *bytes, size_t width) {
   return value;
 }
 
-// Versions are little-endian numbers whose bytes are the parts, most significant part first:
-// 1 byte "7", 2 bytes "1.3", 4 bytes "5.12.7.100".
-std::string VersionText(const BYTE *bytes, size_t width) {
-  std::string text;
-  for (size_t i = width; i > 0; --i) {
-    if (!text.empty()) text += '.';
-    text += std::to_string(bytes[i - 1]);
-  }
-  return text;
-}
-
 std::string FieldText(const Field &field, const BYTE *table) {
   const BYTE *bytes = table + field.offset;
   char number[16];
@@ -122,7 +112,7 @@ std::string FieldText(const Field &field, const BYTE *table) {
       }
       return text;
     }
-    case Kind::Version: return std::string(field.label) + ": " + VersionText(bytes, field.width);
+    case Kind::Version: return std::string(field.label) + ": " + WQ400DeviceInfo::VersionText(bytes, field.width);
   }
   return field.label;
 }
@@ -132,17 +122,13 @@ std::string FieldText(const Field &field, const BYTE *table) {
 WQ400DeviceInfo::WQ400DeviceInfo(std::shared_ptr<IFirmwareCommandPipe> firmwareCommandPipe,
                                  const std::string &displayName)
     : firmwareCommandPipe(std::move(firmwareCommandPipe)), name(displayName) {
-  WQ_TRACE(Verbose, "==>");
-  WQ_TRACE(Verbose, "<==");
+  WQ_SCOPE();
 }
 
-WQ400DeviceInfo::~WQ400DeviceInfo() {
-  WQ_TRACE(Verbose, "==>");
-  WQ_TRACE(Verbose, "<==");
-}
+WQ400DeviceInfo::~WQ400DeviceInfo() { WQ_SCOPE(); }
 
 HRESULT WQ400DeviceInfo::Init() {
-  WQ_TRACE(Verbose, "==>");
+  WQ_SCOPE_BEGIN(HRESULT);
   HRESULT hr = E_POINTER;
   if (firmwareCommandPipe) {
     hr = firmwareCommandPipe->Get(table.data(), kOpcodeGetDeviceInfo, kTableSize, 0, 0, 0, 0);
@@ -154,17 +140,30 @@ HRESULT WQ400DeviceInfo::Init() {
     // The pipe has traced the failure; initialisation goes on without the table.
     WQ_TRACE(Warning, name << ": device information not available " << user_space_frameworks::trace::HrText(hr));
   }
-  WQ_TRACE(Verbose, "<== " << user_space_frameworks::trace::HrText(S_OK));
   return S_OK;
+  WQ_SCOPE_END;
+}
+
+// Versions are little-endian numbers whose bytes are the parts, most significant part first:
+// 1 byte "7", 2 bytes "1.3", 4 bytes "5.12.7.100".
+std::string WQ400DeviceInfo::VersionText(const BYTE *bytes, size_t width) {
+  std::string text;
+  for (size_t i = width; i > 0; --i) {
+    if (!text.empty()) text += '.';
+    text += std::to_string(bytes[i - 1]);
+  }
+  return text;
 }
 
 std::array<BYTE, 4> WQ400DeviceInfo::GetFunctionalPayloadVersion() const {
+  WQ_SCOPE();
   std::array<BYTE, 4> version;
   std::memcpy(version.data(), table.data() + kFunctionalPayloadVersionOffset, version.size());
   return version;
 }
 
 void WQ400DeviceInfo::TraceDeviceInfo() const {
+  WQ_SCOPE();
   if (!user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Info)) return;
   for (const Field &field : kFields) {
     WQ_TRACE(Info, FieldText(field, table.data()));

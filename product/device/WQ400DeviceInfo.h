@@ -28,6 +28,9 @@ class WQ400DeviceInfo : public DeviceInfo {
   void TraceDeviceInfo() const override;
 
   bool IsValid() const { return valid != 0; }
+  // A version's bytes as the camera stores them (little-endian) in text, most significant part first.
+  // Every version of the camera and of its firmware image is printed this way.
+  static std::string VersionText(const BYTE *bytes, size_t width);
   // Table bytes 12 to 15, in the camera's byte order.
   std::array<BYTE, 4> GetFunctionalPayloadVersion() const;
   const std::array<BYTE, kTableSize> &GetTable() const { return table; }

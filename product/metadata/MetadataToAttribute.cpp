@@ -1,5 +1,7 @@
 #include "product/metadata/MetadataToAttribute.h"
 
+#include "user_space_frameworks/TraceScope.h"
+
 namespace mft_core {
 
 void IMetadataToAttribute::Process(Microsoft::WRL::ComPtr<IMFSample> sample) {
@@ -7,6 +9,7 @@ void IMetadataToAttribute::Process(Microsoft::WRL::ComPtr<IMFSample> sample) {
 }
 
 void IMetadataToAttribute::ExtractDataToAttribute(IMFSample *sample) {
+  WQ_SCOPE();
   if (sample == nullptr) return;
   UvcMetaDataWrapper metadata;
   // A wrapper that did not open finds nothing: sticky records are still attached.

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "user_space_frameworks/Check.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -13,6 +14,7 @@ UvcMetaDataWrapper::~UvcMetaDataWrapper() {
 }
 
 HRESULT UvcMetaDataWrapper::Init(const ComPtr<IMFSample> &sample) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(sample);
   RETURN_HR_IF(E_UNEXPECTED, locked);
   RETURN_IF_FAILED(sample.As(&sampleAttributes));
@@ -45,10 +47,12 @@ HRESULT UvcMetaDataWrapper::Init(const ComPtr<IMFSample> &sample) {
   if (bufferLength >= kFirstItemOffset) usbVideoHeader = buffer + kUsbVideoHeaderOffset;
   firstItem = buffer + kFirstItemOffset;
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 MetadataItemView UvcMetaDataWrapper::GetMetadataItem(uint32_t metadataId, uint32_t minSize,
                                                      uint32_t maxSize) const {
+  WQ_SCOPE();
   if (minSize > maxSize) throw std::invalid_argument("min size > max size");
   if (firstItem == nullptr) return {};
 

@@ -1,6 +1,7 @@
 #include "product/metadata/WQ400MetadataParsers.h"
 
 #include "product/metadata/WQ400TimingToAttribute.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -32,8 +33,7 @@ WQ400MetadataParser::WQ400MetadataParser(const std::string &transformName)
     : IMetadataParser(transformName + " Metadata Parser") {}
 
 HRESULT WQ400MetadataParser::Parse(IMFSample *sample) {
-  const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
-  if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, WQ_FUNCTION, "==>");
+  WQ_SCOPE_BEGIN(HRESULT);
   if (sample != nullptr) {
     // One reference and one opened metadata buffer for the whole frame, shared by every converter.
     const ComPtr<IMFSample> frame(sample);
@@ -43,8 +43,8 @@ HRESULT WQ400MetadataParser::Parse(IMFSample *sample) {
       converter->ProcessFrame(sample, metadata);
     }
   }
-  if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, WQ_FUNCTION, "<==");
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 WQ400DepthMetadataParser::WQ400DepthMetadataParser(const std::string &transformName)

@@ -3,10 +3,12 @@
 #include <cstddef>
 
 #include "mft_core/streams/FrameDropMonitor.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
 void WQ400HwTimestampToAttribute::ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
+  WQ_SCOPE();
   if (sample == nullptr) return;
   // Null unless the wrapper opened a buffer holding the whole header.
   const uint8_t *header = metadata.GetUsbVideoHeader();
@@ -22,6 +24,7 @@ WQ400MetaDataCaptureTimingToAttribute::WQ400MetaDataCaptureTimingToAttribute(std
                           keepLast) {}
 
 void WQ400MetaDataCaptureTimingToAttribute::Process(Microsoft::WRL::ComPtr<IMFSample> sample) {
+  WQ_SCOPE();
   MetadataToAttribute::Process(sample);
   SetFrameCounterFromBlob(sample.Get());
 }
@@ -41,6 +44,7 @@ void WQ400MetaDataCaptureTimingToAttribute::ProcessFrame(IMFSample *sample, cons
 
 // The counter comes from whatever capture-timing blob the sample carries now, not from the item.
 void WQ400MetaDataCaptureTimingToAttribute::SetFrameCounterFromBlob(IMFSample *sample) {
+  WQ_SCOPE();
   if (sample == nullptr) return;
   // Read into a record on the stack rather than an allocated copy: a blob of any other length either
   // fails to fit or comes back short, and both leave the counter alone.

@@ -2,6 +2,7 @@
 
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -17,6 +18,7 @@ WQ400TimestampAdjustTopologyNode::WQ400TimestampAdjustTopologyNode(
 }
 
 HRESULT WQ400TimestampAdjustTopologyNode::ProcessSample(IMFSample *sample) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(sample);
   if (user_space_frameworks::trace::EventsEnabled()) {
     LONGLONG sampleTime = 0;
@@ -29,6 +31,7 @@ HRESULT WQ400TimestampAdjustTopologyNode::ProcessSample(IMFSample *sample) {
     trace::WriteEvent(kEventName, trace::EventOpcode::Stop, &activityId, {trace::Int64Field("SampleTime", time)});
   }
   return GetNextNodes().at(0)->Process(sample);
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -3,6 +3,7 @@
 #include "product/topology/WQ400TimestampAdjustTopologyNode.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -11,6 +12,7 @@ WQ400Topology::WQ400Topology(std::string name, bool withTimestampNode)
 
 HRESULT WQ400Topology::Init(std::shared_ptr<InputStream> inputStream, std::shared_ptr<OutputStream> outputStream,
                             IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_NULL(inputStream);
   RETURN_IF_NULL(outputStream);
   // No type is not a type the input stream offers.
@@ -31,6 +33,7 @@ HRESULT WQ400Topology::Init(std::shared_ptr<InputStream> inputStream, std::share
   }
   AddItem(std::move(inputStream), std::move(firstNode), nextMediaType);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 std::shared_ptr<ITopologyNode> WQ400Topology::GetFirstNode() const {

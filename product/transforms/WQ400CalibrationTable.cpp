@@ -4,6 +4,7 @@
 
 #include "product/transforms/WQ400CalibrationReplies.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -14,6 +15,7 @@ uint32_t WQ400CalibrationTable::ReadU32(size_t offset) const {
 }
 
 bool WQ400CalibrationTable::FindBody(uint8_t sensorIndex, size_t &bodyOffset) const {
+  WQ_SCOPE();
   if (reply.empty()) {
     WQ_TRACE(Info, "empty calibration table");
     return false;
@@ -32,14 +34,15 @@ bool WQ400CalibrationTable::FindBody(uint8_t sensorIndex, size_t &bodyOffset) co
     const size_t body = offset + kEntryHeadSize;
     WQ_TRACE(Verbose, "entry " << entry << ": sensor " << static_cast<int>(index) << " reserved "
                                << static_cast<int>(reserved) << " length " << length);
+    // The matching entry's record has its own size; its length only leads to the next entry.
+    if (index == sensorIndex) {
+      bodyOffset = body;
+      return true;
+    }
     if (length > reply.size() - body) {
       WQ_TRACE(Warning, "entry " << entry << " of sensor " << static_cast<int>(index) << " claims " << length
                                  << " bytes, " << reply.size() - body << " remain");
       return false;
-    }
-    if (index == sensorIndex) {
-      bodyOffset = body;
-      return true;
     }
     offset = body + length;
   }
@@ -48,6 +51,7 @@ bool WQ400CalibrationTable::FindBody(uint8_t sensorIndex, size_t &bodyOffset) co
 }
 
 std::vector<uint8_t> WQ400CalibrationTable::Intrinsics(uint8_t sensorIndex) const {
+  WQ_SCOPE();
   size_t body = 0;
   if (!FindBody(sensorIndex, body)) return {};
   // The record's size follows its model count, not the entry's length; it must lie within the reply.
@@ -57,6 +61,7 @@ std::vector<uint8_t> WQ400CalibrationTable::Intrinsics(uint8_t sensorIndex) cons
 }
 
 std::vector<uint8_t> WQ400CalibrationTable::Extrinsics(uint8_t sensorIndex) const {
+  WQ_SCOPE();
   size_t body = 0;
   if (!FindBody(sensorIndex, body)) return {};
   if (reply.size() - body < kExtrinsicsSize) {

@@ -8,8 +8,10 @@
 #include "product/transforms/WQ400CalibrationReplies.h"
 #include "product/transforms/WQ400CalibrationTable.h"
 #include "product/transforms/WQ400FirmwareCheck.h"
+#include "user_space_frameworks/TraceScope.h"
 
 using Microsoft::WRL::ComPtr;
+using std::make_shared;
 
 namespace mft_core {
 
@@ -25,13 +27,7 @@ const char *FrameSourceTypeName(UINT32 type) {
   }
 }
 
-struct FrameFormat {
-  UINT32 width = 0, height = 0, rateNumerator = 0, rateDenominator = 0;
-  bool operator!=(const FrameFormat &other) const {
-    return width != other.width || height != other.height || rateNumerator != other.rateNumerator ||
-           rateDenominator != other.rateDenominator;
-  }
-};
+using FrameFormat = WQ400DepthDeviceMft::FrameFormat;
 
 FrameFormat FrameFormatOf(IMFMediaType *mediaType) {
   FrameFormat format;
@@ -47,18 +43,26 @@ std::ostream &operator<<(std::ostream &out, const FrameFormat &format) {
 
 }  // namespace
 
+bool WQ400DepthDeviceMft::FrameFormat::operator!=(const FrameFormat &other) const {
+  return width != other.width || height != other.height || rateNumerator != other.rateNumerator ||
+         rateDenominator != other.rateDenominator;
+}
+
 WQ400DepthDeviceMft::WQ400DepthDeviceMft() : WQ400DeviceMft(kDisplayName, CLSID_WQ400DepthDeviceMft, kWQ400DepthXuSetId, 1, 7) {}
 
 HRESULT WQ400DepthDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(WQ400DeviceMft::OnInitializeTransform(pAttributes));
   // Each stream keeps its own parser: the sticky calibration records are per stream.
   for (const auto &inputStream : inputStreams) {
     inputStream->AttachMetadataParser(std::make_shared<WQ400DepthMetadataParser>(name));
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthDeviceMft::InitializeMembers() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(WQ400DeviceMft::InitializeMembers());
   firmwareCommandPipe = std::make_shared<FirmwareCommandPipe>(deviceXuKsControl, extensionUnits.deviceXuSetId,
                                                               kFirmwareCommandSelector, name);
@@ -72,18 +76,22 @@ HRESULT WQ400DepthDeviceMft::InitializeMembers() {
   // Never fails initialisation: a camera with old firmware still streams until it is updated.
   WQ400FirmwareCheck::Run(*firmwareCommandPipe, devInfo->GetFunctionalPayloadVersion());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthDeviceMft::UninitializeMembers() {
+  WQ_SCOPE_BEGIN(HRESULT);
   // The listener may outlive this call on its work-queue thread: the handler stops being notified first.
   if (autoUpdateEventListener && fwErrorHandler) autoUpdateEventListener->UnregisterObserver(fwErrorHandler);
   RETURN_IF_FAILED(WQ400DeviceMft::UninitializeMembers());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthDeviceMft::RegisterKsControlHandlres() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(WQ400DeviceMft::RegisterKsControlHandlres());
-  RETURN_IF_FAILED(RegisterKsPropertyHandler(std::make_shared<WQ400HwCommandKsPropertyHandler>(firmwareCommandPipe)));
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(make_shared<WQ400HwCommandKsPropertyHandler>(firmwareCommandPipe)));
   extendedExposureControl = std::make_shared<WQ400DepthExtendedExposureControl>(deviceXuKsControl);
   RETURN_IF_FAILED(RegisterKsPropertyHandler(extendedExposureControl));
   RETURN_IF_FAILED(extendedExposureControl->RegisterEvent(*this));
@@ -95,9 +103,11 @@ HRESULT WQ400DepthDeviceMft::RegisterKsControlHandlres() {
       std::make_shared<KsPropHandler>(PROPSETID_VIDCAP_CAMERACONTROL, KSPROPERTY_CAMERACONTROL_AUTO_EXPOSURE_PRIORITY,
                                       "Standard Auto Exposure Blocker", nullptr)));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 std::vector<BYTE> WQ400DepthDeviceMft::ReadCalibrationTable(ULONG selector) {
+  WQ_SCOPE();
   std::vector<BYTE> table;
   // A table the driver cannot read is one the camera does not have: the streams go without it.
   if (FAILED(ReadCalibrationControl(*deviceXuKsControl.Get(), selector, table))) table.clear();
@@ -105,6 +115,7 @@ std::vector<BYTE> WQ400DepthDeviceMft::ReadCalibrationTable(ULONG selector) {
 }
 
 BYTE WQ400DepthDeviceMft::SensorIndexOf(const std::shared_ptr<InputStream> &inputStream) {
+  WQ_SCOPE();
   const UINT32 type = inputStream->GetFrameSourceType();
   if (type == MFFrameSourceTypes_Depth) return kDepthSensorIndex;
   if (type & (MFFrameSourceTypes_Color | MFFrameSourceTypes_Infrared)) return kImagerSensorIndex;
@@ -113,39 +124,53 @@ BYTE WQ400DepthDeviceMft::SensorIndexOf(const std::shared_ptr<InputStream> &inpu
 
 HRESULT WQ400DepthDeviceMft::CreateIntrinsics(const std::shared_ptr<InputStream> &inputStream,
                                               std::vector<BYTE> &intrinsics) {
+  WQ_SCOPE_BEGIN(HRESULT);
   intrinsics.clear();
   const BYTE sensor = SensorIndexOf(inputStream);
   if (sensor != 0) intrinsics = WQ400CalibrationTable(ReadCalibrationTable(kIntrinsicsSelector)).Intrinsics(sensor);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthDeviceMft::CreateExtrinsics(const std::shared_ptr<InputStream> &inputStream,
                                               std::vector<BYTE> &extrinsics) {
+  WQ_SCOPE_BEGIN(HRESULT);
   extrinsics.clear();
   const BYTE sensor = SensorIndexOf(inputStream);
   if (sensor != 0) extrinsics = WQ400CalibrationTable(ReadCalibrationTable(kExtrinsicsSelector)).Extrinsics(sensor);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthDeviceMft::InitOutputStreamConfiguration(OutputStreamConfiguration &configuration,
                                                            const std::shared_ptr<InputStream> &inputStream) {
+  WQ_SCOPE_BEGIN(HRESULT);
   WQ_TRACE(Info, "input stream " << inputStream->GetID() << ": "
                                  << FrameSourceTypeName(inputStream->GetFrameSourceType()));
   // Types, then intrinsics before extrinsics, then the input stream's attributes.
   RETURN_IF_FAILED(WQ400DeviceMft::InitOutputStreamConfiguration(configuration, inputStream));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> &outputStream,
                                            IMFMediaType *nextMediaType, std::shared_ptr<Topology> &topology) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return BuildTopologyOf<WQ400DepthTopology>(outputStream, nextMediaType, topology);
+  WQ_SCOPE_END;
 }
 
-HRESULT WQ400DepthDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,
-                                               IMFMediaType *nextMediaType) {
+HRESULT WQ400DepthDeviceMft::BookStart(const std::shared_ptr<OutputStream> &outputStream, const FrameFormat &next) {
+  WQ_SCOPE_BEGIN(HRESULT);
   user_space_frameworks::AutoLock hold(streamControlLock);
-  // One stereo sensor: every stream runs at the size and rate of those already running.
-  const FrameFormat next = FrameFormatOf(nextMediaType);
+  // One stereo sensor: every stream runs at the size and rate of those already running or starting.
+  for (const PendingStart &pending : pendingStarts) {
+    if (pending.format != next) {
+      WQ_TRACE(Error, "stream " << outputStream->GetID() << " asked for " << next << " while stream "
+                                << pending.streamId << " starts at " << pending.format);
+      return E_INVALIDARG;
+    }
+  }
   for (const auto &otherStream : outputStreams) {
     if (otherStream->GetID() == outputStream->GetID() || otherStream->GetState() != DeviceStreamState_Run) continue;
     ComPtr<IMFMediaType> otherMt;
@@ -157,20 +182,41 @@ HRESULT WQ400DepthDeviceMft::StartOutputStream(const std::shared_ptr<OutputStrea
       return E_INVALIDARG;
     }
   }
-  RETURN_IF_FAILED(WQ400DeviceMft::StartOutputStream(outputStream, nextMediaType));
+  pendingStarts.push_back({outputStream->GetID(), next});
+  return S_OK;
+  WQ_SCOPE_END;
+}
+
+HRESULT WQ400DepthDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,
+                                               IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
+  RETURN_IF_FAILED(BookStart(outputStream, FrameFormatOf(nextMediaType)));
+  // The pass-through start waits for the frame server without any lock of ours; the booking keeps a
+  // start at another size out meanwhile.
+  const HRESULT started = WQ400DeviceMft::StartOutputStream(outputStream, nextMediaType);
+  user_space_frameworks::AutoLock hold(streamControlLock);
+  for (auto pending = pendingStarts.begin(); pending != pendingStarts.end(); ++pending) {
+    if (pending->streamId == outputStream->GetID()) {
+      pendingStarts.erase(pending);
+      break;
+    }
+  }
+  RETURN_IF_FAILED(started);
   // The first stream started drives exposure.
   if (exposureFeedStreamId == kNoStream) {
     exposureFeedStreamId = outputStream->GetID();
     extendedExposureControl->RegisterToOnSampleSubject(outputStream);
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DepthDeviceMft::StopOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                               IMFMediaType *nextMediaType) {
-  user_space_frameworks::AutoLock hold(streamControlLock);
+  WQ_SCOPE_BEGIN(HRESULT);
   // Stopped either way.
   LOG_IF_FAILED(WQ400DeviceMft::StopOutputStream(outputStream, nextMediaType));
+  user_space_frameworks::AutoLock hold(streamControlLock);
   if (outputStream->GetID() == exposureFeedStreamId) {
     extendedExposureControl->UnRegisterToOnSampleSubject(outputStream);
     exposureFeedStreamId = kNoStream;
@@ -182,6 +228,7 @@ HRESULT WQ400DepthDeviceMft::StopOutputStream(const std::shared_ptr<OutputStream
     }
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

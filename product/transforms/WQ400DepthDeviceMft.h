@@ -32,6 +32,12 @@ class WQ400DepthDeviceMft : public WQ400DeviceMft {
 
   WQ400DepthDeviceMft();
 
+  // The size and rate of a stream's media type: every stream of the sensor runs at one.
+  struct FrameFormat {
+    UINT32 width = 0, height = 0, rateNumerator = 0, rateDenominator = 0;
+    bool operator!=(const FrameFormat &other) const;
+  };
+
  protected:
   ~WQ400DepthDeviceMft() override = default;
 
@@ -57,10 +63,18 @@ class WQ400DepthDeviceMft : public WQ400DeviceMft {
   std::shared_ptr<FirmwareCommandPipe> firmwareCommandPipe;
   std::shared_ptr<WQ400FwErrorHandler> fwErrorHandler;
   std::shared_ptr<WQ400DepthExtendedExposureControl> extendedExposureControl;
-  // Starts and stops of output streams, one at a time: the frame-size rule and the exposure feed
-  // look at every stream. Held across the frame server's answer to a state change, which never
-  // needs it.
+  struct PendingStart {
+    DWORD streamId;
+    FrameFormat format;
+  };
+  // Checks `next` against the running streams and the starts still waiting for the frame server, and
+  // books this start; E_INVALIDARG when another size or rate runs or is being started.
+  HRESULT BookStart(const std::shared_ptr<OutputStream> &outputStream, const FrameFormat &next);
+
+  // Guards the frame-size rule (the starts under way) and the exposure feed. Never held across the
+  // frame server's answer to a state change: a start waits up to 10 s for it.
   user_space_frameworks::CriticalSection streamControlLock;
+  std::vector<PendingStart> pendingStarts;
   // The output stream whose frames feed the exposure control; kNoStream when none runs.
   DWORD exposureFeedStreamId = kNoStream;
 };

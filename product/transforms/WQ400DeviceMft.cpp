@@ -4,8 +4,11 @@
 
 #include "mft_core/ks/KsControlHandlers.h"
 #include "product/controls/WQ400ApiVersion.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
+
+using std::make_shared;
 
 const GUID kWQ400SubtypeZ16 = {0x2036315A, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
 const GUID kWQ400SubtypeY8 = {0x20203859, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
@@ -20,22 +23,29 @@ WQ400DeviceMft::WQ400DeviceMft(std::string displayName, const GUID &transformCla
                            transformClass) {}
 
 HRESULT WQ400DeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(PassThroughDeviceMft::OnInitializeTransform(pAttributes));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DeviceMft::InitializeMembers() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(PassThroughDeviceMft::InitializeMembers());
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400DeviceMft::RegisterKsControlHandlres() {
+  WQ_SCOPE_BEGIN(HRESULT);
   // The framework's pass-through defaults first: the product's handlers are matched before them.
   RETURN_IF_FAILED(PassThroughDeviceMft::RegisterKsControlHandlres());
-  RETURN_IF_FAILED(RegisterKsPropertyHandler(std::make_shared<CompleteSetPropsHandler>(
-      deviceXuKsControl.Get(), extensionUnits.deviceXuSetId, "Complete Set KS Properties Handler")));
-  RETURN_IF_FAILED(RegisterKsPropertyHandler(std::make_shared<WQ400ApiVersion>()));
+  // The product's whole extension-unit set goes to its unit's node.
+  const GUID &deviceXuSetId = extensionUnits.deviceXuSetId;
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(make_shared<CompleteSetPropsHandler>(deviceXuKsControl, deviceXuSetId)));
+  RETURN_IF_FAILED(RegisterKsPropertyHandler(make_shared<WQ400ApiVersion>()));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 std::vector<GUID> WQ400DeviceMft::GetExcludedInputMediaTypes() { return {kWQ400SubtypeZ16, kWQ400SubtypeY8}; }

@@ -6,8 +6,10 @@
 #include <memory>
 #include <sstream>
 
+#include "product/device/WQ400DeviceInfo.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -18,11 +20,7 @@ const wchar_t *const WQ400FirmwareCheck::kImagePath = L"\\system32\\drivers\\WQ4
 namespace {
 
 std::string VersionText(const WQ400FirmwareCheck::Version &version) {
-  std::ostringstream text;
-  for (size_t i = 0; i < version.size(); ++i) {
-    text << (i ? "." : "") << static_cast<int>(version[i]);
-  }
-  return text.str();
+  return WQ400DeviceInfo::VersionText(version.data(), version.size());
 }
 
 std::string Narrow(const std::wstring &text) {
@@ -38,6 +36,7 @@ struct FileCloser {
 }  // namespace
 
 bool WQ400FirmwareCheck::IsAutoUpdateEnabled() {
+  WQ_SCOPE();
   HKEY key = nullptr;
   LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kServiceKey, 0, KEY_READ, &key);
   if (status != ERROR_SUCCESS) {
@@ -63,6 +62,7 @@ bool WQ400FirmwareCheck::IsAutoUpdateEnabled() {
 }
 
 bool WQ400FirmwareCheck::ReadInstalledVersion(Version &version) {
+  WQ_SCOPE();
   wchar_t windowsDirectory[200] = {};
   const UINT length = GetWindowsDirectoryW(windowsDirectory, 200);
   if (length == 0 || length >= 200) {
@@ -84,6 +84,7 @@ bool WQ400FirmwareCheck::ReadInstalledVersion(Version &version) {
 }
 
 void WQ400FirmwareCheck::Run(IFirmwareCommandPipe &pipe, const Version &deviceVersion) {
+  WQ_SCOPE();
   if (!IsAutoUpdateEnabled()) return;
   Version installed = {};
   if (!ReadInstalledVersion(installed)) return;

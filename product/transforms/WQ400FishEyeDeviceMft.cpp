@@ -7,6 +7,7 @@
 #include "product/metadata/WQ400MetadataRecords.h"
 #include "product/topology/WQ400Topologies.h"
 #include "product/transforms/WQ400CalibrationReplies.h"
+#include "user_space_frameworks/TraceScope.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -28,6 +29,7 @@ WQ400FishEyeDeviceMft::WQ400FishEyeDeviceMft()
                      1, 0) {}
 
 HRESULT WQ400FishEyeDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(WQ400DeviceMft::OnInitializeTransform(pAttributes));
   for (const auto &inputStream : inputStreams) {
     inputStream->AttachMetadataParser(std::make_shared<WQ400FisheyeMetadataParser>(name));
@@ -35,9 +37,11 @@ HRESULT WQ400FishEyeDeviceMft::OnInitializeTransform(IMFAttributes *pAttributes)
   // A camera without fisheye extrinsics still streams.
   (void)RetrieveDeviceExtrinsics();
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeDeviceMft::RegisterKsControlHandlres() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_IF_FAILED(WQ400DeviceMft::RegisterKsControlHandlres());
   RETURN_HR_IF_NULL(E_UNEXPECTED, deviceXuKsControl);
   extendedExposureControl = std::make_shared<WQ400FishEyeExtendedExposureControl>(deviceXuKsControl, filterKsControl);
@@ -46,9 +50,11 @@ HRESULT WQ400FishEyeDeviceMft::RegisterKsControlHandlres() {
   gainControl = std::make_shared<WQ400FishEyeGainControl>(extendedExposureControl, filterKsControl.Get());
   RETURN_IF_FAILED(RegisterKsPropertyHandler(gainControl));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeDeviceMft::CreateIntrinsics(const std::shared_ptr<InputStream> &, std::vector<BYTE> &intrinsics) {
+  WQ_SCOPE_BEGIN(HRESULT);
   intrinsics.clear();
   if (!deviceXuKsControl) return S_OK;
   std::array<BYTE, kIntrinsicsReplySize> buff = {};
@@ -65,9 +71,11 @@ HRESULT WQ400FishEyeDeviceMft::CreateIntrinsics(const std::shared_ptr<InputStrea
   }
   CopyIntrinsicsRecord(buff.data() + kReplyHeadSize, received - kReplyHeadSize, intrinsics);
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeDeviceMft::RetrieveDeviceExtrinsics() {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_HR_IF_NULL(E_UNEXPECTED, deviceXuKsControl);
   std::array<BYTE, kExtrinsicsReplySize> buff = {};
   ULONG size = kExtrinsicsReplySize;
@@ -98,15 +106,19 @@ HRESULT WQ400FishEyeDeviceMft::RetrieveDeviceExtrinsics() {
                                                    reinterpret_cast<const UINT8 *>(extrinsicsData),
                                                    sizeof(STMFCameraFishEyeExtrinsics)));
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeDeviceMft::BuildTopology(const std::shared_ptr<OutputStream> &outputStream,
                                              IMFMediaType *nextMediaType, std::shared_ptr<Topology> &topology) {
+  WQ_SCOPE_BEGIN(HRESULT);
   return BuildTopologyOf<WQ400FishEyeTopology>(outputStream, nextMediaType, topology);
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeDeviceMft::StartOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                                  IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   if (extendedExposureControl) extendedExposureControl->RegisterToOnSampleSubject(outputStream);
   const HRESULT hr = WQ400DeviceMft::StartOutputStream(outputStream, nextMediaType);
   if (FAILED(hr)) {
@@ -116,13 +128,16 @@ HRESULT WQ400FishEyeDeviceMft::StartOutputStream(const std::shared_ptr<OutputStr
     return hr;
   }
   return S_OK;
+  WQ_SCOPE_END;
 }
 
 HRESULT WQ400FishEyeDeviceMft::StopOutputStream(const std::shared_ptr<OutputStream> &outputStream,
                                                 IMFMediaType *nextMediaType) {
+  WQ_SCOPE_BEGIN(HRESULT);
   const HRESULT hr = LOG_IF_FAILED(WQ400DeviceMft::StopOutputStream(outputStream, nextMediaType));
   if (extendedExposureControl) extendedExposureControl->UnRegisterToOnSampleSubject(outputStream);
   return hr;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

@@ -111,6 +111,16 @@ TEST(ObserverTest, ObserversSeeTheSampleBeforeTheNodeInRegistrationOrder) {
   NamedNode::trail.clear();
   ASSERT_EQ(S_OK, graph.a->Process(MakeSample().Get()));
   EXPECT_EQ("2abdc", NamedNode::trail);
+
+  // Held at most once: a second registration changes nothing, and one unregister removes it.
+  graph.a->RegisterPreProcessObserver(second);
+  NamedNode::trail.clear();
+  ASSERT_EQ(S_OK, graph.a->Process(MakeSample().Get()));
+  EXPECT_EQ("2abdc", NamedNode::trail);
+  graph.a->UnregisterPreProcessObserver(second);
+  NamedNode::trail.clear();
+  ASSERT_EQ(S_OK, graph.a->Process(MakeSample().Get()));
+  EXPECT_EQ("abdc", NamedNode::trail);
 }
 
 class TopologyTest : public ::testing::Test {

@@ -4,8 +4,11 @@
 
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <vector>
 
+#include "autoexposure/AutoExposureAPI.h"
+#include "common/FakeKsControl.h"
 #include "common/Waiting.h"
 #include "mft_core/ks/ExtensionUnitKsControl.h"
 #include "mft_core/ks/FirmwareCommandPipe.h"
@@ -13,6 +16,7 @@
 #include "mft_core/ks/KsEventListener.h"
 #include "mft_core/transform/MediaEventGenerator.h"
 #include "product/controls/WQ400ApiVersion.h"
+#include "product/controls/WQ400FishEyeExtendedExposureControl.h"
 #include "product/controls/WQ400FwErrorHandler.h"
 #include "product/controls/WQ400HwCommandKsPropertyHandler.h"
 #include "product/controls/WQ400PrivateProperties.h"
@@ -136,6 +140,10 @@ TEST_F(DepthCameraTest, HardwareCommandGetReturnsTheReplyAndKeepsFortyFourBytesR
   EXPECT_EQ(sim::DeviceInfoTable(sim::DeviceInfoConfig{}), reply);
   ASSERT_EQ(1u, filter->FirmwareCommands().size());
   EXPECT_EQ(20u, filter->FirmwareCommands()[0].length);
+  // A read carries the request's four parameters to the camera as a write does.
+  EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
+            std::vector<uint32_t>(std::begin(filter->FirmwareCommands()[0].params),
+                                  std::end(filter->FirmwareCommands()[0].params)));
 
   // 1020 reply bytes is the most a command can return.
   std::vector<BYTE> large(1021, 0);
@@ -348,6 +356,93 @@ TEST_F(FwErrorHandlerTest, AFailedReadQueuesNothingAndTheListenerKeepsRunning) {
   const auto events = Drain(1);
   ASSERT_EQ(1u, events.size());
   EXPECT_EQ(static_cast<MediaEventType>(MEDeviceThermalStateChanged), events[0].first);
+}
+
+// ---- Fisheye exposure: the auto-exposure engine's requests ------------------------------------------------------
+
+// The fisheye control over the simulated fisheye camera, whose exposure range ends at 20 ms. Every
+// request reaches the camera through a recorder that notes the exposure and gain writes as sent.
+class FishEyeEngineRequestTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sim::CameraConfig camera = sim::FisheyeCamera();
+    for (auto &control : camera.extensionUnits.at(0).controls) {
+      if (control.id == XU_EXPOSURE_ID) control.range.maximum = 20000;
+    }
+    filter = sim::SimulatedCameraFilter::Create(camera);
+    ASSERT_TRUE(filter);
+    ComPtr<IMFTransform> transform;
+    ASSERT_EQ(S_OK, filter.As(&transform));
+    ComPtr<IKsControl> camera;
+    ASSERT_EQ(S_OK, filter.As(&camera));
+    recorder = user_space_frameworks::MakeComObject<test_support::FakeKsControl>();
+    recorder->SetResponder([this, camera](const test_support::FakeKsControl::Request &request) -> HRESULT {
+      if (request.type != KsControlType::Property) return E_NOTIMPL;
+      if ((request.flags & KSPROPERTY_TYPE_SET) != 0 && request.data != nullptr) {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (request.set == sim::kFisheyeXuSet && request.id == XU_EXPOSURE_ID && request.dataLength == 2) {
+          USHORT exposure = 0;
+          std::memcpy(&exposure, request.data, sizeof(exposure));
+          exposureWrites.push_back(exposure);
+        } else if (request.set == PROPSETID_VIDCAP_VIDEOPROCAMP && request.id == KSPROPERTY_VIDEOPROCAMP_GAIN) {
+          gainWrites.push_back(static_cast<const KSPROPERTY_VIDEOPROCAMP_S *>(request.data)->Value);
+        }
+      }
+      return camera->KsProperty(reinterpret_cast<PKSPROPERTY>(request.identifier), request.identifierLength,
+                                request.data, request.dataLength, request.bytesReturned);
+    });
+    ComPtr<IKsControl> filterKsControl(recorder.Get());
+    auto xu = user_space_frameworks::MakeComObject<ExtensionUnitKsControl>(sim::kFisheyeXuSet, "FishEye ");
+    ASSERT_EQ(S_OK, xu->Init(transform, filterKsControl, XU_EXPOSURE_ID));
+    control = std::make_shared<WQ400FishEyeExtendedExposureControl>(xu, filterKsControl, FishEyeExposureSettings{});
+    std::lock_guard<std::mutex> hold(mutex);
+    exposureWrites.clear();
+    gainWrites.clear();
+  }
+
+  HRESULT EngineAsks(float exposureMs, float gain, uint32_t flags) {
+    return WQ400FishEyeExtendedExposureControl::OnSetExposure(control.get(), exposureMs, gain, flags);
+  }
+
+  ComPtr<sim::SimulatedCameraFilter> filter;
+  ComPtr<test_support::FakeKsControl> recorder;
+  std::shared_ptr<WQ400FishEyeExtendedExposureControl> control;
+  std::mutex mutex;
+  std::vector<USHORT> exposureWrites;
+  std::vector<LONG> gainWrites;
+};
+
+TEST_F(FishEyeEngineRequestTest, ExposureIsScaledOnceWhenOutOfRangeAndWrittenTruncatedNeverClamped) {
+  struct Case {
+    float exposureMs;
+    USHORT written;
+  };
+  const Case cases[] = {
+      {7.9999f, 7999},                         // microseconds truncated, not rounded
+      {30.0f, 28500},                          // above 20 ms: times 0.95 once, still above, sent as it is
+      {80.0f, static_cast<USHORT>(76000 % 65536)},  // the two low bytes of 76 ms, not a clamp at 65535
+  };
+  for (const Case &c : cases) {
+    EXPECT_EQ(S_OK, EngineAsks(c.exposureMs, 16.0f, autoexposure::kSetExposure));
+    std::lock_guard<std::mutex> hold(mutex);
+    ASSERT_FALSE(exposureWrites.empty()) << c.exposureMs;
+    EXPECT_EQ(c.written, exposureWrites.back()) << c.exposureMs;
+  }
+  EXPECT_EQ(E_POINTER, WQ400FishEyeExtendedExposureControl::OnSetExposure(nullptr, 5.0f, 16.0f, 3));
+}
+
+TEST_F(FishEyeEngineRequestTest, AGainOutOfRangeEndsTheWholeRequest) {
+  // The camera's gain runs from 16 to 248: neither the gain nor the exposure chosen with it is written.
+  EXPECT_EQ(S_OK, EngineAsks(5.0f, 300.0f, autoexposure::kSetExposure | autoexposure::kSetGain));
+  {
+    std::lock_guard<std::mutex> hold(mutex);
+    EXPECT_TRUE(exposureWrites.empty());
+    EXPECT_TRUE(gainWrites.empty());
+  }
+  EXPECT_EQ(S_OK, EngineAsks(5.0f, 32.0f, autoexposure::kSetExposure | autoexposure::kSetGain));
+  std::lock_guard<std::mutex> hold(mutex);
+  EXPECT_EQ(std::vector<USHORT>{5000}, exposureWrites);
+  EXPECT_EQ(std::vector<LONG>{32}, gainWrites);
 }
 
 }  // namespace

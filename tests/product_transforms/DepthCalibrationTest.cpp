@@ -109,6 +109,10 @@ INSTANTIATE_TEST_SUITE_P(
         TableCase{"LengthPastReply",
                   WithByte(CalibrationTable({{1, kSensor1}, {2, kSensor2}}), 1 + 4 + kSensor1.size() + 3, 0x40), true,
                   false},
+        // The matching entry's own length overstates its body: its record, 4 + 44 M bytes, is all there.
+        TableCase{"MatchingEntryOverstatesItsLength",
+                  WithByte(CalibrationTable({{2, kSensor2}, {1, kSensor1}}), 1 + 4 + kSensor2.size() + 3, 0x40), true,
+                  true},
         // N says three entries, two are present.
         TableCase{"MoreEntriesAnnounced", WithByte(CalibrationTable({{1, kSensor1}, {2, kSensor2}}), 0, 3), true, true},
         TableCase{"MoreEntriesAnnouncedThanPresent", WithByte(CalibrationTable({{1, kSensor1}}), 0, 3), true, false},

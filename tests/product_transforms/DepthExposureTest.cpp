@@ -51,13 +51,26 @@ class DepthExposureTest : public test_support::DepthTransformTest {
     host->Source().SetFrameGap(1);
     ASSERT_EQ(S_OK, Start(0));
   }
-  void Feed(bool withMetadata, uint32_t exposureUs = 0) {
+  void Feed(bool withMetadata, uint32_t exposureUs = 0, DWORD streamId = 0) {
     ComPtr<IMFSample> sample = test_support::MakeSample(++sampleTime * 333333);
     if (withMetadata) {
       writer.SetDepthExposure(exposureUs);
       ASSERT_EQ(S_OK, writer.WriteNextFrame(sample.Get()));
     }
-    ASSERT_EQ(S_OK, device->ProcessInput(0, sample.Get(), 0));
+    ASSERT_EQ(S_OK, device->ProcessInput(streamId, sample.Get(), 0));
+  }
+  // Whether the frames of `streamId` reach the control: a manual request completes on its frame.
+  // A request left open is completed on `feeder`, a stream known to feed.
+  bool Feeds(DWORD streamId, DWORD feeder) {
+    ArmCompletion();
+    EXPECT_EQ(S_OK, SetExposureMode(kManual, 50000));
+    Feed(true, 5000, streamId);
+    const bool feeds = Completed();
+    if (!feeds) {
+      Feed(true, 5000, feeder);
+      EXPECT_TRUE(Completed()) << "stream " << feeder << " was to feed the control";
+    }
+    return feeds;
   }
 
   user_space_frameworks::UniqueHandle completion;
@@ -159,6 +172,32 @@ TEST_F(DepthExposureTest, WithoutRunningStreamsManualCompletesAtOnce) {
   ASSERT_EQ(S_OK, host->StopStream(0));
   ArmCompletion();
   ASSERT_EQ(S_OK, SetExposureMode(kManual, 60000));
+  EXPECT_TRUE(Completed());
+}
+
+TEST_F(DepthExposureTest, StoppingTheFeedingStreamHandsTheFeedToEveryRunningStreamEachFrameOnce) {
+  ConnectAndInitialize();
+  host->Source().SetFrameGap(1);
+  for (DWORD stream : {0u, 1u, 2u}) ASSERT_EQ(S_OK, Start(stream));
+  // The first stream started feeds alone.
+  EXPECT_TRUE(Feeds(0, 0));
+  EXPECT_FALSE(Feeds(1, 0));
+  EXPECT_FALSE(Feeds(2, 0));
+  // Its stop hands the feed to every stream still running; the later one is remembered.
+  ASSERT_EQ(S_OK, host->StopStream(0));
+  EXPECT_TRUE(Feeds(1, 1));
+  EXPECT_TRUE(Feeds(2, 2));
+  // Stopping the remembered stream walks again and registers stream 1 a second time: its frames still
+  // count once, so a lock takes all three stable frames.
+  ASSERT_EQ(S_OK, host->StopStream(2));
+  EXPECT_TRUE(Feeds(1, 1));
+  ArmCompletion();
+  ASSERT_EQ(S_OK, SetExposureMode(kLock));
+  for (int frame = 1; frame < 3; ++frame) {
+    Feed(true, 5000, 1);
+    EXPECT_FALSE(Completed()) << "frame " << frame;
+  }
+  Feed(true, 5000, 1);
   EXPECT_TRUE(Completed());
 }
 

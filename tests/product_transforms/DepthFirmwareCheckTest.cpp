@@ -78,10 +78,17 @@ TEST_P(DepthFirmwareCheckTest, AsksForAnUpdateOnlyWhenEnabledAndTheVersionsDiffe
     case Image::Same: image.Write(FirmwareImage(4096, kCameraVersion)); break;
     case Image::OneByteDiffers: image.Write(FirmwareImage(kImageVersionOffset + 4, other)); break;
   }
+  auto sink = std::make_shared<user_space_frameworks::CapturingTraceSink>();
+  user_space_frameworks::trace::ScopedSink capture(sink, user_space_frameworks::TraceLevel::Info);
   Connect();
   AnswerDeviceInformation(*filter.Get());
   ASSERT_EQ(S_OK, Initialize());
   EXPECT_EQ(1u, CommandsWith(kDeviceInfoOpcode).size());
+  // One version, one text: the device information and the check print it most significant part first.
+  EXPECT_TRUE(sink->Contains("FunctionalPayloadVersion: 23.1.15.5"));
+  if (check.image == Image::OneByteDiffers && check.expectedCommands == 1) {
+    EXPECT_TRUE(sink->Contains("camera firmware 23.1.15.5, installed image 23.2.15.5"));
+  }
   const auto commands = CommandsWith(kEnterUpdateMode);
   ASSERT_EQ(check.expectedCommands, commands.size());
   if (!commands.empty()) {

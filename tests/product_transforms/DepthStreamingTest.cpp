@@ -97,6 +97,51 @@ TEST_F(DepthStreamingTest, StreamsStartedTogetherAtDifferentSizesCannotBothRun) 
   }
 }
 
+TEST_F(DepthStreamingTest, AStartWaitingForTheFrameServerDoesNotHoldUpAnotherStart) {
+  Connect();
+  // The frame server's event pump can be held inside a delivered sample, so that a start waits.
+  std::atomic<bool> holdPump{false}, pumpHeld{false};
+  user_space_frameworks::Event releasePump(true);
+  host->SetOutputObserver([&](DWORD, IMFSample *) {
+    if (!holdPump) return;
+    pumpHeld = true;
+    WaitForSingleObject(releasePump.Get(), 30000);
+  });
+  ASSERT_EQ(S_OK, Initialize());
+  ASSERT_EQ(S_OK, Start(1, 848, 480, 30));
+  holdPump = true;
+  ASSERT_TRUE(test_support::WaitFor([&] { return pumpHeld.load(); }));
+
+  // Stream 0 starts at the running size and waits for the frame server's answer.
+  ComPtr<IMFMediaType> same = OutputType(0, 848, 480, 30), other = OutputType(2, 640, 480, 30);
+  std::atomic<bool> firstDone{false}, secondDone{false};
+  HRESULT first = E_FAIL, second = E_FAIL;
+  std::thread waiting([&] {
+    first = host->StartStream(0, same.Get());
+    firstDone = true;
+  });
+  ASSERT_TRUE(test_support::WaitFor([&] {
+    DeviceStreamState state = DeviceStreamState_Stop;
+    ComPtr<IMFMediaType> type;
+    return SUCCEEDED(device->GetInputStreamPreferredState(0, &state, type.GetAddressOf())) &&
+           state == DeviceStreamState_Run;
+  }));
+  // Meanwhile a start at another size is refused at once, not after the wait.
+  std::thread refused([&] {
+    second = host->StartStream(2, other.Get());
+    secondDone = true;
+  });
+  EXPECT_TRUE(test_support::WaitFor([&] { return secondDone.load(); }, 5000));
+  EXPECT_FALSE(firstDone.load());
+  holdPump = false;
+  releasePump.Set();
+  waiting.join();
+  refused.join();
+  EXPECT_EQ(E_INVALIDARG, second);
+  EXPECT_EQ(S_OK, first);
+  EXPECT_TRUE(test_support::WaitFor([&] { return FramesOut(0) >= 2; }));
+}
+
 TEST_F(DepthStreamingTest, StandardExposureControlsAreAnsweredWithoutTheDriver) {
   ConnectAndInitialize();
   filter->ClearRequests();

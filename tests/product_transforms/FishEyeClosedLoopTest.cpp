@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "ProductHarness.h"
+#include "SystemStateGuards.h"
 #include "product/transforms/WQ400FishEyeDeviceMft.h"
 
 using namespace test_support;
@@ -129,6 +130,38 @@ TEST_F(ManualStopsTheLoop, AfterConvergenceAManualExposureHoldsAndAutoResumes) {
     const auto latest = Frames();
     return latest.back().mean >= kBandLow && latest.back().mean <= kBandHigh;
   }, 20000));
+}
+
+TEST_F(ManualStopsTheLoop, AutoLockWaitsForTheEngineToSettleThenFreezesTheExposureAndStopsTheEngine) {
+  // A lock delta of 0.1 us over eight frames: only an exposure the engine no longer moves is stable.
+  const wchar_t key[] = L"Software\\Tavix\\Veldara\\WQ4XX\\FEExposure";
+  RegistryValueGuard lockDelta(key, L"AutoLockConvergeDelta");
+  RegistryValueGuard lockFrames(key, L"NumConvergedSamplesForLock");
+  lockDelta.SetDword(1);
+  lockFrames.SetDword(8);
+  Connect<mft_core::WQ400FishEyeDeviceMft>(sim::FisheyeCamera());
+  ASSERT_EQ(S_OK, host->Initialize());
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
+  ASSERT_TRUE(WaitForFrames(2));
+  const LONG darkExposure = DeviceExposureUs();
+
+  user_space_frameworks::UniqueHandle locked(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  ASSERT_EQ(S_OK, ArmExposureEvent(locked.Get()));
+  ASSERT_EQ(S_OK, SetExposureMode(KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_LOCK));
+  ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(locked.Get(), 30000));
+  // The engine drove the exposure up from the dark start while the lock waited.
+  const LONG lockedExposure = DeviceExposureUs();
+  EXPECT_GT(lockedExposure, darkExposure);
+
+  // Frozen: a brighter gain (allowed once locked) no longer moves the exposure.
+  ASSERT_EQ(S_OK, SetGain(DeviceGain() * 2));
+  const size_t from = FrameCount();
+  ASSERT_TRUE(WaitForFrames(from + 60));
+  const auto frames = Frames();
+  for (size_t i = from + 2; i < frames.size(); ++i) {
+    EXPECT_EQ(static_cast<UINT32>(lockedExposure), frames[i].exposureUs) << "frame " << i;
+  }
+  EXPECT_EQ(lockedExposure, DeviceExposureUs());
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "ProductHarness.h"
 #include "SystemStateGuards.h"
+#include "product/controls/WQ400FishEyeExtendedExposureControl.h"
 #include "product/transforms/WQ400FishEyeDeviceMft.h"
 
 using namespace test_support;
@@ -33,6 +34,27 @@ void StreamSomeFrames() {
   ASSERT_EQ(S_OK, harness.Start(0, 640, 480, 60));
   EXPECT_TRUE(harness.WaitForFrames(20));
   EXPECT_EQ(S_OK, harness.host->Shutdown());
+}
+
+TEST(FishEyeExposureSettings, TheTuningDwordsOfTheFisheyeKeyReplaceTheirDefaults) {
+  RegistryValueGuard samples(kKey, L"NumConvergedSamplesForLock");
+  RegistryValueGuard lockDelta(kKey, L"AutoLockConvergeDelta");
+  RegistryValueGuard manualDelta(kKey, L"ManualConvergeDelta");
+  samples.DeleteValue();
+  lockDelta.DeleteValue();
+  manualDelta.DeleteValue();
+  mft_core::FishEyeExposureSettings settings = mft_core::FishEyeExposureSettings::FromRegistry();
+  EXPECT_EQ(3u, settings.numConvergedSamplesForLock);
+  EXPECT_EQ(50000u, settings.autoLockConvergeDelta);
+  EXPECT_EQ(50000u, settings.manualConvergeDelta);
+
+  samples.SetDword(7);
+  lockDelta.SetDword(1234);
+  manualDelta.SetString(L"99");  // not a DWORD: the default holds
+  settings = mft_core::FishEyeExposureSettings::FromRegistry();
+  EXPECT_EQ(7u, settings.numConvergedSamplesForLock);
+  EXPECT_EQ(1234u, settings.autoLockConvergeDelta);
+  EXPECT_EQ(50000u, settings.manualConvergeDelta);
 }
 
 TEST(FishEyeStateLog, IsOffByDefaultAndWrittenWhenTheRegistrySwitchesItOn) {

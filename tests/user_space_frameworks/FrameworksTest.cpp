@@ -10,6 +10,7 @@
 #include "user_space_frameworks/FrameClock.h"
 #include "user_space_frameworks/RollingAverage.h"
 #include "user_space_frameworks/Sync.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace user_space_frameworks {
 namespace {
@@ -54,6 +55,13 @@ struct Probe {
     RETURN_IF_FAILED(Fails());
     return S_OK;
   }
+  HRESULT PassesFailureUp() {
+    WQ_SCOPE_BEGIN(HRESULT);
+    RETURN_IF_FAILED(CallsFailing());
+    return S_OK;
+    WQ_SCOPE_END;
+  }
+  void Marked() { WQ_SCOPE(); }
   HRESULT RefusesNull(int *value) {
     RETURN_IF_NULL(value);
     return S_OK;
@@ -72,10 +80,36 @@ TEST(CheckTest, TracesQualifiedNameExpressionAndCodeOnce) {
   EXPECT_NE(std::string::npos, line.message.find("Fails()"));
   EXPECT_NE(std::string::npos, line.message.find("0x80070005"));
 
+  // The caller that only passes the code up does not repeat the error; a new public call starts afresh.
+  sink->Clear();
+  EXPECT_EQ(E_ACCESSDENIED, probe.PassesFailureUp());
+  EXPECT_EQ(E_ACCESSDENIED, Guarded("HRESULT ns::Entry::Call()", [&] { return probe.PassesFailureUp(); }));
+  ASSERT_EQ(2u, sink->Lines().size());
+  EXPECT_EQ("user_space_frameworks::{anonymous}::Probe::CallsFailing", sink->Lines()[1].function);
+
   sink->Clear();
   EXPECT_EQ(E_POINTER, probe.RefusesNull(nullptr));
   ASSERT_EQ(1u, sink->Lines().size());
   EXPECT_NE(std::string::npos, sink->Lines()[0].message.find("value is nullptr, expected valid pointer"));
+}
+
+TEST(ScopeMarksTest, EntryAndExitWithTheResultUnderTheCompilersQualifiedName) {
+  auto sink = std::make_shared<CapturingTraceSink>();
+  trace::ScopedSink scoped(sink, TraceLevel::Verbose);
+  Probe probe;
+  EXPECT_EQ(E_ACCESSDENIED, probe.PassesFailureUp());
+  probe.Marked();
+  std::vector<std::string> marks;
+  for (const auto &line : sink->Lines()) {
+    if (line.message.rfind("==>", 0) == 0 || line.message.rfind("<==", 0) == 0) {
+      marks.push_back(line.function + " " + line.message);
+    }
+  }
+  EXPECT_EQ((std::vector<std::string>{"user_space_frameworks::{anonymous}::Probe::PassesFailureUp ==>",
+                                      "user_space_frameworks::{anonymous}::Probe::PassesFailureUp <== 0x80070005",
+                                      "user_space_frameworks::{anonymous}::Probe::Marked ==>",
+                                      "user_space_frameworks::{anonymous}::Probe::Marked <=="}),
+            marks);
 }
 
 TEST(CheckTest, DisabledTracingWritesNothing) {
@@ -104,7 +138,7 @@ TEST(CallbackTest, InvokesMemberAndRefusesEmpty) {
   try {
     empty(1);
     FAIL() << "an empty callback must throw";
-  } catch (const std::exception &e) {
+  } catch (const std::invalid_argument &e) {
     EXPECT_STREQ("no callback function or instance", e.what());
   }
 }
