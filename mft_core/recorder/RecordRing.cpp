@@ -4,7 +4,11 @@
 
 namespace mft_core {
 
-RecordRing::RecordRing(size_t capacityBytes) : maxChunks(std::max<size_t>(2, capacityBytes / kChunkBytes)) {}
+RecordRing::RecordRing(size_t capacityBytes) : maxChunks(capacityBytes == 0 ? 0 : std::max<size_t>(2, capacityBytes / kChunkBytes)) {
+  // The whole ring at once: the process's memory does not grow while it fills.
+  spare.resize(maxChunks);
+  for (RecordChunk &chunk : spare) chunk.bytes.reserve(kChunkBytes);
+}
 
 RecordChunk RecordRing::FreshChunk() {
   if (!spare.empty()) {

@@ -1,7 +1,6 @@
 // The flight recorder's memory: whole encoded records, oldest first, in chunks of fixed size. When the
 // ring is full the oldest chunk is forgotten (its records counted as overwritten) and its memory takes
-// the new records, so a steady recording allocates nothing once the ring has filled. Not locked: the
-// events writer guards it.
+// the new records, so a steady recording allocates nothing. Not locked: the events writer guards it.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +19,8 @@ class RecordRing {
  public:
   static constexpr size_t kChunkBytes = 1 << 20;
 
-  // At least two chunks, so that the ring never forgets the records just written.
+  // At least two chunks, so that the ring never forgets the records just written; none for a
+  // capacity of 0 (no flight recorder). The memory is taken at once.
   explicit RecordRing(size_t capacityBytes);
 
   void Append(const uint8_t *record, size_t size);
