@@ -13,8 +13,19 @@ const char *RecordKindName(RecordKind kind) {
     case RecordKind::Dropped: return "dropped";
     case RecordKind::Filter: return "filter";
     case RecordKind::End: return "end";
+    case RecordKind::RingDump: return "ring-dump";
   }
   return "unknown";
+}
+
+const char *DumpTriggerName(DumpTrigger trigger) {
+  switch (trigger) {
+    case DumpTrigger::FailedCall: return "a call failed";
+    case DumpTrigger::FirmwareEvent: return "firmware event";
+    case DumpTrigger::DriverRequest: return "a driver request failed";
+    case DumpTrigger::Requested: return "requested";
+  }
+  return "unknown trigger";
 }
 
 const char *ValueTagName(ValueTag tag) {

@@ -29,6 +29,7 @@ enum class RecordKind : uint16_t {
   Dropped = 7,               // records that were not written
   Filter = 8,                // the driver filter as the transform found it at initialisation
   End = 9,                   // the recording was closed cleanly
+  RingDump = 10,             // first of a flight-recorder dump: why it was written, what the ring lost
 };
 
 enum class ValueTag : uint8_t {
@@ -43,6 +44,15 @@ enum class ValueTag : uint8_t {
   MediaType = 9,   // u32 length, the media type's attribute store, serialised the same way
   Sample = 10,     // u32 length, a sample (see SampleValue)
 };
+
+// What made the flight recorder write its ring out.
+enum class DumpTrigger : uint32_t {
+  FailedCall = 1,      // a guarded call failed with a result that is not part of a normal exchange
+  FirmwareEvent = 2,   // the camera's firmware event or a thermal-state event
+  DriverRequest = 3,   // a request to the driver failed, after the not-ready retries
+  Requested = 4,       // an engineer asked for it (the named event, or a tool)
+};
+const char *DumpTriggerName(DumpTrigger trigger);
 
 // Why records were dropped.
 enum class DropReason : uint32_t { QueueFull = 1, SizeCap = 2 };

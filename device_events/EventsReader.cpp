@@ -1,5 +1,6 @@
 #include "device_events/EventsReader.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -8,13 +9,16 @@ namespace device_events {
 
 namespace {
 
-// A window [begin, end) of the file; `base` is the file offset of `begin`.
+// A window [begin, end) of the file; `base` is the file offset of `begin`. A window that ends where the
+// file ends before its record does (`fileEnd`) reports running out of bytes as a cut, not as damage.
 class Cursor {
  public:
-  Cursor(const uint8_t *begin, size_t length, uint64_t base) : begin(begin), length(length), base(base) {}
+  Cursor(const uint8_t *begin, size_t length, uint64_t base, bool fileEnd = false)
+      : begin(begin), length(length), base(base), fileEnd(fileEnd) {}
 
   uint64_t Offset() const { return base + at; }
   size_t Left() const { return length - at; }
+  bool AtFileEnd() const { return fileEnd; }
 
   bool Fail(ReadError &error, const std::string &message) const {
     error.offset = Offset();
@@ -22,10 +26,15 @@ class Cursor {
     return false;
   }
 
+  bool Short(ReadError &error, const std::string &message) const {
+    error.cut = fileEnd;
+    return Fail(error, message);
+  }
+
   template <typename T>
   bool Scalar(T &value, const char *what, ReadError &error) {
     if (Left() < sizeof(T)) {
-      return Fail(error, std::string(what) + " needs " + std::to_string(sizeof(T)) + " bytes, " +
+      return Short(error, std::string(what) + " needs " + std::to_string(sizeof(T)) + " bytes, " +
                              std::to_string(Left()) + " left");
     }
     std::memcpy(&value, begin + at, sizeof(T));
@@ -35,7 +44,7 @@ class Cursor {
 
   bool Take(size_t count, const uint8_t *&out, const char *what, ReadError &error) {
     if (Left() < count) {
-      return Fail(error, std::string(what) + " of " + std::to_string(count) + " bytes exceeds the " +
+      return Short(error, std::string(what) + " of " + std::to_string(count) + " bytes exceeds the " +
                              std::to_string(Left()) + " bytes left");
     }
     out = begin + at;
@@ -56,6 +65,7 @@ class Cursor {
   const uint8_t *begin;
   size_t length;
   uint64_t base;
+  bool fileEnd;
   size_t at = 0;
 };
 
@@ -203,48 +213,85 @@ bool EventsReader::ReadHeader(FileHeader &header, ReadError &error) {
   return true;
 }
 
+namespace {
+
+// The record's fixed fields and values from `body`, which holds the record after its length field.
+bool ReadBody(Cursor &body, Record &record, ReadError &error) {
+  uint16_t valueCount = 0;
+  if (!body.Scalar(record.kind, "record kind", error) || !body.Scalar(record.time, "record time", error) ||
+      !body.Scalar(record.threadId, "thread id", error) || !body.Scalar(record.result, "result", error) ||
+      !body.Scalar(valueCount, "value count", error)) {
+    return false;
+  }
+  // Each value takes at least one byte, so the count cannot ask for more memory than the record holds.
+  if (valueCount > body.Left() && !body.AtFileEnd()) {
+    error.offset = body.Offset() - 2;
+    error.message = "value count " + std::to_string(valueCount) + " exceeds the record's " +
+                    std::to_string(body.Left()) + " bytes";
+    return false;
+  }
+  record.values.resize(std::min<size_t>(valueCount, body.Left() + 1));
+  for (Value &value : record.values) {
+    if (!ReadValue(body, value, 0, error)) return false;
+  }
+  if (record.values.size() != valueCount) return body.Short(error, "value count " + std::to_string(valueCount));
+  if (body.Left() != 0) {
+    return body.Fail(error, std::to_string(body.Left()) + " bytes after the record's " + std::to_string(valueCount) +
+                                " values");
+  }
+  return true;
+}
+
+}  // namespace
+
 EventsReader::Status EventsReader::Next(Record &record, ReadError &error) {
+  error = ReadError();
   if (!headerRead) {
     error.offset = 0;
     error.message = "records read before the header";
     return Status::Error;
   }
   if (position == size) return Status::End;
-  Cursor cursor(data + position, size - position, position);
+  Cursor cursor(data + position, size - position, position, true);
   record = Record();
   record.offset = position;
   uint32_t length = 0;
-  if (!cursor.Scalar(length, "record length", error)) return Status::Error;
+  auto cut = [&](const std::string &what) {
+    error.cut = true;
+    error.offset = record.offset;
+    error.message = "the recording ends inside the record at offset " + std::to_string(record.offset) + " (" + what +
+                    "): the process writing it ended there";
+    return Status::Cut;
+  };
+  if (cursor.Left() < sizeof(length)) {
+    return cut(std::to_string(cursor.Left()) + " of its 4 length bytes present");
+  }
+  cursor.Scalar(length, "record length", error);
   if (length < kRecordPrefixSize || length > kMaxRecordLength) {
     error.offset = record.offset;
     error.message = "record length " + std::to_string(length) + " is outside " +
                     std::to_string(kRecordPrefixSize) + ".." + std::to_string(kMaxRecordLength);
     return Status::Error;
   }
+  if (length > cursor.Left()) {
+    // A cut only when what is there reads as the start of a record; anything else is damage.
+    const size_t present = cursor.Left();
+    Cursor body(data + position + 4, present, position + 4, true);
+    Record partial;
+    if (ReadBody(body, partial, error) || !error.cut) {
+      if (error.message.empty()) {
+        error.offset = record.offset + 4;
+        error.message = "record of " + std::to_string(length) + " bytes exceeds the " + std::to_string(present) +
+                        " bytes left";
+      }
+      error.cut = false;
+      return Status::Error;
+    }
+    return cut(std::to_string(present) + " of its " + std::to_string(length) + " bytes present");
+  }
   Cursor body(nullptr, 0, 0);
-  if (!cursor.Sub(length, body, "record", error)) return Status::Error;
-  uint16_t valueCount = 0;
-  if (!body.Scalar(record.kind, "record kind", error) || !body.Scalar(record.time, "record time", error) ||
-      !body.Scalar(record.threadId, "thread id", error) || !body.Scalar(record.result, "result", error) ||
-      !body.Scalar(valueCount, "value count", error)) {
-    return Status::Error;
-  }
-  // Each value takes at least one byte, so the count cannot ask for more memory than the record holds.
-  if (valueCount > body.Left()) {
-    error.offset = body.Offset() - 2;
-    error.message = "value count " + std::to_string(valueCount) + " exceeds the record's " +
-                    std::to_string(body.Left()) + " bytes";
-    return Status::Error;
-  }
-  record.values.resize(valueCount);
-  for (Value &value : record.values) {
-    if (!ReadValue(body, value, 0, error)) return Status::Error;
-  }
-  if (body.Left() != 0) {
-    body.Fail(error, std::to_string(body.Left()) + " bytes after the record's " + std::to_string(valueCount) +
-                         " values");
-    return Status::Error;
-  }
+  cursor.Sub(length, body, "record", error);
+  if (!ReadBody(body, record, error)) return Status::Error;
   position = static_cast<size_t>(cursor.Offset());
   return Status::Record;
 }

@@ -16,6 +16,8 @@ namespace device_events {
 struct ReadError {
   uint64_t offset = 0;
   std::string message;
+  // The file ends inside a record that reads well as far as it goes: its writer ended there (Status::Cut).
+  bool cut = false;
   // "offset 1234: record length 70000000 exceeds the 812 bytes left"
   std::string Text() const;
 };
@@ -62,7 +64,8 @@ struct Record {
 
 class EventsReader {
  public:
-  enum class Status { Record, End, Error };
+  // Cut: the file ends inside its last record, which is not returned; the records before it are whole.
+  enum class Status { Record, End, Error, Cut };
 
   // The bytes are borrowed: they must outlive the reader.
   EventsReader(const uint8_t *data, size_t size) : data(data), size(size) {}

@@ -31,7 +31,7 @@ const struct {
                   {"app-ks", RecordKind::ApplicationKsRequest}, {"driver-ks", RecordKind::DriverKsRequest},
                   {"driver-event", RecordKind::DriverEvent}, {"media-event", RecordKind::MediaEvent},
                   {"dropped", RecordKind::Dropped},          {"filter", RecordKind::Filter},
-                  {"end", RecordKind::End}};
+                  {"end", RecordKind::End},                  {"ring-dump", RecordKind::RingDump}};
 
 std::string Hex32(uint32_t value) {
   char text[16];
@@ -322,7 +322,7 @@ bool ParseKinds(const std::string &list, std::set<uint16_t> &kinds, std::string 
     }
     if (!found) {
       error = "unknown record kind \"" + item + "\" (kinds: call, return, app-ks, driver-ks, driver-event, "
-              "media-event, dropped, filter, end)";
+              "media-event, dropped, filter, end, ring-dump)";
       return false;
     }
   }
@@ -404,6 +404,16 @@ std::string FormatRecord(const Record &record, const Names &names, const Timelin
     case RecordKind::End:
       line << "recording closed: " << values(0);
       break;
+    case RecordKind::RingDump: {
+      bool ok = false;
+      const uint32_t trigger = U32Of(record, 1, ok);
+      line << "flight recorder dump (" << (ok ? DumpTriggerName(static_cast<DumpTrigger>(trigger)) : "?");
+      if (record.values.size() > 2 && record.values[2].tag == ValueTag::String) line << ": " << record.values[2].bytes;
+      line << "); " << (record.values.empty() ? std::string("?") : FormatValue(record.values[0], names, false))
+           << " older records overwritten";
+      if (record.values.size() > 3) line << ", " << FormatValue(record.values[3], names, false) << " triggers";
+      break;
+    }
     default:
       line << "record of unknown kind " << record.kind << " with " << record.values.size() << " values";
       break;

@@ -2,6 +2,7 @@
 # The device events recording's tools, built for Windows and run under Wine:
 #   scripts/events.sh dump <events.bin> [--kind ...] [--stream N] [--verbose]
 #   scripts/events.sh replay <events.bin> [--dll <path>] [--class {CLSID}]
+#   scripts/events.sh trigger            (every flight recorder writes a file of its records)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -9,9 +10,9 @@ source scripts/env.sh
 tool=${1:-}
 [ $# -gt 0 ] && shift
 case "$tool" in
-  dump|replay) ;;
+  dump|replay|trigger) ;;
   *)
-    echo "usage: scripts/events.sh dump|replay <events.bin> [options]" >&2
+    echo "usage: scripts/events.sh dump|replay <events.bin> [options] | trigger" >&2
     exit 2
     ;;
 esac

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Soak of the built DLL: six streams at 90 fps (the depth camera's depth and two infrared streams, two
-# color cameras and the fisheye camera) in one process for the given seconds (default 60). Prints the
-# frames per stream, lost frames, private memory after warm-up and at the end, handles and CPU time per
-# frame; exits 0 only when no frame was lost and memory and handles stayed flat.
+# color cameras and the fisheye camera) in one process for the given seconds (default 60), once per
+# recording mode (SOAK_MODES, default off,flight,full). Prints the frames per stream, lost frames, the
+# latency the transform adds beside the bare platform path's, private memory after warm-up and at the
+# end, handles and CPU per mode; exits 0 only when no frame was lost, memory and handles stayed flat and
+# the flight recorder wrote one readable file for the firmware error raised halfway.
 #   scripts/soak.sh [seconds]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,4 +14,4 @@ source scripts/env.sh
 mkdir -p build
 build_windows WQ400DeviceMft soak > build/soak-build.log 2>&1 || { cat build/soak-build.log; exit 1; }
 start_wine || true  # a server left running by an earlier run is reused
-/usr/lib/wine/wine64 "$build_win/tools/soak.exe" --seconds "$seconds" </dev/null
+/usr/lib/wine/wine64 "$build_win/tools/soak.exe" --seconds "$seconds" --modes "${SOAK_MODES:-off,flight,full}" </dev/null

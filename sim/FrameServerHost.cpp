@@ -18,13 +18,68 @@ const GUID kHostWakeUp = {0x6D1A4E55, 0x1F0B, 0x4C55, {0x9A, 0x51, 0x3C, 0x2E, 0
 FrameServerHost::FrameServerHost(ComPtr<IMFDeviceTransform> transform, ComPtr<SimulatedCameraFilter> camera)
     : transform(std::move(transform)),
       camera(camera),
-      source(camera, [this](DWORD streamId, IMFSample *sample) {
-        return this->transform->ProcessInput(streamId, sample, 0);
-      }) {
+      source(camera, [this](DWORD streamId, IMFSample *sample) { return Deliver(streamId, sample); }) {
   if (this->camera->Config().writesMetadata) source.SetMetadataHook(MakeCameraMetadataHook(this->camera->Config().metadataKind));
 }
 
 FrameServerHost::~FrameServerHost() { Shutdown(); }
+
+int64_t FrameServerHost::Microseconds() {
+  static const int64_t frequency = [] {
+    LARGE_INTEGER f;
+    QueryPerformanceFrequency(&f);
+    return static_cast<int64_t>(f.QuadPart);
+  }();
+  LARGE_INTEGER now;
+  QueryPerformanceCounter(&now);
+  return now.QuadPart / frequency * 1000000 + now.QuadPart % frequency * 1000000 / frequency;
+}
+
+HRESULT FrameServerHost::Deliver(DWORD streamId, IMFSample *sample) {
+  {
+    // Noted before the call: the sample may be handed out before ProcessInput returns.
+    std::lock_guard<std::mutex> lock(latencyMutex);
+    if (measuring) {
+      const int64_t now = Microseconds();
+      entriesForEvents.push_back(now);
+      entriesByInput[streamId].push_back(now);
+    }
+  }
+  const HRESULT hr = transform->ProcessInput(streamId, sample, 0);
+  if (FAILED(hr)) {
+    std::lock_guard<std::mutex> lock(latencyMutex);
+    // A refused frame is not waited for (the soak counts any refusal as a failure anyway).
+    if (measuring && !entriesByInput[streamId].empty()) {
+      entriesByInput[streamId].pop_back();
+      if (!entriesForEvents.empty()) entriesForEvents.pop_back();
+    }
+  }
+  return hr;
+}
+
+void FrameServerHost::MeasureLatency() {
+  std::lock_guard<std::mutex> lock(latencyMutex);
+  measuring = true;
+  entriesForEvents.clear();
+  entriesByInput.clear();
+  toEvent.Clear();
+  // Every histogram now, so that measuring allocates nothing later.
+  std::lock_guard<std::mutex> outputsLock(mutex);
+  for (const auto &output : outputs) {
+    toOutput[output.first].Clear();
+    entriesByInput[output.second.inputStreamId];
+  }
+}
+
+LatencyHistogram FrameServerHost::LatencyToEvent() {
+  std::lock_guard<std::mutex> lock(latencyMutex);
+  return toEvent;
+}
+
+LatencyHistogram FrameServerHost::LatencyToOutput(DWORD outputStreamId) {
+  std::lock_guard<std::mutex> lock(latencyMutex);
+  return toOutput[outputStreamId];
+}
 
 HRESULT FrameServerHost::Initialize() {
   HRESULT hr = transform.As(&events);
@@ -160,6 +215,13 @@ void FrameServerHost::Pump() {
         NoteError(idResult);
       }
     } else if (type == METransformHaveOutput) {
+      {
+        std::lock_guard<std::mutex> lock(latencyMutex);
+        if (measuring && !entriesForEvents.empty()) {
+          toEvent.Add(Microseconds() - entriesForEvents.front());
+          entriesForEvents.pop_front();
+        }
+      }
       PullOutput();
     }
   }
@@ -208,6 +270,20 @@ void FrameServerHost::PullOutput() {
   DWORD status = 0;
   const HRESULT hr = transform->ProcessOutput(0, static_cast<DWORD>(buffers.size()), buffers.data(), &status);
   if (FAILED(hr) && hr != MF_E_TRANSFORM_NEED_MORE_INPUT) NoteError(hr);
+  {
+    std::lock_guard<std::mutex> lock(latencyMutex);
+    if (measuring) {
+      const int64_t handedOut = Microseconds();
+      std::lock_guard<std::mutex> outputsLock(mutex);
+      for (const auto &buffer : buffers) {
+        if (buffer.pSample == nullptr) continue;
+        auto &entries = entriesByInput[outputs[buffer.dwStreamID].inputStreamId];
+        if (entries.empty()) continue;
+        toOutput[buffer.dwStreamID].Add(handedOut - entries.front());
+        entries.pop_front();
+      }
+    }
+  }
   const LONGLONG now = MFGetSystemTime();
   std::lock_guard<std::mutex> lock(mutex);
   for (auto &buffer : buffers) {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -14,6 +15,7 @@
 
 #include "platform/WindowsSdk.h"
 #include "sim/FrameSource.h"
+#include "sim/LatencyHistogram.h"
 #include "sim/SimulatedCameraFilter.h"
 
 namespace sim {
@@ -62,6 +64,16 @@ class FrameServerHost {
   void SetOutputObserver(std::function<void(DWORD outputStreamId, IMFSample *sample)> observer);
   uint64_t EventCount(MediaEventType type);
 
+  // What the transform adds to a frame, from ProcessInput's entry: to the frame server's receipt of
+  // METransformHaveOutput (events carry no stream, so per transform: the k-th event stands for the k-th
+  // frame in) and to the sample handed out by ProcessOutput (per output stream). Counted from the
+  // call on; the figures since then.
+  void MeasureLatency();
+  LatencyHistogram LatencyToEvent();
+  LatencyHistogram LatencyToOutput(DWORD outputStreamId);
+  // The performance counter in microseconds.
+  static int64_t Microseconds();
+
  private:
   struct OutputState {
     DWORD inputStreamId = 0;
@@ -74,6 +86,7 @@ class FrameServerHost {
     LONGLONG lastDelivery = 0;
   };
 
+  HRESULT Deliver(DWORD streamId, IMFSample *sample);
   void Pump();
   void AnswerStateChange(DWORD inputStreamId);
   void PullOutput();
@@ -94,6 +107,14 @@ class FrameServerHost {
   std::map<MediaEventType, uint64_t> eventCounts;
   std::atomic<uint64_t> stateChangeRequests{0};
   std::atomic<HRESULT> lastPumpError{S_OK};
+
+  // Latency, under `latencyMutex`: entry times of frames inside the transform.
+  std::mutex latencyMutex;
+  bool measuring = false;
+  std::deque<int64_t> entriesForEvents;
+  std::map<DWORD, std::deque<int64_t>> entriesByInput;
+  LatencyHistogram toEvent;
+  std::map<DWORD, LatencyHistogram> toOutput;
 };
 
 }  // namespace sim

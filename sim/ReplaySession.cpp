@@ -398,6 +398,33 @@ std::string CompareValues(const Value &recorded, const Value &now) {
   return "values of an unknown kind";
 }
 
+// Where the replay of a recording that was not closed ends. Its last calls were in flight: their returns
+// and what they caused are missing, and so are the returns of calls that were still running beside
+// them. The replay ends before the entry of the first call that had not returned by that point.
+size_t ReplayableEnd(const std::vector<Record> &records) {
+  constexpr size_t kNone = ~size_t{0};
+  std::vector<size_t> exitOf(records.size(), kNone);
+  std::map<uint32_t, std::vector<size_t>> open;
+  for (size_t i = 0; i < records.size(); ++i) {
+    const Record &r = records[i];
+    if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(i);
+    if (r.Kind() == RecordKind::CallExit && !open[r.threadId].empty()) {
+      exitOf[open[r.threadId].back()] = i;
+      open[r.threadId].pop_back();
+    }
+  }
+  // The largest end before which every call entered has returned: the calls entered before each
+  // position return by `latest[position]` at the latest.
+  std::vector<size_t> latest(records.size() + 1, 0);
+  for (size_t i = 0; i < records.size(); ++i) {
+    const size_t returns = records[i].Kind() == RecordKind::CallEntry ? exitOf[i] : 0;
+    latest[i + 1] = std::max(latest[i], returns);
+  }
+  size_t end = records.size();
+  while (end > 0 && latest[end] >= end) --end;
+  return end;
+}
+
 }  // namespace
 
 std::string ReplayReport::Summary() const {
@@ -405,6 +432,7 @@ std::string ReplayReport::Summary() const {
   text << (matched ? "MATCH" : "DIVERGED") << ": " << records << " records replayed; " << calls << " calls, "
        << applicationRequests << " application KS requests, " << driverRequests << " driver requests answered, "
        << driverEvents << " driver events, " << mediaEvents << " media events compared";
+  if (!ending.empty()) text << "\n" << ending;
   return text.str();
 }
 
@@ -430,14 +458,29 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
   }
   std::vector<Record> records;
   Record record;
+  std::string cut;
   for (;;) {
     const auto status = reader.Next(record, error);
     if (status == device_events::EventsReader::Status::End) break;
+    if (status == device_events::EventsReader::Status::Cut) {
+      cut = error.message;
+      break;
+    }
     if (status == device_events::EventsReader::Status::Error) {
       report.divergence = "the recording is damaged: " + error.Text();
       return report;
     }
     records.push_back(record);
+  }
+  if (records.empty() || records.back().Kind() != RecordKind::End) {
+    if (cut.empty()) cut = "the recording ends between two records without its closing record";
+    const size_t end = ReplayableEnd(records);
+    report.ending = cut + "; replayed up to " +
+                    (end == records.size() ? std::string("its last whole record")
+                                           : "the entry of the first call still in flight then (offset " +
+                                                 std::to_string(records[end].offset) + "), " +
+                                                 std::to_string(records.size() - end) + " records left out");
+    records.resize(end);
   }
   const Record *filterRecord = nullptr;
   std::vector<Record> driverRequests;

@@ -38,6 +38,9 @@ struct ReplayReport {
   uint16_t divergenceKind = 0;
   std::string divergenceCall;
   std::vector<std::string> context;  // the recorded records before it, as timeline lines
+  // A recording that was not closed (its writer died, or a flight-recorder dump): how it ends and where
+  // its replay stopped.
+  std::string ending;
   std::string Summary() const;
 };
 

@@ -1,8 +1,9 @@
 // Prints a device events recording as a timeline.
-//   events_dump <events.bin> [--kind call,return,app-ks,driver-ks,driver-event,media-event,dropped,filter,end]
+//   events_dump <events.bin> [--kind call,return,app-ks,driver-ks,driver-event,media-event,dropped,filter,end,ring-dump]
 //               [--stream N[,N...]] [--verbose]
-// Exit code: 0 when the whole file was read, 1 when it is damaged (the records before the damage are
-// printed, then the offset and what is wrong), 2 for bad options.
+// Exit code: 0 when the whole file was read, also when its writer died inside the last record (the
+// records before it are printed, then where and how it was cut); 1 when it is damaged (the records
+// before the damage are printed, then the offset and what is wrong); 2 for bad options.
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -16,7 +17,7 @@ namespace {
 
 int Usage() {
   std::cerr << "usage: events_dump <events.bin> [--kind KIND[,KIND...]] [--stream N[,N...]] [--verbose]\n"
-               "  kinds: call, return, app-ks, driver-ks, driver-event, media-event, dropped, filter, end\n";
+               "  kinds: call, return, app-ks, driver-ks, driver-event, media-event, dropped, filter, end, ring-dump\n";
   return 2;
 }
 
@@ -70,19 +71,30 @@ int main(int argc, char **argv) {
   std::cout << "     seconds  thread  kind         what\n";
   Record record;
   size_t shown = 0, total = 0;
+  bool closed = false;
   for (;;) {
     const EventsReader::Status status = reader.Next(record, error);
     if (status == EventsReader::Status::End) break;
+    if (status == EventsReader::Status::Cut) {
+      std::cout << shown << " of " << total << " records shown\n";
+      std::cout << "Cut: after " << total << " whole records, " << error.message << "\n";
+      return 0;
+    }
     if (status == EventsReader::Status::Error) {
       std::cout.flush();
       std::cerr << path << ": damaged after " << total << " records: " << error.Text() << "\n";
       return 1;
     }
     ++total;
+    closed = record.Kind() == RecordKind::End;
     if (!filter.Matches(record)) continue;
     ++shown;
     std::cout << FormatRecord(record, *names, options) << "\n";
   }
   std::cout << shown << " of " << total << " records shown\n";
+  if (!closed) {
+    std::cout << "Cut: after " << total << " whole records at offset " << reader.Position()
+              << ", between two records, without the closing record: the process writing it ended there\n";
+  }
   return 0;
 }

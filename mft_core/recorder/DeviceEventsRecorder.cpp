@@ -4,6 +4,7 @@
 #include <map>
 #include <mutex>
 
+#include "mft_core/ks/KsControlsProxy.h"
 #include "mft_core/recorder/MfValues.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
@@ -154,7 +155,14 @@ DeviceEventsRecorderSettings DeviceEventsRecorderSettings::FromRegistry() {
   settings.path = kDefaultFile;
   HKEY key = nullptr;
   if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kRegistryKey, 0, KEY_READ, &key) != ERROR_SUCCESS) return settings;
-  settings.enabled = RegistryDword(key, kEnabledValue, 0) != 0;
+  const DWORD mode = RegistryDword(key, kEnabledValue, 0);
+  settings.enabled = mode != 0;
+  settings.flightRecorder = mode == kFlightRecorderMode;
+  if (settings.flightRecorder) {
+    const DWORD ring = RegistryDword(key, kRingMegabytesValue, 32);
+    settings.writer.ringBytes = static_cast<size_t>(ring == 0 ? 32 : ring) << 20;
+    settings.writer.maxDumps = std::max<DWORD>(1, RegistryDword(key, kDumpFilesValue, 8));
+  }
   settings.pixelData = RegistryDword(key, kPixelDataValue, 0) != 0;
   const DWORD megabytes = RegistryDword(key, kMaxMegabytesValue, 256);
   settings.writer.maxFileBytes = static_cast<uint64_t>(megabytes == 0 ? 256 : megabytes) << 20;
@@ -171,7 +179,8 @@ HRESULT DeviceEventsRecorderSettings::StoreInRegistry() const {
   HKEY key = nullptr;
   LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kRegistryKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &key, nullptr);
   RETURN_IF_FAILED(HRESULT_FROM_WIN32(status));
-  const DWORD on = enabled ? 1 : 0, pixels = pixelData ? 1 : 0;
+  const DWORD on = !enabled ? 0 : flightRecorder ? kFlightRecorderMode : 1, pixels = pixelData ? 1 : 0;
+  const DWORD ringMegabytes = static_cast<DWORD>(writer.ringBytes >> 20), dumpFiles = writer.maxDumps;
   const DWORD megabytes = static_cast<DWORD>(writer.maxFileBytes >> 20);
   status = RegSetValueExW(key, kEnabledValue, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&on), sizeof(on));
   if (status == ERROR_SUCCESS) {
@@ -180,6 +189,14 @@ HRESULT DeviceEventsRecorderSettings::StoreInRegistry() const {
   if (status == ERROR_SUCCESS) {
     status = RegSetValueExW(key, kMaxMegabytesValue, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&megabytes),
                             sizeof(megabytes));
+  }
+  if (status == ERROR_SUCCESS && flightRecorder) {
+    status = RegSetValueExW(key, kRingMegabytesValue, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&ringMegabytes),
+                            sizeof(ringMegabytes));
+  }
+  if (status == ERROR_SUCCESS && flightRecorder) {
+    status = RegSetValueExW(key, kDumpFilesValue, 0, REG_DWORD, reinterpret_cast<const BYTE *>(&dumpFiles),
+                            sizeof(dumpFiles));
   }
   if (status == ERROR_SUCCESS && !path.empty()) {
     status = RegSetValueExW(key, kFileValue, 0, REG_SZ, reinterpret_cast<const BYTE *>(path.c_str()),
@@ -193,7 +210,8 @@ HRESULT DeviceEventsRecorderSettings::StoreInRegistry() const {
 void DeviceEventsRecorderSettings::RemoveFromRegistry() {
   HKEY key = nullptr;
   if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kRegistryKey, 0, KEY_SET_VALUE, &key) != ERROR_SUCCESS) return;
-  for (const wchar_t *value : {kEnabledValue, kPixelDataValue, kMaxMegabytesValue, kFileValue}) {
+  for (const wchar_t *value :
+       {kEnabledValue, kPixelDataValue, kMaxMegabytesValue, kFileValue, kRingMegabytesValue, kDumpFilesValue}) {
     RegDeleteValueW(key, value);
   }
   RegCloseKey(key);
@@ -239,7 +257,12 @@ HRESULT DeviceEventsRecorder::Create(const DeviceEventsRecorderSettings &setting
   }
   RETURN_IF_FAILED(hr);
   const_cast<std::wstring &>(created->path) = path;
-  WQ_TRACE(Info, "recording device events of " << name << " to " << Utf8(path.c_str()));
+  if (settings.flightRecorder) {
+    WQ_TRACE(Info, "flight recorder of " << name << " keeps " << (settings.writer.ringBytes >> 20)
+                                         << " MiB of device events for " << Utf8(path.c_str()));
+  } else {
+    WQ_TRACE(Info, "recording device events of " << name << " to " << Utf8(path.c_str()));
+  }
   recorder = std::move(created);
   return S_OK;
 }
@@ -302,6 +325,10 @@ void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, co
   RecordEncoder record = BeginCall(buffer, RecordKind::CallExit, result, function, name);
   for (size_t i = 0; i < count; ++i) EncodeOutput(record, arguments[i], result, pixelData);
   Finish(record);
+  if (FAILED(result) && !user_space_frameworks::IsNormalExchangeResult(result)) {
+    writer->Trigger(device_events::DumpTrigger::FailedCall,
+                    std::string(name) + " " + user_space_frameworks::trace::HrText(result));
+  }
 }
 
 void DeviceEventsRecorder::RecordDriverEvent(REFGUID eventSet, ULONG eventId) {
@@ -311,6 +338,8 @@ void DeviceEventsRecorder::RecordDriverEvent(REFGUID eventSet, ULONG eventId) {
   record.GuidValue(ToRecorded(eventSet));
   record.U32(eventId);
   Finish(record);
+  // The only driver event the transform listens to is the camera's firmware event.
+  writer->Trigger(device_events::DumpTrigger::FirmwareEvent, "the camera signalled its firmware event");
 }
 
 void DeviceEventsRecorder::RecordMediaEvent(IMFMediaEvent *event) {
@@ -341,6 +370,9 @@ void DeviceEventsRecorder::RecordMediaEvent(IMFMediaEvent *event) {
   }
   EncodeAttributes(record, event, ValueTag::Attributes);
   Finish(record);
+  if (type == MEDeviceThermalStateChanged) {
+    writer->Trigger(device_events::DumpTrigger::FirmwareEvent, "the camera's thermal state changed");
+  }
 }
 
 void DeviceEventsRecorder::RecordMediaEvent(MediaEventType type, REFGUID extendedType, HRESULT status,
@@ -354,6 +386,9 @@ void DeviceEventsRecorder::RecordMediaEvent(MediaEventType type, REFGUID extende
   record.Null();
   record.Null();
   Finish(record);
+  if (type == MEDeviceThermalStateChanged) {
+    writer->Trigger(device_events::DumpTrigger::FirmwareEvent, "the camera's thermal state changed");
+  }
 }
 
 void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, const std::vector<uint8_t> *identifier,
@@ -388,6 +423,28 @@ void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, 
     record.U32(*bytesReturned);
   }
   Finish(record);
+  if (kind != RecordKind::DriverKsRequest || !writer->IsFlightRecorder()) return;
+  constexpr HRESULT kNotReady = HRESULT_FROM_WIN32(ERROR_NOT_READY);
+  if (result == kNotReady || notReadyThreads.load(std::memory_order_relaxed) != 0) CountNotReady(result == kNotReady);
+  if (FAILED(result) && result != kNotReady && !user_space_frameworks::IsNormalExchangeResult(result)) {
+    writer->Trigger(device_events::DumpTrigger::DriverRequest,
+                    "the driver answered " + user_space_frameworks::trace::HrText(result));
+  }
+}
+
+void DeviceEventsRecorder::CountNotReady(bool notReady) {
+  std::lock_guard<std::mutex> lock(notReadyMutex);
+  const DWORD thread = GetCurrentThreadId();
+  if (!notReady) {
+    if (notReadyInARow.erase(thread) != 0) notReadyThreads.fetch_sub(1, std::memory_order_relaxed);
+    return;
+  }
+  auto inserted = notReadyInARow.emplace(thread, 0);
+  if (inserted.second) notReadyThreads.fetch_add(1, std::memory_order_relaxed);
+  if (++inserted.first->second < KsControlsProxy::kNotReadyAttempts) return;
+  notReadyInARow.erase(inserted.first);
+  notReadyThreads.fetch_sub(1, std::memory_order_relaxed);
+  writer->Trigger(device_events::DumpTrigger::DriverRequest, "the driver stayed not ready through every retry");
 }
 
 void DeviceEventsRecorder::RecordFilter(IMFAttributes *filterAttributes) {

@@ -4,7 +4,10 @@
 // the transform is created.
 #pragma once
 
+#include <atomic>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,12 +20,16 @@ namespace mft_core {
 
 struct DeviceEventsRecorderSettings {
   bool enabled = false;
+  bool flightRecorder = false;  // records kept in a ring in memory, written out on a trigger
   bool pixelData = false;  // samples with their pixels
   std::wstring path;       // the recording file
   EventsFileWriterOptions writer;
 
   static constexpr const wchar_t *kRegistryKey = L"Software\\Tavix\\Veldara\\WQ4XX";
-  static constexpr const wchar_t *kEnabledValue = L"DeviceEventsRecording";        // DWORD, non-zero: on
+  static constexpr const wchar_t *kEnabledValue = L"DeviceEventsRecording";  // DWORD, 1: everything, 2: ring
+  static constexpr DWORD kFlightRecorderMode = 2;
+  static constexpr const wchar_t *kRingMegabytesValue = L"DeviceEventsRingMegabytes";  // DWORD, default 32
+  static constexpr const wchar_t *kDumpFilesValue = L"DeviceEventsDumpFiles";          // DWORD, default 8
   static constexpr const wchar_t *kPixelDataValue = L"DeviceEventsPixelData";      // DWORD, non-zero: pixels too
   static constexpr const wchar_t *kMaxMegabytesValue = L"DeviceEventsMaxMegabytes";  // DWORD, default 256
   static constexpr const wchar_t *kFileValue = L"DeviceEventsFile";                // string, default below
@@ -64,6 +71,10 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
                        const std::vector<uint8_t> *dataIn, const void *data, ULONG dataLength,
                        const ULONG *bytesReturned, HRESULT result);
 
+  // Flight recorder: asks for the ring to be written out (what an engineer's tool does through the
+  // named event); nothing when recording everything.
+  void Trigger(device_events::DumpTrigger why, const std::string &what) { writer->Trigger(why, what); }
+
  private:
   DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path);
   // The driver filter as the transform finds it: its streams, their attributes and types, its nodes.
@@ -75,7 +86,14 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   device_events::RecordEncoder BeginCall(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result,
                                          const char *function, std::string_view &name);
 
+  // A driver request the driver keeps refusing as not ready fails only after the proxy's last retry:
+  // the not-ready answers in a row, per requesting thread.
+  void CountNotReady(bool notReady);
+
   const bool pixelData;
+  std::atomic<int> notReadyThreads{0};
+  std::mutex notReadyMutex;
+  std::map<DWORD, int> notReadyInARow;
   const std::wstring path;
   RecordClock clock;
   std::unique_ptr<EventsFileWriter> writer;

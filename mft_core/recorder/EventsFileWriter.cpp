@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "device_events/EventsEncoder.h"
+#include "mft_core/recorder/MfValues.h"
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Trace.h"
 
@@ -42,6 +43,11 @@ uint64_t RecordClock::Now() const {
 HRESULT EventsFileWriter::Open(const std::wstring &path, const std::vector<uint8_t> &header,
                                const EventsFileWriterOptions &options, const RecordClock &clock,
                                std::unique_ptr<EventsFileWriter> &writer) {
+  // A flight recorder writes nothing until a trigger.
+  if (options.ringBytes != 0) {
+    writer.reset(new EventsFileWriter(INVALID_HANDLE_VALUE, path, header, options, clock));
+    return S_OK;
+  }
   // Readers may look at the file while it grows; a second writer may not.
   user_space_frameworks::UniqueHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
                                                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -57,14 +63,19 @@ HRESULT EventsFileWriter::Open(const std::wstring &path, const std::vector<uint8
     WQ_TRACE(Error, "cannot write the events recording's header: " << user_space_frameworks::trace::HrText(hr));
     return hr;
   }
-  writer.reset(new EventsFileWriter(file.Release(), header.size(), options, clock));
+  writer.reset(new EventsFileWriter(file.Release(), path, header, options, clock));
   return S_OK;
 }
 
-EventsFileWriter::EventsFileWriter(HANDLE file, uint64_t headerBytes, const EventsFileWriterOptions &options,
-                                   const RecordClock &clock)
-    : file(file), options(options), clock(clock), fileBytes(headerBytes) {
-  writer = std::thread([this] { Run(); });
+EventsFileWriter::EventsFileWriter(HANDLE file, std::wstring path, std::vector<uint8_t> header,
+                                   const EventsFileWriterOptions &options, const RecordClock &clock)
+    : file(file), path(std::move(path)), header(std::move(header)), options(options), clock(clock),
+      ring(options.ringBytes), fileBytes(this->header.size()) {
+  if (IsFlightRecorder() && options.requestEventName != nullptr) {
+    // Manual reset: one setting reaches every flight recorder, each of which acts on its rising edge.
+    requestEvent.Reset(CreateEventW(nullptr, TRUE, FALSE, options.requestEventName));
+  }
+  writer = std::thread([this] { IsFlightRecorder() ? RunFlightRecorder() : Run(); });
 }
 
 EventsFileWriter::~EventsFileWriter() { Close(); }
@@ -97,6 +108,14 @@ void EventsFileWriter::EncodeDropped(std::vector<uint8_t> &out, uint64_t count, 
 void EventsFileWriter::Push(std::vector<uint8_t> &&record) {
   user_space_frameworks::AutoLock lock(section);
   if (stopping || !open.load(std::memory_order_relaxed)) return;
+  if (IsFlightRecorder()) {
+    ring.Append(record.data(), record.size());
+    if (spareBuffers.size() < 2 * WakeRecords() && record.capacity() <= kLargestSpare) {
+      record.clear();
+      spareBuffers.push_back(std::move(record));
+    }
+    return;
+  }
   // The drop record goes where the records went missing, ahead of the next one that fits.
   const size_t needed = queueDrops != 0 ? 2 : 1;
   if (queue.size() + needed > options.queueRecords) {
@@ -216,6 +235,161 @@ void EventsFileWriter::Write(std::deque<std::vector<uint8_t>> &batch, bool final
     writeBuffer.insert(writeBuffer.end(), closing.begin(), closing.end());
   }
   flush();
+}
+
+void EventsFileWriter::Trigger(device_events::DumpTrigger why, const std::string &what) {
+  if (!IsFlightRecorder()) return;
+  user_space_frameworks::AutoLock lock(section);
+  if (stopping) return;
+  const ULONGLONG now = GetTickCount64();
+  const bool quiet = !anyTrigger || now - lastTrigger >= options.triggerQuietMs;
+  anyTrigger = true;
+  lastTrigger = now;
+  if (dumpPending || !quiet) {
+    // A storm: one file, counting what joined it.
+    if (dumpPending) ++pendingTriggers;
+    return;
+  }
+  dumpPending = true;
+  dumpDue = now + options.dumpDelayMs;
+  pendingWhy = why;
+  pendingWhat = what;
+  pendingTriggers = 1;
+  if (writerWaiting) wake.WakeOne();
+}
+
+std::wstring EventsFileWriter::DumpPath(const std::wstring &path, unsigned number) {
+  wchar_t suffix[32];
+  swprintf(suffix, 32, L".flight-%04u", number);
+  const size_t slash = path.find_last_of(L"\\/");
+  const size_t dot = path.find_last_of(L'.');
+  if (dot == std::wstring::npos || (slash != std::wstring::npos && dot < slash)) return path + suffix;
+  return path.substr(0, dot) + suffix + path.substr(dot);
+}
+
+void EventsFileWriter::PollRequestEvent() {
+  if (!requestEvent.IsValid()) return;
+  const bool set = WaitForSingleObject(requestEvent.Get(), 0) == WAIT_OBJECT_0;
+  if (set && !requestSeen) {
+    WQ_TRACE(Info, "flight recorder: an engineer asked for its records");
+    Trigger(device_events::DumpTrigger::Requested, "named event set");
+  }
+  requestSeen = set;
+}
+
+void EventsFileWriter::RunFlightRecorder() {
+  std::deque<RecordChunk> chunks;
+  for (;;) {
+    bool last = false, dump = false;
+    uint64_t overwritten = 0, triggers = 0;
+    device_events::DumpTrigger why = device_events::DumpTrigger::Requested;
+    std::string what;
+    {
+      user_space_frameworks::AutoLock lock(section);
+      writerWaiting = true;
+      const ULONGLONG now = GetTickCount64();
+      const ULONGLONG until = dumpPending ? std::min<ULONGLONG>(dumpDue, now + kWriteIntervalMs) : now + kWriteIntervalMs;
+      if (!stopping && now < until) wake.Wait(section, static_cast<DWORD>(until - now));
+      writerWaiting = false;
+      last = stopping;
+      if (dumpPending && (last || GetTickCount64() >= dumpDue)) {
+        dump = true;
+        dumpPending = false;
+        why = pendingWhy;
+        what = std::move(pendingWhat);
+        triggers = pendingTriggers;
+        ring.TakeAll(chunks, overwritten);
+      }
+    }
+    if (dump) {
+      WriteDump(chunks, overwritten, why, what, triggers);
+      user_space_frameworks::AutoLock lock(section);
+      ring.GiveBack(chunks);
+    }
+    if (last) return;
+    PollRequestEvent();
+  }
+}
+
+bool EventsFileWriter::WriteDump(std::deque<RecordChunk> &chunks, uint64_t overwritten,
+                                 device_events::DumpTrigger why, const std::string &what, uint64_t triggers) {
+  // The next number after the highest kept; never one that exists, and no more than the limit kept:
+  // files are taken away (moved or deleted) by whoever reads them.
+  std::wstring pattern = DumpPath(path, 0);
+  pattern.replace(pattern.rfind(L"0000"), 4, L"*");
+  unsigned kept = 0, highest = 0;
+  WIN32_FIND_DATAW found;
+  HANDLE search = FindFirstFileW(pattern.c_str(), &found);
+  if (search != INVALID_HANDLE_VALUE) {
+    do {
+      const wchar_t *number = wcsstr(found.cFileName, L".flight-");
+      if (number == nullptr) continue;
+      ++kept;
+      highest = std::max(highest, static_cast<unsigned>(wcstoul(number + 8, nullptr, 10)));
+    } while (FindNextFileW(search, &found));
+    FindClose(search);
+  }
+  if (kept >= options.maxDumps) {
+    WQ_TRACE(Warning, "flight recorder: " << kept << " files are waiting to be read; this trigger writes none");
+    return false;
+  }
+  user_space_frameworks::UniqueHandle dumpFile;
+  std::wstring dumpPath;
+  for (unsigned number = highest + 1; number <= highest + 16 && !dumpFile.IsValid(); ++number) {
+    dumpPath = DumpPath(path, number);
+    dumpFile.Reset(CreateFileW(dumpPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
+                               FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!dumpFile.IsValid() && GetLastError() != ERROR_FILE_EXISTS) break;
+  }
+  if (!dumpFile.IsValid()) {
+    WQ_TRACE(Error, "flight recorder: cannot create its file ("
+                        << user_space_frameworks::trace::HrText(HRESULT_FROM_WIN32(GetLastError())) << ")");
+    return false;
+  }
+  uint64_t records = 0;
+  for (const RecordChunk &chunk : chunks) records += chunk.records;
+  std::vector<uint8_t> opening, closing;
+  device_events::RecordEncoder first(opening);
+  first.Begin(RecordKind::RingDump, clock.Now(), GetCurrentThreadId(), 0);
+  first.U64(overwritten);
+  first.U32(static_cast<uint32_t>(why));
+  first.String(what);
+  first.U64(triggers);
+  first.End();
+  device_events::RecordEncoder last(closing);
+  last.Begin(RecordKind::End, clock.Now(), GetCurrentThreadId(), 0);
+  last.U64(records + 2);
+  last.U64(0);
+  last.End();
+  auto write = [&](const std::vector<uint8_t> &bytes) {
+    DWORD written = 0;
+    return bytes.empty() || (WriteFile(dumpFile.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written,
+                                       nullptr) && written == bytes.size());
+  };
+  bool ok = write(header) && write(opening);
+  for (const RecordChunk &chunk : chunks) ok = ok && write(chunk.bytes);
+  ok = ok && write(closing);
+  if (!ok) {
+    WQ_TRACE(Error, "flight recorder: the disk refused its file ("
+                        << user_space_frameworks::trace::HrText(HRESULT_FROM_WIN32(GetLastError())) << ")");
+    return false;
+  }
+  WQ_TRACE(Info, "flight recorder: " << records << " records written to " << Utf8(dumpPath.c_str()) << " ("
+                                     << device_events::DumpTriggerName(why) << ": " << what << ")");
+  user_space_frameworks::AutoLock lock(section);
+  ++dumpsWritten;
+  lastDumpPath = dumpPath;
+  return true;
+}
+
+unsigned EventsFileWriter::DumpsWritten() const {
+  user_space_frameworks::AutoLock lock(section);
+  return dumpsWritten;
+}
+
+std::wstring EventsFileWriter::LastDumpPath() const {
+  user_space_frameworks::AutoLock lock(section);
+  return lastDumpPath;
 }
 
 void EventsFileWriter::Close() {

@@ -2,6 +2,9 @@
 // queue grows long. Callers only queue: a full queue or a full file drops records, counts them, and
 // leaves a record saying how many, so the frame path never waits for the disk and nothing is lost
 // silently.
+// As a flight recorder (a ring size given) it keeps the records in memory instead and writes nothing
+// until a trigger: then, a moment later, its thread writes the ring to a new numbered file beside the
+// recording's path and the ring starts over.
 #pragma once
 
 #include <atomic>
@@ -12,6 +15,7 @@
 #include <vector>
 
 #include "device_events/EventsFormat.h"
+#include "mft_core/recorder/RecordRing.h"
 #include "platform/WindowsSdk.h"
 #include "user_space_frameworks/Sync.h"
 
@@ -31,6 +35,14 @@ class RecordClock {
 struct EventsFileWriterOptions {
   size_t queueRecords = 8192;             // records waiting for the writer at most
   uint64_t maxFileBytes = 256ull << 20;   // the file's cap
+  size_t ringBytes = 0;                   // non-zero: a flight recorder keeping this much in memory
+  unsigned maxDumps = 8;                  // flight-recorder files kept at most (none is ever overwritten)
+  DWORD dumpDelayMs = 200;                // records after a trigger that its file still holds
+  DWORD triggerQuietMs = 5000;            // a trigger this soon after the last one joins its file
+  const wchar_t *requestEventName = kDumpRequestEvent;  // the named event an engineer sets for a file
+
+  // A manual-reset event in the global namespace: setting it asks every flight recorder for a file.
+  static constexpr const wchar_t *kDumpRequestEvent = L"Global\\WQ400DeviceEventsDump";
 };
 
 class EventsFileWriter {
@@ -56,15 +68,33 @@ class EventsFileWriter {
   uint64_t DroppedRecords() const;
   size_t QueuedRecords() const;
 
+  // Flight recorder: asks for the ring to be written out. Never waits: the writer's thread writes it.
+  // Triggers that come while one is pending, or within the quiet time of the last, join its file.
+  void Trigger(device_events::DumpTrigger why, const std::string &what);
+  bool IsFlightRecorder() const { return options.ringBytes != 0; }
+  // Files written so far, and the path of the last one.
+  unsigned DumpsWritten() const;
+  std::wstring LastDumpPath() const;
+  // "events.bin" -> "events.flight-0003.bin".
+  static std::wstring DumpPath(const std::wstring &path, unsigned number);
+
  private:
-  EventsFileWriter(HANDLE file, uint64_t headerBytes, const EventsFileWriterOptions &options, const RecordClock &clock);
+  EventsFileWriter(HANDLE file, std::wstring path, std::vector<uint8_t> header, const EventsFileWriterOptions &options,
+                   const RecordClock &clock);
   void Run();
+  void RunFlightRecorder();
+  // The ring as the next numbered file; false when the file limit is reached or the disk refused it.
+  bool WriteDump(std::deque<RecordChunk> &chunks, uint64_t overwritten, device_events::DumpTrigger why,
+                 const std::string &what, uint64_t triggers);
+  void PollRequestEvent();
   void Write(std::deque<std::vector<uint8_t>> &batch, bool final);
   std::vector<uint8_t> SpareBuffer();  // with the lock held
   size_t WakeRecords() const;          // queued records that wake the writer before its time
   void EncodeDropped(std::vector<uint8_t> &out, uint64_t count, device_events::DropReason reason) const;
 
   user_space_frameworks::UniqueHandle file;
+  const std::wstring path;
+  const std::vector<uint8_t> header;
   const EventsFileWriterOptions options;
   const RecordClock &clock;
 
@@ -79,6 +109,17 @@ class EventsFileWriter {
   bool writerWaiting = false;
   bool stopping = false;
   bool paused = false;
+  // Flight recorder.
+  RecordRing ring;
+  bool dumpPending = false;
+  ULONGLONG dumpDue = 0;
+  bool anyTrigger = false;
+  ULONGLONG lastTrigger = 0;
+  device_events::DumpTrigger pendingWhy = device_events::DumpTrigger::Requested;
+  std::string pendingWhat;
+  uint64_t pendingTriggers = 0;
+  unsigned dumpsWritten = 0;
+  std::wstring lastDumpPath;
   std::thread writer;
   std::atomic<bool> open{true};  // read on every record without the lock
 
@@ -88,6 +129,8 @@ class EventsFileWriter {
   uint64_t capDrops = 0;
   std::vector<uint8_t> writeBuffer;
   std::vector<std::vector<uint8_t>> recycled;  // written records' buffers on their way back
+  user_space_frameworks::UniqueHandle requestEvent;
+  bool requestSeen = false;
 };
 
 }  // namespace mft_core

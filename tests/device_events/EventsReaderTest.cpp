@@ -134,7 +134,7 @@ std::vector<uint8_t> SampleRecording() {
   return bytes;
 }
 
-enum class Outcome { Complete, Damaged };
+enum class Outcome { Complete, Damaged, Cut };
 
 // Reads everything, formatting each record as the dump does; the input lives in a block of exactly
 // its size. Reports the error's offset through `error`.
@@ -151,6 +151,7 @@ Outcome ReadAll(const std::vector<uint8_t> &bytes, std::vector<Record> *records,
     switch (reader.Next(record, error)) {
       case EventsReader::Status::End: return Outcome::Complete;
       case EventsReader::Status::Error: return Outcome::Damaged;
+      case EventsReader::Status::Cut: return Outcome::Cut;
       case EventsReader::Status::Record:
         FormatRecord(record, names, TimelineOptions{true});
         RecordStreams(record);
@@ -294,9 +295,12 @@ TEST(EventsReader, NamesTheOffsetOfEachKindOfDamage) {
     ASSERT_TRUE(reader.ReadHeader(header, error));
     const size_t first = reader.Position();
     auto bytes = good;
+    uint32_t firstLength = 0;
+    std::memcpy(&firstLength, &good[first], 4);
     const uint32_t length = 1000000;
     std::memcpy(&bytes[first], &length, 4);
-    cases.push_back({"record length", bytes, first + 4, "exceeds"});
+    // Not a cut: the record's values end where the next record begins, far before its claimed end.
+    cases.push_back({"record length", bytes, first + 4 + firstLength, "bytes after the record's 5 values"});
     bytes = good;
     const uint32_t tiny = 3;
     std::memcpy(&bytes[first], &tiny, 4);
@@ -307,9 +311,11 @@ TEST(EventsReader, NamesTheOffsetOfEachKindOfDamage) {
     // A tag of a later version carries a length and is skipped.
     bytes[first + 4 + kRecordPrefixSize] = 40;
     cases.push_back({"later tag", bytes, 0, ""});
+    // The last record cut short with an unknown tag in what is left: damage, not a cut.
     bytes = good;
-    bytes.resize(first + 10);
-    cases.push_back({"truncated record", bytes, first + 4, "exceeds"});
+    bytes[first + 4 + kRecordPrefixSize] = 11;
+    bytes.resize(first + 4 + kRecordPrefixSize + 3);
+    cases.push_back({"damaged and cut", bytes, first + 4 + kRecordPrefixSize, "unknown value tag 11"});
   }
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);
@@ -322,6 +328,37 @@ TEST(EventsReader, NamesTheOffsetOfEachKindOfDamage) {
     EXPECT_EQ(c.offset, error.offset) << error.Text();
     EXPECT_NE(std::string::npos, error.message.find(c.message)) << error.Text();
     EXPECT_EQ(0u, error.Text().find("offset " + std::to_string(c.offset) + ": "));
+  }
+}
+
+// A file cut anywhere inside a record (its writer died) reads up to that record, which is named; a
+// file cut between records reads to its end.
+TEST(EventsReader, ACutInsideTheLastRecordReadsTheWholeRecordsBeforeIt) {
+  const std::vector<uint8_t> good = SampleRecording();
+  std::vector<Record> all;
+  ReadError error;
+  ASSERT_EQ(Outcome::Complete, ReadAll(good, &all, error));
+  EventsReader probe(good.data(), good.size());
+  FileHeader header;
+  ASSERT_TRUE(probe.ReadHeader(header, error));
+  for (size_t length = probe.Position(); length < good.size(); ++length) {
+    SCOPED_TRACE(length);
+    std::vector<Record> read;
+    error = ReadError();
+    const Outcome outcome =
+        ReadAll(std::vector<uint8_t>(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length)), &read, error);
+    const bool atBoundary = read.size() < all.size() && all[read.size()].offset == length;
+    if (length == probe.Position() || atBoundary) {
+      EXPECT_EQ(Outcome::Complete, outcome) << error.Text();
+      continue;
+    }
+    ASSERT_EQ(Outcome::Cut, outcome) << error.Text();
+    ASSERT_LT(read.size(), all.size());
+    EXPECT_EQ(all[read.size()].offset, error.offset);
+    EXPECT_TRUE(error.cut);
+    EXPECT_NE(std::string::npos, error.message.find(" of its ")) << error.message;
+    EXPECT_NE(std::string::npos, error.message.find("bytes present")) << error.message;
+    for (size_t i = 0; i < read.size(); ++i) EXPECT_EQ(all[i].offset, read[i].offset);
   }
 }
 

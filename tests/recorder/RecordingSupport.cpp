@@ -10,6 +10,8 @@ using mft_core::DeviceEventsRecorderSettings;
 RecordingSwitch::RecordingSwitch(const std::wstring &file, DWORD enabled, DWORD pixelData) {
   DeviceEventsRecorderSettings settings;
   settings.enabled = enabled != 0;
+  settings.flightRecorder = enabled == DeviceEventsRecorderSettings::kFlightRecorderMode;
+  if (settings.flightRecorder) settings.writer.ringBytes = 32u << 20;
   settings.pixelData = pixelData != 0;
   settings.path = file;
   settings.StoreInRegistry();
@@ -53,6 +55,10 @@ Recording ParseRecording(const std::vector<uint8_t> &bytes) {
   for (;;) {
     const auto status = reader.Next(record, error);
     if (status == device_events::EventsReader::Status::End) break;
+    if (status == device_events::EventsReader::Status::Cut) {
+      recording.cut = error.Text();
+      break;
+    }
     if (status == device_events::EventsReader::Status::Error) {
       recording.error = error.Text();
       break;

@@ -27,6 +27,7 @@ struct Recording {
   device_events::FileHeader header;
   std::vector<device_events::Record> records;
   std::string error;  // empty when the whole file was read
+  std::string cut;    // where and how the file ends inside its last record
 };
 Recording ReadRecording(const std::wstring &path);
 Recording ParseRecording(const std::vector<uint8_t> &bytes);

@@ -85,15 +85,27 @@ TEST_F(ReplayTest, ATransformThatBehavesDifferentlyIsReportedAtTheFirstDifferent
       << report.divergence;
 }
 
-TEST_F(ReplayTest, DamagedOrIncompleteRecordingsAreRefusedWithTheirOffset) {
-  std::vector<uint8_t> cut(bytes->begin(), bytes->begin() + static_cast<std::ptrdiff_t>(bytes->size() / 2));
+TEST_F(ReplayTest, ARecordingCutInsideARecordReplaysToTheCutAndADamagedOneIsRefused) {
+  // The writer died halfway through: replayed up to the calls still in flight at the cut, and matching.
+  const std::vector<Record> records = Records();
+  const Record &middle = records[records.size() / 2];
+  std::vector<uint8_t> cut(bytes->begin(), bytes->begin() + static_cast<std::ptrdiff_t>(middle.offset + 7));
   sim::ReplayReport report = sim::ReplayRecording(cut, SameTransform);
+  EXPECT_TRUE(report.matched) << report.divergence;
+  EXPECT_GT(report.calls, 5u);
+  EXPECT_LE(report.records, records.size() / 2);
+  EXPECT_NE(std::string::npos, report.Summary().find("ends inside the record at offset " + std::to_string(middle.offset)))
+      << report.Summary();
+
+  // A record damaged before the end is still an error, named with its offset.
+  std::vector<uint8_t> damaged = *bytes;
+  damaged[middle.offset + 4 + device_events::kRecordPrefixSize] = 11;
+  report = sim::ReplayRecording(damaged, SameTransform);
   EXPECT_FALSE(report.matched);
   EXPECT_NE(std::string::npos, report.divergence.find("damaged: offset ")) << report.divergence;
 
   // A recording that lost records cannot be compared past the loss.
   std::vector<uint8_t> lossy = *bytes;
-  const std::vector<Record> records = Records();
   const Record &victim = records[records.size() / 2];
   const uint16_t dropped = static_cast<uint16_t>(RecordKind::Dropped);
   std::memcpy(&lossy[victim.offset + 4], &dropped, 2);
