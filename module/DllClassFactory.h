@@ -19,6 +19,7 @@ struct ClassObjectEntry {
   const wchar_t *pszDescription;
 };
 
+// A live factory keeps the module loaded (ComObject holds it).
 class DllClassFactory : public user_space_frameworks::ComObject<IClassFactory> {
  public:
   explicit DllClassFactory(CreateObjectFunction create);
@@ -37,8 +38,6 @@ class DllClassFactory : public user_space_frameworks::ComObject<IClassFactory> {
   HRESULT CreateObject(REFIID riid, void **ppv);
 
   const CreateObjectFunction create;
-  // A live factory keeps the module loaded.
-  user_space_frameworks::ModuleReference moduleReference;
 };
 
 }  // namespace mft_utils

@@ -57,7 +57,14 @@ HRESULT RegisterObject(HMODULE module, REFCLSID clsid, const wchar_t *descriptio
   if (status == ERROR_SUCCESS) {
     wchar_t path[kMaxPath] = {};
     const DWORD length = GetModuleFileNameW(module, path, static_cast<DWORD>(kMaxPath));
-    status = length == 0 ? static_cast<LSTATUS>(GetLastError()) : SetText(serverKey.Get(), nullptr, path);
+    // A path that fills the buffer was cut: registering it would name another file.
+    if (length == 0) {
+      status = static_cast<LSTATUS>(GetLastError());
+    } else if (length >= kMaxPath) {
+      status = ERROR_INSUFFICIENT_BUFFER;
+    } else {
+      status = SetText(serverKey.Get(), nullptr, path);
+    }
   }
   if (status == ERROR_SUCCESS) status = SetText(serverKey.Get(), L"ThreadingModel", threadingModel);
   if (status != ERROR_SUCCESS) {
@@ -69,6 +76,12 @@ HRESULT RegisterObject(HMODULE module, REFCLSID clsid, const wchar_t *descriptio
 
 HRESULT UnregisterObject(REFCLSID clsid) {
   const LSTATUS status = RegDeleteTreeW(HKEY_LOCAL_MACHINE, ClassKey(clsid).c_str());
+  // Installers unregister on clean machines too: a key that is not there is already removed.
+  // Any other failure is traced once, by the caller.
+  if (status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND) {
+    WQ_TRACE(Verbose, user_space_frameworks::GuidTranslator::ToString(clsid) << " was not registered");
+    return S_OK;
+  }
   return HRESULT_FROM_WIN32(status);
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/WindowsSdk.h"
+#include "user_space_frameworks/ModuleLock.h"
 
 namespace user_space_frameworks {
 
@@ -17,6 +18,16 @@ class RefCount {
  private:
   std::atomic<ULONG> count{1};
 };
+
+// The last release: the object's own module reference goes with its destruction, but the code that
+// runs the destructors, frees the memory and returns to the caller is still this module's. An extra
+// reference spans all of it, so the lock count reaches zero only at the release's last instruction.
+template <typename Destroy>
+void DestroyHoldingModule(Destroy &&destroy) {
+  ModuleLock::Lock();
+  destroy();
+  ModuleLock::Unlock();
+}
 
 // Answers `riid` with the first of `Interfaces` whose identifier matches; IUnknown with the first one.
 template <typename Self, typename First, typename... Rest>
@@ -36,9 +47,11 @@ HRESULT QueryInterfaceOver(Self *self, REFIID riid, void **ppv) {
   return S_OK;
 }
 
-// A COM object over `Interfaces`: derive from ComObject<IFoo, IBar> and implement the methods.
+// A COM object over `Interfaces`: derive from ComObject<IFoo, IBar> and implement the methods. Its module
+// reference is its first base, and virtual so that it also comes before the virtual bases of the classes
+// that derive from it: built before anything else of the object, destroyed after everything else.
 template <typename... Interfaces>
-class ComObject : public Interfaces... {
+class ComObject : public virtual ModuleReference, public Interfaces... {
  public:
   STDMETHODIMP QueryInterface(REFIID riid, void **ppv) override {
     return QueryInterfaceOver<ComObject, Interfaces...>(this, riid, ppv);
@@ -46,7 +59,7 @@ class ComObject : public Interfaces... {
   STDMETHODIMP_(ULONG) AddRef() override { return refCount.AddRef(); }
   STDMETHODIMP_(ULONG) Release() override {
     const ULONG count = refCount.Release();
-    if (count == 0) delete this;
+    if (count == 0) DestroyHoldingModule([this] { delete this; });
     return count;
   }
 
@@ -68,7 +81,8 @@ Microsoft::WRL::ComPtr<T> MakeComObject(Args &&...args) {
 
 }  // namespace user_space_frameworks
 
-// IUnknown for a class whose COM bases are not all under one ComObject (the transform surface).
+// IUnknown for a class whose COM bases are not all under one ComObject (the transform surface). Such a
+// class names `public virtual ModuleReference` as its first base itself.
 #define WQ_IMPLEMENT_IUNKNOWN(Self, ...)                                                       \
  public:                                                                                       \
   STDMETHODIMP QueryInterface(REFIID riid, void **ppv) override {                              \
@@ -77,7 +91,7 @@ Microsoft::WRL::ComPtr<T> MakeComObject(Args &&...args) {
   STDMETHODIMP_(ULONG) AddRef() override { return wqRefCount_.AddRef(); }                      \
   STDMETHODIMP_(ULONG) Release() override {                                                    \
     const ULONG count = wqRefCount_.Release();                                                 \
-    if (count == 0) delete this;                                                               \
+    if (count == 0) ::user_space_frameworks::DestroyHoldingModule([this] { delete this; });    \
     return count;                                                                              \
   }                                                                                            \
                                                                                                \

@@ -11,18 +11,21 @@
 
 namespace user_space_frameworks {
 
-void TraceCaught(const char *prettyFunction, const char *message, const std::string &detail);
-std::string ComErrorText(const _com_error &error);
+// The handlers below run when memory may be exhausted: they only pass static texts and texts the
+// exception already holds, and a trace line that cannot be built is lost rather than thrown out of the
+// guard (which would end the host process).
+void TraceCaught(const char *prettyFunction, const char *message, const char *detail) noexcept;
+void TraceCaught(const char *prettyFunction, const char *message, const _com_error &error) noexcept;
 
 template <typename Body>
 HRESULT ExceptionGuard(const char *prettyFunction, Body &&body) noexcept {
   try {
     return body();
   } catch (const _com_error &error) {
-    TraceCaught(prettyFunction, "Caught Com Exception error", ComErrorText(error));
+    TraceCaught(prettyFunction, "Caught Com Exception error", error);
     return error.Error();
   } catch (const std::bad_alloc &) {
-    TraceCaught(prettyFunction, "Bad allocation exception trapped", std::string());
+    TraceCaught(prettyFunction, "Bad allocation exception trapped", nullptr);
     return E_OUTOFMEMORY;
   } catch (const std::out_of_range &error) {
     TraceCaught(prettyFunction, "Out of range exception trapped", error.what());
@@ -31,7 +34,7 @@ HRESULT ExceptionGuard(const char *prettyFunction, Body &&body) noexcept {
     TraceCaught(prettyFunction, "Standard exception trapped", error.what());
     return E_FAIL;
   } catch (...) {
-    TraceCaught(prettyFunction, "General exception trapped", std::string());
+    TraceCaught(prettyFunction, "General exception trapped", nullptr);
     return E_FAIL;
   }
 }

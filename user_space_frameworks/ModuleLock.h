@@ -1,5 +1,5 @@
-// The module lock count: the DLL may be unloaded only while it is zero. Live class factories, LockServer
-// and every live transform hold it.
+// The module lock count: the DLL may be unloaded only while it is zero. LockServer and every live COM
+// object of the module hold it: class factories, transforms, and the callbacks the platform keeps.
 #pragma once
 
 #include <atomic>

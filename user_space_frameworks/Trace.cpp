@@ -102,10 +102,16 @@ std::shared_ptr<TraceSink> Sink() {
 }
 
 // One level and one event switch for the trace points: the text sink's or a session's, whichever asks more.
+// Called with sinkMutex held: the sink setters and the providers' callbacks (on the platform's thread)
+// recompute one after the other, so the last to run sees every change and none is lost.
 void Recompute();
+void RecomputeForSession() {
+  std::lock_guard<std::mutex> hold(sinkMutex);
+  Recompute();
+}
 
-ClassicTraceProvider classicProvider(kClassicProviderGuid, &Recompute);
-StructuredEventProvider eventProvider(kEventProviderName, kEventProviderGuid, &Recompute);
+ClassicTraceProvider classicProvider(kClassicProviderGuid, &RecomputeForSession);
+StructuredEventProvider eventProvider(kEventProviderName, kEventProviderGuid, &RecomputeForSession);
 
 void Recompute() {
   const int level = std::max(sinkLevel.load(std::memory_order_relaxed), classicProvider.EnabledLevel());

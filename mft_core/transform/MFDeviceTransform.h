@@ -71,7 +71,9 @@ class TransformView : public IMFTransform {
   STDMETHODIMP ProcessOutput(DWORD, DWORD, MFT_OUTPUT_DATA_BUFFER *, DWORD *) final { return E_NOTIMPL; }
 };
 
-class MFDeviceTransform : public DeviceTransformEntries,
+// A live transform keeps its module loaded: the reference is built first and destroyed last.
+class MFDeviceTransform : public virtual user_space_frameworks::ModuleReference,
+                          public DeviceTransformEntries,
                           public TransformView,
                           public IMFShutdown,
                           public MediaEventGenerator,
@@ -214,9 +216,6 @@ class MFDeviceTransform : public DeviceTransformEntries,
   user_space_frameworks::CallGate callGate;
 
  private:
-  // A live transform keeps its module loaded.
-  user_space_frameworks::ModuleReference moduleReference;
-
   HRESULT DeviceGetInputCurrentType(DWORD dwInputStreamID, IMFMediaType **pMediaType) final;
   HRESULT DeviceProcessInput(DWORD dwInputStreamID, IMFSample *pSample, DWORD dwFlags) final;
   HRESULT DeviceProcessMessage(MFT_MESSAGE_TYPE eMessage, ULONG_PTR ulParam) final;

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "common/BuiltModule.h"
 #include "platform/WindowsSdk.h"
@@ -238,8 +239,41 @@ TEST(Registration, Regsvr32WritesExactlyTheClassKeysAndRemovesThem) {
 
   ASSERT_EQ(0u, RunRegsvr32(L"/u"));
   for (const auto &c : kClasses) EXPECT_FALSE(KeyExists(c.key)) << c.label;
-  // Unregistering what is not registered reports it.
-  EXPECT_NE(0u, RunRegsvr32(L"/u"));
+  // Installers unregister on clean machines too: what is not there counts as removed.
+  EXPECT_EQ(0u, RunRegsvr32(L"/u"));
+}
+
+// A module whose path fills the 260-character buffer would be registered under a cut path, naming a
+// file that does not exist: it refuses instead.
+TEST(Registration, AModulePathTooLongForTheBufferIsRefused) {
+  wchar_t temp[MAX_PATH];
+  ASSERT_NE(0u, GetTempPathW(MAX_PATH, temp));
+  std::wstring folder = std::wstring(L"\\\\?\\") + temp + L"wq400-long-path";
+  std::vector<std::wstring> made;
+  for (;;) {
+    ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr) || GetLastError() == ERROR_ALREADY_EXISTS) << GetLastError();
+    made.push_back(folder);
+    if (folder.size() >= 300) break;
+    folder += L"\\" + std::wstring(40, L'd');
+  }
+  const std::wstring path = folder + L"\\WQ400DeviceMft.dll";
+  ASSERT_TRUE(CopyFileW(BuiltModulePath().c_str(), path.c_str(), FALSE)) << GetLastError();
+  HMODULE copy = LoadLibraryW(path.c_str());
+  ASSERT_NE(nullptr, copy) << GetLastError();
+  const auto registerServer =
+      reinterpret_cast<decltype(&DllRegisterServer)>(reinterpret_cast<void *>(GetProcAddress(copy, "DllRegisterServer")));
+  const auto unregisterServer = reinterpret_cast<decltype(&DllUnregisterServer)>(
+      reinterpret_cast<void *>(GetProcAddress(copy, "DllUnregisterServer")));
+  ASSERT_TRUE(registerServer && unregisterServer);
+
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER), registerServer());
+  EXPECT_EQ(L"(missing)", ReadText(std::wstring(kClasses[0].key) + L"\\InProcServer32", nullptr));
+  EXPECT_EQ(S_OK, unregisterServer());
+  for (const auto &c : kClasses) EXPECT_FALSE(KeyExists(c.key)) << c.label;
+
+  FreeLibrary(copy);
+  DeleteFileW(path.c_str());
+  for (auto it = made.rbegin(); it != made.rend(); ++it) RemoveDirectoryW(it->c_str());
 }
 
 }  // namespace

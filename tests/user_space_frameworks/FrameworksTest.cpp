@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <new>
 #include <stdexcept>
 #include <thread>
 
@@ -11,6 +13,19 @@
 #include "user_space_frameworks/RollingAverage.h"
 #include "user_space_frameworks/Sync.h"
 #include "user_space_frameworks/TraceScope.h"
+
+// Allocation fails on a thread that asks for it: the guard's handlers must still return their code.
+namespace {
+thread_local bool failAllocations = false;
+}  // namespace
+
+void *operator new(std::size_t size) {
+  if (failAllocations) throw std::bad_alloc();
+  if (void *memory = std::malloc(size == 0 ? 1 : size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void *memory) noexcept { std::free(memory); }
+void operator delete(void *memory, std::size_t) noexcept { std::free(memory); }
 
 namespace user_space_frameworks {
 namespace {
@@ -48,6 +63,33 @@ TEST_P(GuardTest, MapsEachKindOnceAndTracesIt) {
 
 INSTANTIATE_TEST_SUITE_P(AllKinds, GuardTest, ::testing::ValuesIn(kGuardCases),
                          [](const auto &info) { return std::string(info.param.name); });
+
+// Memory runs out and stays out: tracing the catch cannot allocate either, and the host process must
+// still get the code back rather than be ended by an exception leaving the guard.
+TEST(GuardOutOfMemory, EachHandlerReturnsItsCodeWhenItsTraceCannotAllocate) {
+  auto sink = std::make_shared<CapturingTraceSink>();
+  trace::ScopedSink scoped(sink, TraceLevel::Error);
+  const std::invalid_argument standard("unsupported order");  // made while memory is still there
+  const std::out_of_range range("x");
+  const auto guarded = [](auto thrower) {
+    return ExceptionGuard(WQ_FUNCTION, [&]() -> HRESULT {
+      failAllocations = true;
+      thrower();
+      return S_OK;
+    });
+  };
+  const HRESULT alloc = guarded([] { throw std::bad_alloc(); });
+  const HRESULT com = guarded([] { throw _com_error(MF_E_NO_MORE_TYPES); });
+  const HRESULT outOfRange = guarded([&] { throw range; });
+  const HRESULT other = guarded([&] { throw standard; });
+  const HRESULT general = guarded([] { throw 42; });
+  failAllocations = false;
+  EXPECT_EQ(E_OUTOFMEMORY, alloc);
+  EXPECT_EQ(MF_E_NO_MORE_TYPES, com);
+  EXPECT_EQ(MF_E_INVALIDINDEX, outOfRange);
+  EXPECT_EQ(E_FAIL, other);
+  EXPECT_EQ(E_FAIL, general);
+}
 
 struct Probe {
   HRESULT Fails() { return E_ACCESSDENIED; }
