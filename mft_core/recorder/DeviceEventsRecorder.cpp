@@ -426,7 +426,16 @@ void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, 
   if (kind != RecordKind::DriverKsRequest || !writer->IsFlightRecorder()) return;
   constexpr HRESULT kNotReady = HRESULT_FROM_WIN32(ERROR_NOT_READY);
   if (result == kNotReady || notReadyThreads.load(std::memory_order_relaxed) != 0) CountNotReady(result == kNotReady);
-  if (FAILED(result) && result != kNotReady && !user_space_frameworks::IsNormalExchangeResult(result)) {
+  // Asking whether the driver supports a set or a property is answered, not failed, by "not found".
+  ULONG flags = 0;
+  if (identifier != nullptr && identifier->size() >= sizeof(KSIDENTIFIER)) {
+    flags = reinterpret_cast<const KSIDENTIFIER *>(identifier->data())->Flags;
+  }
+  const bool supportQuery = (flags & (KSPROPERTY_TYPE_SETSUPPORT | KSPROPERTY_TYPE_BASICSUPPORT)) != 0;
+  const bool notSupported =
+      result == HRESULT_FROM_WIN32(ERROR_SET_NOT_FOUND) || result == HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
+  if (FAILED(result) && result != kNotReady && !user_space_frameworks::IsNormalExchangeResult(result) &&
+      !(supportQuery && notSupported)) {
     writer->Trigger(device_events::DumpTrigger::DriverRequest,
                     "the driver answered " + user_space_frameworks::trace::HrText(result));
   }
