@@ -19,9 +19,9 @@ TraceLevel FailureLevel(HRESULT hr) { return IsNormalExchangeResult(hr) ? TraceL
 void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr, bool expected) {
   TraceLevel level = expected ? TraceLevel::Verbose : FailureLevel(hr);
   // The function that saw the failure traced it; callers that only pass the same code up trace verbose.
-  if (level == TraceLevel::Error && trace::IsReportedFailure(hr)) level = TraceLevel::Verbose;
+  if (level == TraceLevel::Error && hr == trace::reportedFailure) level = TraceLevel::Verbose;
   if (!trace::IsEnabled(level)) return;
-  if (level == TraceLevel::Error) trace::NoteReportedFailure(hr);
+  if (level == TraceLevel::Error) trace::reportedFailure = hr;
   trace::Write(level, prettyFunction, std::string(expression) + " failed: " + trace::HrText(hr));
 }
 

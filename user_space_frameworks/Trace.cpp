@@ -80,6 +80,7 @@ void TextTraceSink::Event(const char *name, const std::string &fields) {
 namespace trace {
 
 std::atomic<int> currentLevel{0};
+thread_local long reportedFailure = 0;
 std::atomic<bool> eventsEnabled{false};
 
 // {3BFB992D-70B6-49B5-B1E9-CD61333ABD76}
@@ -90,7 +91,6 @@ const char kClassicProviderName[] = "WQ400DeviceMft";
 const char kEventProviderName[] = "WQ400DeviceMft.Frames";
 
 namespace {
-thread_local long reportedFailure = 0;
 std::mutex sinkMutex;
 std::shared_ptr<TraceSink> currentSink;
 std::atomic<int> sinkLevel{0};
@@ -266,10 +266,6 @@ std::string QualifiedName(const char *prettyFunction) {
   }
   return text.substr(start, open - start);
 }
-
-void ForgetReportedFailure() { reportedFailure = 0; }
-bool IsReportedFailure(long hr) { return hr != 0 && hr == reportedFailure; }
-void NoteReportedFailure(long hr) { reportedFailure = hr; }
 
 void WriteEntry(const char *qualifiedName) { WriteQualified(TraceLevel::Verbose, qualifiedName, "==>"); }
 

@@ -114,9 +114,8 @@ inline tracelogging::Field Int64Field(const char *name, const int64_t &value) {
 
 // The failure this thread last traced at the error level within the current public call (check-and-
 // return traces a failure once); a public call, or a new sink, begins with none.
-void ForgetReportedFailure();
-bool IsReportedFailure(long hr);
-void NoteReportedFailure(long hr);
+extern thread_local long reportedFailure;
+inline void ForgetReportedFailure() { reportedFailure = 0; }
 
 // "HRESULT mft_core::MFDeviceTransform::CheckShutdown()" -> "mft_core::MFDeviceTransform::CheckShutdown"
 std::string QualifiedName(const char *prettyFunction);
