@@ -19,12 +19,17 @@ cp "$build_release/module/WQ400DeviceMft.dll" "$build_release/module/WQ400Device
 sed 's/$/\r/' package/README.txt > "$out/README.txt"  # read on Windows
 # A package whose DLL does not name its PDB, or whose PDB lacks the product's functions or line
 # tables, cannot be debugged: refuse to write the zip.
-x86_64-w64-mingw32-objdump -p "$out/WQ400DeviceMft.dll" | grep -q "format RSDS.*pdb WQ400DeviceMft.pdb" ||
+dump="build/package/pdb-dump.txt"
+x86_64-w64-mingw32-objdump -p "$out/WQ400DeviceMft.dll" > "$dump"
+grep -q "format RSDS.*pdb WQ400DeviceMft.pdb" "$dump" ||
   { echo "package: the DLL's debug directory does not name WQ400DeviceMft.pdb" >&2; exit 1; }
-llvm-pdbutil dump -symbols "$out/WQ400DeviceMft.pdb" | grep -q "S_GPROC32.*mft_core::WQ400DepthDeviceMft::StartOutputStream" ||
+llvm-pdbutil dump -symbols "$out/WQ400DeviceMft.pdb" > "$dump"
+grep -q "S_GPROC32.*mft_core::WQ400DepthDeviceMft::StartOutputStream" "$dump" ||
   { echo "package: the PDB lacks the product's functions" >&2; exit 1; }
-llvm-pdbutil dump -l "$out/WQ400DeviceMft.pdb" | grep -q "product/transforms/WQ400DepthDeviceMft.cpp" ||
+llvm-pdbutil dump -l "$out/WQ400DeviceMft.pdb" > "$dump"
+grep -q "product/transforms/WQ400DepthDeviceMft.cpp" "$dump" ||
   { echo "package: the PDB lacks the product's line tables" >&2; exit 1; }
+rm -f "$dump"
 (cd build/package && zip -qr "$name.zip" "$name")
 echo "Package: $PWD/$out"
 ls -l "$out" | tail -n +2
