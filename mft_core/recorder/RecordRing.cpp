@@ -5,9 +5,12 @@
 namespace mft_core {
 
 RecordRing::RecordRing(size_t capacityBytes) : maxChunks(capacityBytes == 0 ? 0 : std::max<size_t>(2, capacityBytes / kChunkBytes)) {
-  // The whole ring at once: the process's memory does not grow while it fills.
+  // The whole ring at once, its pages touched: the process's memory does not grow while it fills.
   spare.resize(maxChunks);
-  for (RecordChunk &chunk : spare) chunk.bytes.reserve(kChunkBytes);
+  for (RecordChunk &chunk : spare) {
+    chunk.bytes.resize(kChunkBytes);
+    chunk.bytes.clear();
+  }
 }
 
 RecordChunk RecordRing::FreshChunk() {
