@@ -209,8 +209,12 @@ TEST_P(PackageActivation, TheCameraInterfaceActivatesItsTransformThroughComUntil
   GUID category = GUID_NULL;
   ASSERT_EQ(S_OK, CLSIDFromString(interfaces[0][1].c_str(), &category)) << Narrow(interfaces[0][1]);
   EXPECT_TRUE(IsEqualGUID(*group.category, category)) << Narrow(interfaces[0][1]);
+  // The camera driver's own interface, the one the frame server opens, carries the reference string
+  // GLOBAL; another would make a second interface.
+  EXPECT_EQ(L"GLOBAL", interfaces[0][2]);
   const std::wstring parameters = std::wstring(kStandInRoot) + L"\\DeviceClasses\\" + interfaces[0][1] +
-                                  L"\\##?#" + model[2] + L"#" + interfaces[0][1] + L"\\#GLOBAL\\Device Parameters";
+                                  L"\\##?#" + model[2] + L"#" + interfaces[0][1] + L"\\#" + interfaces[0][2] +
+                                  L"\\Device Parameters";
   HKEY hkr = nullptr;
   ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, parameters.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
                                            nullptr, &hkr, nullptr));
