@@ -373,10 +373,10 @@ class FishEyeEngineRequestTest : public ::testing::Test {
     ASSERT_TRUE(filter);
     ComPtr<IMFTransform> transform;
     ASSERT_EQ(S_OK, filter.As(&transform));
-    ComPtr<IKsControl> camera;
-    ASSERT_EQ(S_OK, filter.As(&camera));
+    ComPtr<IKsControl> cameraKs;
+    ASSERT_EQ(S_OK, filter.As(&cameraKs));
     recorder = user_space_frameworks::MakeComObject<test_support::FakeKsControl>();
-    recorder->SetResponder([this, camera](const test_support::FakeKsControl::Request &request) -> HRESULT {
+    recorder->SetResponder([this, cameraKs](const test_support::FakeKsControl::Request &request) -> HRESULT {
       if (request.type != KsControlType::Property) return E_NOTIMPL;
       if ((request.flags & KSPROPERTY_TYPE_SET) != 0 && request.data != nullptr) {
         std::lock_guard<std::mutex> hold(mutex);
@@ -388,7 +388,7 @@ class FishEyeEngineRequestTest : public ::testing::Test {
           gainWrites.push_back(static_cast<const KSPROPERTY_VIDEOPROCAMP_S *>(request.data)->Value);
         }
       }
-      return camera->KsProperty(reinterpret_cast<PKSPROPERTY>(request.identifier), request.identifierLength,
+      return cameraKs->KsProperty(reinterpret_cast<PKSPROPERTY>(request.identifier), request.identifierLength,
                                 request.data, request.dataLength, request.bytesReturned);
     });
     ComPtr<IKsControl> filterKsControl(recorder.Get());
