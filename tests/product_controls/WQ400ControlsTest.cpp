@@ -138,12 +138,12 @@ TEST_F(DepthCameraTest, HardwareCommandGetReturnsTheReplyAndKeepsFortyFourBytesR
                             static_cast<ULONG>(reply.size()), &bytes));
   EXPECT_EQ(44u, bytes);
   EXPECT_EQ(sim::DeviceInfoTable(sim::DeviceInfoConfig{}), reply);
-  ASSERT_EQ(1u, filter->FirmwareCommands().size());
-  EXPECT_EQ(20u, filter->FirmwareCommands()[0].length);
+  const auto commands = filter->FirmwareCommands();
+  ASSERT_EQ(1u, commands.size());
+  EXPECT_EQ(20u, commands[0].length);
   // A read carries the request's four parameters to the camera as a write does.
   EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
-            std::vector<uint32_t>(std::begin(filter->FirmwareCommands()[0].params),
-                                  std::end(filter->FirmwareCommands()[0].params)));
+            std::vector<uint32_t>(std::begin(commands[0].params), std::end(commands[0].params)));
 
   // 1020 reply bytes is the most a command can return.
   std::vector<BYTE> large(1021, 0);
