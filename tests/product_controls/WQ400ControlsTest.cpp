@@ -138,12 +138,12 @@ TEST_F(DepthCameraTest, HardwareCommandGetReturnsTheReplyAndKeepsFortyFourBytesR
                             static_cast<ULONG>(reply.size()), &bytes));
   EXPECT_EQ(44u, bytes);
   EXPECT_EQ(sim::DeviceInfoTable(sim::DeviceInfoConfig{}), reply);
-  ASSERT_EQ(1u, filter->FirmwareCommands().size());
-  EXPECT_EQ(20u, filter->FirmwareCommands()[0].length);
+  const auto commands = filter->FirmwareCommands();
+  ASSERT_EQ(1u, commands.size());
+  EXPECT_EQ(20u, commands[0].length);
   // A read carries the request's four parameters to the camera as a write does.
   EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
-            std::vector<uint32_t>(std::begin(filter->FirmwareCommands()[0].params),
-                                  std::end(filter->FirmwareCommands()[0].params)));
+            std::vector<uint32_t>(std::begin(commands[0].params), std::end(commands[0].params)));
 
   // 1020 reply bytes is the most a command can return.
   std::vector<BYTE> large(1021, 0);
@@ -373,10 +373,10 @@ class FishEyeEngineRequestTest : public ::testing::Test {
     ASSERT_TRUE(filter);
     ComPtr<IMFTransform> transform;
     ASSERT_EQ(S_OK, filter.As(&transform));
-    ComPtr<IKsControl> camera;
-    ASSERT_EQ(S_OK, filter.As(&camera));
+    ComPtr<IKsControl> cameraKs;
+    ASSERT_EQ(S_OK, filter.As(&cameraKs));
     recorder = user_space_frameworks::MakeComObject<test_support::FakeKsControl>();
-    recorder->SetResponder([this, camera](const test_support::FakeKsControl::Request &request) -> HRESULT {
+    recorder->SetResponder([this, cameraKs](const test_support::FakeKsControl::Request &request) -> HRESULT {
       if (request.type != KsControlType::Property) return E_NOTIMPL;
       if ((request.flags & KSPROPERTY_TYPE_SET) != 0 && request.data != nullptr) {
         std::lock_guard<std::mutex> hold(mutex);
@@ -388,7 +388,7 @@ class FishEyeEngineRequestTest : public ::testing::Test {
           gainWrites.push_back(static_cast<const KSPROPERTY_VIDEOPROCAMP_S *>(request.data)->Value);
         }
       }
-      return camera->KsProperty(reinterpret_cast<PKSPROPERTY>(request.identifier), request.identifierLength,
+      return cameraKs->KsProperty(reinterpret_cast<PKSPROPERTY>(request.identifier), request.identifierLength,
                                 request.data, request.dataLength, request.bytesReturned);
     });
     ComPtr<IKsControl> filterKsControl(recorder.Get());
