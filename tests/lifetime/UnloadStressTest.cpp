@@ -130,8 +130,8 @@ TEST(UnloadStress, TheModuleIsUnloadedTheMomentItAllowsItWhileItsLastObjectGoes)
   const std::wstring path = PrivateModuleCopy();
   ASSERT_FALSE(path.empty()) << "the DLL could not be copied, error " << GetLastError();
   RoundWatchdog watchdog("unload stress", std::chrono::seconds(60));
-  // 1 000 rounds per class at WQ400_LIFETIME_SCALE=10.
-  const uint64_t rounds = Scaled(300);
+  // 50 rounds per class; 1 000 at WQ400_LIFETIME_SCALE=20.
+  const uint64_t rounds = Scaled(150);
   Counts counts;
   for (uint64_t round = 0; round < rounds && !HasFailure(); ++round) {
     const Subject &subject = Subjects()[round % Subjects().size()];
