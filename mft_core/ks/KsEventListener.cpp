@@ -125,8 +125,6 @@ HRESULT KsEventListener::Start() {
     WQ_TRACE(Warning, name << ": arming again after a failed start, count " << startCount);
   }
   state = Starting;
-  // A signal left by the last stop is not the driver's: the driver signals only once enabled below.
-  ResetEvent(kseventdata.EventHandle.Event);
   const HRESULT armed = WaitAsyncForNotification();
   if (FAILED(armed)) {
     // Nothing is armed: the next Start tries again rather than finding the listener stuck in Starting.
@@ -177,23 +175,13 @@ void KsEventListener::Stop() {
     // cancelled can be invoked once for the signal and once more for the cancellation.
     stopCompletionPending = true;
     ResetEvent(stopCompleted.Get());
-    // The pending wait is ended by its own event, so the platform completes the work item and lets go
-    // of it and of the callback in it. A cancelled waiting item may be kept by the platform (Wine keeps
-    // it for good), and with it the module, which then can never be unloaded.
-    SetEvent(kseventdata.EventHandle.Event);
+    LOG_IF_FAILED(workItemWrapper->Cancel());
   }
 
-  // Uninit, the only closer of these handles, is excluded by startStopLock.
-  DWORD waitResult = WaitForSingleObject(stopCompleted.Get(), kSignalledStopMs);
-  if (waitResult == WAIT_TIMEOUT) {
-    // The queue did not deliver the signalled wait: cancel it. Where cancelling invokes the callback,
-    // Invoke completes the stop; where it does not, the wait runs out and the event is disabled here.
-    {
-      AutoLock lock(critSec);
-      if (stopCompletionPending) LOG_IF_FAILED(workItemWrapper->Cancel());
-    }
-    waitResult = WaitForSingleObject(stopCompleted.Get(), kStopTimeoutMs);
-  }
+  // Where cancelling invokes the callback, Invoke completes the stop at once; where it does not, the
+  // wait runs out and the event is disabled here instead. Uninit, the only closer of this handle, is
+  // excluded by startStopLock.
+  const DWORD waitResult = WaitForSingleObject(stopCompleted.Get(), kStopTimeoutMs);
   if (waitResult == WAIT_TIMEOUT) {
     WQ_TRACE(Error, name << ": stop did not complete within " << kStopTimeoutMs << " ms");
   } else if (waitResult != WAIT_OBJECT_0) {

@@ -28,8 +28,6 @@ class KsEventListener : public user_space_frameworks::ComObject<IMFAsyncCallback
   enum State : LONG { Stopped = 0, Starting = 1, Active = 2, Stopping = 3 };
   static constexpr LONG kWorkItemPriority = 5;
   static constexpr DWORD kStopTimeoutMs = 5000;
-  // How long a stop waits for the signalled wait to be delivered before it cancels the wait.
-  static constexpr DWORD kSignalledStopMs = 500;
   // A wait that completes with a failure is armed again after a pause that doubles up to this bound.
   static constexpr DWORD kFirstRearmDelayMs = 10;
   static constexpr DWORD kMaxRearmDelayMs = 1000;
