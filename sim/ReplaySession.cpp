@@ -132,12 +132,6 @@ class EventPump {
       : generator(std::move(generator)), thread([this] { Run(); }) {}
   ~EventPump() { thread.join(); }
 
-  // Waits up to `ms` until `count` have-output events in all have been queued.
-  bool WaitForHaveOutputs(size_t count, DWORD ms) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return arrived.wait_for(lock, std::chrono::milliseconds(ms), [&] { return ended || haveOutputs >= count; });
-  }
-
   // The first of the next few events that equals `wanted`, removed; waits up to `ms` for it.
   bool Take(const QueuedEvent &wanted, DWORD ms, std::string &seen) {
     std::unique_lock<std::mutex> lock(mutex);
@@ -178,7 +172,6 @@ class EventPump {
       {
         std::lock_guard<std::mutex> lock(mutex);
         events.push_back(queued);
-        if (type == METransformHaveOutput) ++haveOutputs;
       }
       arrived.notify_all();
     }
@@ -194,7 +187,6 @@ class EventPump {
   std::mutex mutex;
   std::condition_variable arrived;
   std::deque<QueuedEvent> events;
-  size_t haveOutputs = 0;  // queued so far
   bool ended = false;
   std::thread thread;
 };
@@ -518,46 +510,24 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
     }
   }
   const std::vector<Record> recordedRequests = driverRequests;
-  // What the records prove about the order of calls on different threads:
-  // - Output stream N hands out input stream N's frames in the order they were queued, and each queued
-  //   frame is announced by a have-output event recorded inside the call that queued it: the k-th sample
-  //   a stream delivered is the frame of the k-th have-output event queued by a call on that stream. For
-  //   each ProcessOutput, how many such frames of each stream must be in before it is made.
-  // - A ProcessOutput is entered after the frame server saw the have-output events recorded before it:
-  //   the calls that queued them (`haveOutputCalls`, in record order) are made and the events awaited
-  //   first (`haveOutputsBefore`, how many).
-  // - A ProcessOutput that handed out no sample of a stream looked before that stream's next frame was
-  //   queued: the call that queued it is made after that ProcessOutput returned (`noSampleOf`).
-  std::map<uint32_t, std::vector<const Record *>> framesOf;  // calls that queued a frame, per stream, in order
+  // Output stream N hands out input stream N's frames in the order they came in: the k-th sample a
+  // stream delivered was the k-th frame its input took. For each ProcessOutput, how many frames of each
+  // stream must be in before it is made.
+  std::map<uint32_t, std::vector<const Record *>> framesOf;  // accepted ProcessInput calls, in entry order
   std::map<const Record *, std::map<uint32_t, size_t>> framesNeeded;
-  std::vector<const Record *> haveOutputCalls;
-  std::map<const Record *, size_t> haveOutputsBefore;
-  std::map<const Record *, std::vector<uint32_t>> noSampleOf;  // ProcessOutput entry -> streams without a sample
   {
     std::map<const Record *, const Record *> entryOf;
     for (const auto &call : exitOf) entryOf[call.second] = call.first;
     std::map<uint32_t, size_t> delivered;
-    std::map<uint32_t, std::vector<const Record *>> open;
     for (const Record &r : records) {
-      if (r.Kind() == RecordKind::CallEntry) {
-        open[r.threadId].push_back(&r);
-        if (device_events::CallName(r) == "ProcessOutput") haveOutputsBefore[&r] = haveOutputCalls.size();
-      }
-      if (r.Kind() == RecordKind::CallExit && !open[r.threadId].empty()) open[r.threadId].pop_back();
-      if (r.Kind() == RecordKind::MediaEvent && U32At(r, 0) == METransformHaveOutput && !open[r.threadId].empty()) {
-        const Record *producer = open[r.threadId].back();
-        if (exitOf.count(producer) != 0) {
-          haveOutputCalls.push_back(producer);
-          if (device_events::CallName(*producer) == "ProcessInput") framesOf[U32At(*producer, 1)].push_back(producer);
-        }
+      if (r.Kind() == RecordKind::CallEntry && device_events::CallName(r) == "ProcessInput" && exitOf.count(&r) != 0 &&
+          exitOf[&r]->result == 0) {
+        framesOf[U32At(r, 1)].push_back(&r);
       }
       if (r.Kind() == RecordKind::CallExit && device_events::CallName(r) == "ProcessOutput" && entryOf.count(&r) != 0) {
         for (size_t b = 1; b + 2 < r.values.size(); b += 3) {
+          if (r.values[b + 2].tag != ValueTag::Sample) continue;
           const uint32_t stream = U32At(r, b);
-          if (r.values[b + 2].tag != ValueTag::Sample) {
-            noSampleOf[entryOf[&r]].push_back(stream);
-            continue;
-          }
           framesNeeded[entryOf[&r]][stream] = ++delivered[stream];
         }
       }
@@ -601,10 +571,6 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
     // and how many frames of each stream are known to be in.
     std::map<const Record *, std::shared_ptr<PendingCall>> callsByEntry;
     std::map<uint32_t, size_t> framesIn;
-    size_t haveOutputsIn = 0;
-    // ProcessOutput calls made that handed out no sample of a stream when recorded, per stream, until
-    // that stream's next frame is made.
-    std::map<uint32_t, std::vector<std::shared_ptr<PendingCall>>> emptyHandedOut;
     auto callOf = [&](const Record &entry) {
       auto &call = callsByEntry[&entry];
       if (!call) {
@@ -661,11 +627,6 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           if (call->name == "Shutdown") shutdownReplayed = true;
           pending[r.threadId].push_back(call);
           if (call->name == "ProcessOutput" && exitOf.count(&r) != 0) {
-            // The have-output events the frame server had seen are queued first.
-            for (; haveOutputsIn < haveOutputsBefore[&r]; ++haveOutputsIn) {
-              post(haveOutputCalls[haveOutputsIn]->threadId, callOf(*haveOutputCalls[haveOutputsIn]));
-            }
-            if (pump) pump->WaitForHaveOutputs(haveOutputsBefore[&r], options.waitMs);
             // The frames it hands out are made first, with every frame before them, in their order.
             for (const auto &needed : framesNeeded[&r]) {
               const auto &frames = framesOf[needed.first];
@@ -677,7 +638,6 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
               }
             }
             post(r.threadId, call);
-            for (uint32_t stream : noSampleOf[&r]) emptyHandedOut[stream].push_back(call);
           }
           if (MadeAtEntry(call->name)) post(r.threadId, call);
           break;
@@ -691,12 +651,6 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           auto call = calls.back();
           calls.pop_back();
           ++report.calls;
-          if (call->name == "ProcessInput") {
-            // A ProcessOutput still running when this frame came had found its stream empty: it looks first.
-            auto &looking = emptyHandedOut[U32At(*call->entry, 1)];
-            for (const auto &output : looking) output->Wait(options.waitMs);
-            looking.clear();
-          }
           post(r.threadId, call);
           if (!call->Wait(options.waitMs)) {
             diverge(r, "the call did not return within " + std::to_string(options.waitMs) + " ms");
