@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The device events recording's tools, built for Windows and run under Wine:
 #   scripts/events.sh dump <events.bin> [--kind ...] [--stream N] [--verbose]
-#   scripts/events.sh replay <events.bin> [--dll <path>] [--class {CLSID}]
+#   scripts/events.sh replay <events.bin> [--dll <path>] [--class {CLSID}] [--repeat N]
 #   scripts/events.sh trigger            (every flight recorder writes a file of its records)
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -33,14 +33,20 @@ constexpr size_t kEventWindow = 8;
 // A queued event may lag its record by this many records before the replay waits for it.
 constexpr uint64_t kEventSlack = 64;
 
-// ProcessOutput is made where it was entered (see ReplayRecording). Calls that may wait for another thread's call (a state request waits for the frame server's answer,
-// which releases it; the end of work in flight) are made where they were entered. Every other call is made where it
-// returned: its effect (a sample queued, a sample taken) happened at some point in between, and the
-// return is the one place where it had certainly happened.
-bool MadeAtEntry(const std::string &name) {
+// Where each call is made again. A call's effect on other threads happened somewhere between its entry
+// and its return; the replay picks the point the recording proves:
+// - ProcessOutput is made at its entry, once the frames it handed out are in, and finishes before the
+//   replay goes on: it never waits for another thread, and what it found (a frame, or none yet) is
+//   what the transform held when it was entered.
+// - A call that may wait for another thread's call (a state request waits for the frame server's
+//   answer, which releases it; the end of work in flight) is made at the first record its thread wrote
+//   after entering it (the event it queued, a driver request, its return): calls of other threads that
+//   came before that record saw the transform as it was before the request.
+// - Every other call is made where it returned: the return is the one place where its effect (a
+//   sample queued, a sample taken) had certainly happened.
+bool WaitsForOtherThreads(const std::string &name) {
   return name == "InitializeTransform" || name == "SetOutputStreamState" || name == "SetInputStreamState" ||
-         name == "Shutdown" ||
-         name == "ProcessMessage" || name == "FlushInputStream" || name == "FlushOutputStream";
+         name == "Shutdown" || name == "ProcessMessage" || name == "FlushInputStream" || name == "FlushOutputStream";
 }
 
 std::string Hex(uint32_t value) {
@@ -52,7 +58,7 @@ std::string Hex(uint32_t value) {
 // A thread standing for one recorded thread: runs its calls in order.
 class Lane {
  public:
-  Lane() : thread([this] { Run(); }) {}
+  Lane(DWORD jitterMs, uint32_t seed) : jitterMs(jitterMs), random(seed), thread([this] { Run(); }) {}
   ~Lane() {
     {
       std::lock_guard<std::mutex> lock(mutex);
@@ -81,10 +87,16 @@ class Lane {
         task = std::move(tasks.front());
         tasks.pop_front();
       }
+      if (jitterMs != 0) {
+        random = random * 1664525u + 1013904223u;
+        std::this_thread::sleep_for(std::chrono::microseconds((random >> 8) % (jitterMs * 1000 + 1)));
+      }
       task();
     }
     CoUninitialize();
   }
+  const DWORD jitterMs;
+  uint32_t random;
   std::mutex mutex;
   std::condition_variable wake;
   std::deque<std::function<void()>> tasks;
@@ -354,6 +366,29 @@ void MakeCall(IMFDeviceTransform *device, RecordedCameraFilter *filter, PendingC
   }
 }
 
+// Whether every output stream a recorded ProcessOutput return names is in the state the call found it
+// in (running, or not), waiting up to `ms` for it.
+bool StreamsAsRecorded(IMFDeviceTransform *device, const Record &exit, DWORD ms) {
+  // Only a call that looked at its buffers says what it found.
+  if (exit.result != static_cast<uint32_t>(S_OK) && exit.result != static_cast<uint32_t>(MF_E_TRANSFORM_NEED_MORE_INPUT)) {
+    return true;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  for (;;) {
+    bool asRecorded = true;
+    for (size_t b = 1; b + 2 < exit.values.size() && asRecorded; b += 3) {
+      const bool wasRunning = U32At(exit, b + 1) != 0 || exit.values[b + 2].tag == ValueTag::Sample;
+      DeviceStreamState state = DeviceStreamState_Stop;
+      const bool running = SUCCEEDED(device->GetOutputStreamState(U32At(exit, b), &state)) &&
+                           state == DeviceStreamState_Run;
+      asRecorded = running == wasRunning;
+    }
+    if (asRecorded) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
 // Why two recorded values differ, or empty.
 std::string CompareValues(const Value &recorded, const Value &now) {
   if (recorded.tag != now.tag) {
@@ -584,7 +619,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
     bool shutdownReplayed = false;
     auto lane = [&](uint32_t thread) -> Lane & {
       auto &slot = lanes[thread];
-      if (!slot) slot = std::make_unique<Lane>();
+      if (!slot) slot = std::make_unique<Lane>(options.laneJitterMs, thread);
       return *slot;
     };
     auto post = [&](uint32_t thread, const std::shared_ptr<PendingCall> &call) {
@@ -619,8 +654,18 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       }
     };
 
+    // Calls that may wait for other threads, entered and not made yet, by their thread.
+    std::map<uint32_t, std::shared_ptr<PendingCall>> deferred;
+    auto postDeferred = [&](uint32_t thread) {
+      const auto found = deferred.find(thread);
+      if (found == deferred.end()) return;
+      post(thread, found->second);
+      deferred.erase(found);
+    };
+
     for (const Record &r : records) {
       if (!report.divergence.empty()) break;
+      postDeferred(r.threadId);
       switch (r.Kind()) {
         case RecordKind::CallEntry: {
           auto call = callOf(r);
@@ -637,9 +682,17 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
                 input->Wait(options.waitMs);
               }
             }
+            // A stream it asked for that was not running left its buffer as given; one that was running
+            // gave a sample or said it had none. A state request in flight on another thread may have
+            // changed that (or not yet) when the call was made: wait for the state it found.
+            if (!StreamsAsRecorded(device.Get(), *exitOf[&r], 0)) {
+              while (!deferred.empty()) postDeferred(deferred.begin()->first);
+              StreamsAsRecorded(device.Get(), *exitOf[&r], options.waitMs);
+            }
             post(r.threadId, call);
+            call->Wait(options.waitMs);
           }
-          if (MadeAtEntry(call->name)) post(r.threadId, call);
+          if (WaitsForOtherThreads(call->name)) deferred[r.threadId] = call;
           break;
         }
         case RecordKind::CallExit: {
@@ -651,6 +704,11 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           auto call = calls.back();
           calls.pop_back();
           ++report.calls;
+          // A call that waits for another thread may wait for one entered after it and not made yet
+          // (a Shutdown ends the waits in flight).
+          if (WaitsForOtherThreads(call->name)) {
+            while (!deferred.empty()) postDeferred(deferred.begin()->first);
+          }
           post(r.threadId, call);
           if (!call->Wait(options.waitMs)) {
             diverge(r, "the call did not return within " + std::to_string(options.waitMs) + " ms");
@@ -799,6 +857,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       context.push_back(device_events::FormatRecord(r, names));
       if (context.size() > kContextRecords) context.pop_front();
     }
+    while (!deferred.empty()) postDeferred(deferred.begin()->first);
     settle(true);
     if (report.divergence.empty()) {
       const auto unused = filter->UnusedRequests();

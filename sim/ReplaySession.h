@@ -21,6 +21,9 @@ using ReplayTransformFactory =
 
 struct ReplayOptions {
   DWORD waitMs = 10000;  // for a call to return or a media event to be queued
+  // Each thread standing for a recorded thread waits up to this long (pseudo-randomly) before each call,
+  // as a loaded machine delays threads: the order the replay keeps must not depend on it.
+  DWORD laneJitterMs = 0;
 };
 
 struct ReplayReport {

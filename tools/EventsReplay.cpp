@@ -1,10 +1,13 @@
 // Replays a device events recording against a transform and reports where its behaviour differs.
-//   events_replay <events.bin> [--dll <path>] [--class {CLSID}] [--wait-ms N]
+//   events_replay <events.bin> [--dll <path>] [--class {CLSID}] [--wait-ms N] [--repeat N]
 // The module's recorded class (from the recording, its transform name, or --class) is created through
 // the class factory of the DLL at --dll, by default the one built beside this program. Recordings of the
 // framework's pass-through transform ("Simulated <camera> MFT") replay without --dll against the
-// pass-through transform linked into this program. Exit code: 0 when the run matches, 1 at the first
-// divergence (printed with the records before it), 2 for bad options or a recording that cannot be read.
+// pass-through transform linked into this program. --repeat replays the recording N times, each against a
+// fresh transform, and counts the matches (a replay must not depend on the machine's load). Exit code: 0
+// when every run matches, 1 at a divergence (printed with the records before it), 2 for bad options or a
+// recording that cannot be read.
+#include <cstdlib>
 #include <iostream>
 #include <string>
 
@@ -18,7 +21,7 @@
 namespace {
 
 int Usage() {
-  std::cerr << "usage: events_replay <events.bin> [--dll <path>] [--class {CLSID}] [--wait-ms N]\n";
+  std::cerr << "usage: events_replay <events.bin> [--dll <path>] [--class {CLSID}] [--wait-ms N] [--repeat N]\n";
   return 2;
 }
 
@@ -32,6 +35,7 @@ int main(int argc, char **argv) {
   std::string path, dll;
   std::wstring classText;
   sim::ReplayOptions options;
+  unsigned long repeat = 1;
   const std::vector<tools::ToolOption> known = {
       {"--dll", true, [&](const std::string &value) { return !(dll = value).empty(); }},
       {"--class", true,
@@ -43,6 +47,11 @@ int main(int argc, char **argv) {
        [&](const std::string &value) {
          options.waitMs = static_cast<DWORD>(std::strtoul(value.c_str(), nullptr, 10));
          return options.waitMs > 0;
+       }},
+      {"--repeat", true,
+       [&](const std::string &value) {
+         repeat = std::strtoul(value.c_str(), nullptr, 10);
+         return repeat > 0;
        }},
   };
   if (!tools::ParseToolArguments(argc, argv, known, path)) return Usage();
@@ -60,7 +69,7 @@ int main(int argc, char **argv) {
   // Loaded on first use, and kept until every transform it made is gone.
   tools::DllTransformFactory module(dll.empty() ? tools::DllTransformFactory::DefaultModulePath()
                                                 : std::wstring(dll.begin(), dll.end()));
-  bool setupFailed = false;
+  bool setupFailed = false, announced = false;
   auto factory = [&](const device_events::FileHeader &header, IMFDeviceTransform **transform) -> HRESULT {
     if (dll.empty() && classText.empty() && IsSimulatedSessionRecording(header)) {
       return sim::CreateSimulatedSessionTransform(header, transform);
@@ -82,23 +91,30 @@ int main(int argc, char **argv) {
       return E_FAIL;
     }
     setupFailed = false;
-    std::cout << "Replaying against " << module.Describe() << "\n";
+    if (!announced) std::cout << "Replaying against " << module.Describe() << "\n";
+    announced = true;
     return module.CreateClass(clsid, transform);
   };
 
   int exitCode = 0;
-  {
+  unsigned long matches = 0;
+  for (unsigned long round = 1; round <= repeat; ++round) {
     const sim::ReplayReport report = sim::ReplayRecording(bytes, factory, options);
-    if (!report.matched) {
+    if (report.matched) {
+      ++matches;
+    } else {
+      if (repeat > 1) std::cout << "Replay " << round << " of " << repeat << ":\n";
       if (!report.context.empty()) {
         std::cout << "Before it:\n";
         for (const auto &line : report.context) std::cout << "  " << line << "\n";
       }
       std::cout << "First divergence " << report.divergence << "\n";
+      exitCode = setupFailed ? 2 : 1;
     }
-    std::cout << report.Summary() << "\n";
-    exitCode = report.matched ? 0 : (setupFailed ? 2 : 1);
+    if (repeat == 1 || round == repeat || (!report.matched && setupFailed)) std::cout << report.Summary() << "\n";
+    if (setupFailed) break;
   }
+  if (repeat > 1) std::cout << matches << " of " << repeat << " replays matched\n";
   MFShutdown();
   CoUninitialize();
   return exitCode;

@@ -1,5 +1,7 @@
 #include "RecordingSupport.h"
 
+#include <atomic>
+
 #include "device_events/Timeline.h"
 #include "mft_core/recorder/DeviceEventsRecorder.h"
 
@@ -161,7 +163,10 @@ void RunShortSession(ComPtr<IMFDeviceTransform> device) {
 }
 
 std::vector<uint8_t> RecordSession(const wchar_t *name, const std::function<void()> &session, DWORD pixelData) {
-  const std::wstring path = TemporaryRecordingPath(name);
+  // A file of its own each time: a transform of an earlier session that the platform still holds may
+  // write its closing records late.
+  static std::atomic<unsigned> sessions{0};
+  const std::wstring path = TemporaryRecordingPath((std::wstring(name) + L"-" + std::to_wstring(++sessions)).c_str());
   {
     RecordingSwitch on(path, 1, pixelData);
     session();
