@@ -113,12 +113,15 @@ void RecomputeForSession() {
 ClassicTraceProvider classicProvider(kClassicProviderGuid, &RecomputeForSession);
 StructuredEventProvider eventProvider(kEventProviderName, kEventProviderGuid, &RecomputeForSession);
 
+std::atomic<void (*)()> recomputeProbe{nullptr};
+
 void Recompute() {
   const int level = std::max(sinkLevel.load(std::memory_order_relaxed), classicProvider.EnabledLevel());
+  const bool events = sinkEvents.load(std::memory_order_relaxed) ||
+                      eventProvider.IsEnabled(TRACE_LEVEL_VERBOSE, kFrameEventsKeyword);
+  if (const auto probe = recomputeProbe.load(std::memory_order_relaxed)) probe();
   currentLevel.store(level, std::memory_order_relaxed);
-  eventsEnabled.store(sinkEvents.load(std::memory_order_relaxed) ||
-                          eventProvider.IsEnabled(TRACE_LEVEL_VERBOSE, kFrameEventsKeyword),
-                      std::memory_order_relaxed);
+  eventsEnabled.store(events, std::memory_order_relaxed);
 }
 
 void StoreSink(std::shared_ptr<TraceSink> sink, int level, bool events) {
@@ -166,6 +169,8 @@ std::string FieldsText(EventOpcode opcode, const GUID *activityId, std::initiali
 }
 
 }  // namespace
+
+void SetRecomputeProbe(void (*probe)()) { recomputeProbe.store(probe, std::memory_order_relaxed); }
 
 std::shared_ptr<TraceSink> SetSink(std::shared_ptr<TraceSink> sink, TraceLevel level, bool events) {
   ForgetReportedFailure();

@@ -79,6 +79,9 @@ inline bool EventsEnabled() { return eventsEnabled.load(std::memory_order_relaxe
 
 // Installs `sink` at `level` (Off or a null sink switches the text sink off). Returns the previous sink.
 std::shared_ptr<TraceSink> SetSink(std::shared_ptr<TraceSink> sink, TraceLevel level, bool events = true);
+// Tests: runs between working out the trace level and storing it, to widen the window in which a
+// session's callback and a sink setter overlap.
+void SetRecomputeProbe(void (*probe)());
 // Reads WQ400_TRACE ("error", "warning", "info", "verbose") and WQ400_TRACE_FILE once; the host and
 // the module call it at start-up.
 void ConfigureFromEnvironment();

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -229,6 +230,22 @@ TEST_F(PlatformProvidersTest, RegisterWithThePlatformAndUnregister) {
   EXPECT_EQ(static_cast<ULONG>(ERROR_SUCCESS), trace::RegisterPlatformProviders()) << "a second attach is harmless";
   trace::UnregisterPlatformProviders();
   EXPECT_EQ(0u, trace::EventProvider().Handle());
+}
+
+// A session that starts while the text sink changes on another thread: the platform's callback and the
+// sink setter both work out the trace level, and the one that stores last must have seen both changes.
+std::thread sessionStarter;
+void StartSessionMidway() {
+  trace::SetRecomputeProbe(nullptr);
+  sessionStarter = std::thread([] { trace::ClassicProvider().OnControl(true, 0x1234, TRACE_LEVEL_VERBOSE); });
+  Sleep(100);  // the session's callback runs now, unless it has to wait for the setter
+}
+
+TEST_F(PlatformProvidersTest, ASessionStartingWhileTheSinkChangesLeavesTracingOn) {
+  trace::SetRecomputeProbe(&StartSessionMidway);
+  trace::SetSink(nullptr, TraceLevel::Off, false);
+  sessionStarter.join();
+  EXPECT_TRUE(trace::IsEnabled(TraceLevel::Verbose)) << "tracing is off while a session listens";
 }
 
 }  // namespace
