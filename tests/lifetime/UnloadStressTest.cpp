@@ -19,10 +19,10 @@ namespace {
 
 // A private copy of the built DLL: the rest of this program keeps the built one loaded for good, and a
 // module that is never unmapped cannot show an early unload.
-std::wstring PrivateModuleCopy() {
+std::wstring PrivateModuleCopy(const wchar_t *name = L"unload") {
   wchar_t directory[MAX_PATH];
   GetTempPathW(MAX_PATH, directory);
-  const std::wstring folder = std::wstring(directory) + L"wq400-unload-" + std::to_wstring(GetCurrentProcessId());
+  const std::wstring folder = std::wstring(directory) + L"wq400-" + name + L"-" + std::to_wstring(GetCurrentProcessId());
   CreateDirectoryW(folder.c_str(), nullptr);
   const std::wstring path = folder + L"\\WQ400DeviceMft.dll";
   if (!CopyFileW(test_module::BuiltModulePath().c_str(), path.c_str(), FALSE)) return std::wstring();
@@ -128,6 +128,30 @@ void RunRound(const std::wstring &path, const Subject &subject, uint64_t round, 
   if (!streaming) {
     EXPECT_TRUE(unloaded) << name << ": the module never allowed its unload after every object was released";
   }
+}
+
+DWORD LowestFreeTlsIndex() {
+  const DWORD index = TlsAlloc();
+  TlsFree(index);
+  return index;
+}
+
+// The thread library linked into the module takes a thread-local storage index: a host that loads and
+// unloads the module a thousand times runs out of them (and the library ends the process) unless each
+// unload gives its index back.
+TEST(UnloadStress, AnUnloadedModuleGivesBackItsThreadLocalStorageIndex) {
+  const std::wstring path = PrivateModuleCopy(L"tls");
+  ASSERT_FALSE(path.empty());
+  auto cycle = [&] {
+    LoadedModule module(path);
+    ASSERT_TRUE(module.Loaded());
+    EXPECT_TRUE(module.Create(Subjects()[0]));
+    ASSERT_TRUE(module.UnloadWhenAllowed(10000));
+  };
+  cycle();  // what the platform takes once, on first use
+  const DWORD before = LowestFreeTlsIndex();
+  for (int i = 0; i < 4; ++i) cycle();
+  EXPECT_EQ(before, LowestFreeTlsIndex()) << "each load of the module kept an index";
 }
 
 TEST(UnloadStress, TheModuleIsUnloadedTheMomentItAllowsItWhileItsLastObjectGoes) {
