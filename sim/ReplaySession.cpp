@@ -662,6 +662,9 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       post(thread, found->second);
       deferred.erase(found);
     };
+    auto postAllDeferred = [&] {
+      while (!deferred.empty()) postDeferred(deferred.begin()->first);
+    };
 
     for (const Record &r : records) {
       if (!report.divergence.empty()) break;
@@ -686,7 +689,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
             // gave a sample or said it had none. A state request in flight on another thread may have
             // changed that (or not yet) when the call was made: wait for the state it found.
             if (!StreamsAsRecorded(device.Get(), *exitOf[&r], 0)) {
-              while (!deferred.empty()) postDeferred(deferred.begin()->first);
+              postAllDeferred();
               StreamsAsRecorded(device.Get(), *exitOf[&r], options.waitMs);
             }
             post(r.threadId, call);
@@ -706,9 +709,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           ++report.calls;
           // A call that waits for another thread may wait for one entered after it and not made yet
           // (a Shutdown ends the waits in flight).
-          if (WaitsForOtherThreads(call->name)) {
-            while (!deferred.empty()) postDeferred(deferred.begin()->first);
-          }
+          if (WaitsForOtherThreads(call->name)) postAllDeferred();
           post(r.threadId, call);
           if (!call->Wait(options.waitMs)) {
             diverge(r, "the call did not return within " + std::to_string(options.waitMs) + " ms");
@@ -857,7 +858,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       context.push_back(device_events::FormatRecord(r, names));
       if (context.size() > kContextRecords) context.pop_front();
     }
-    while (!deferred.empty()) postDeferred(deferred.begin()->first);
+    postAllDeferred();
     settle(true);
     if (report.divergence.empty()) {
       const auto unused = filter->UnusedRequests();
