@@ -14,31 +14,27 @@ namespace {
 
 // Makes a transform and hands its one reference to the caller as IUnknown.
 template <typename Transform>
-HRESULT CreateTransform(const char *prettyFunction, IUnknown **object) {
+HRESULT CreateTransform(user_space_frameworks::SourcePoint where, IUnknown **object) {
   RETURN_IF_NULL(object);
   *object = nullptr;
-  user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, prettyFunction, "==>");
-  const HRESULT hr = user_space_frameworks::ExceptionGuard(prettyFunction, [&]() -> HRESULT {
+  return user_space_frameworks::Guarded(where, [&]() -> HRESULT {
     auto transform = user_space_frameworks::MakeComObject<Transform>();
     return transform->QueryInterface(IID_PPV_ARGS(object));
   });
-  user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, prettyFunction,
-                                      "<== " + user_space_frameworks::trace::HrText(hr));
-  return hr;
 }
 
 }  // namespace
 
 HRESULT CreateWQ400DepthDeviceMft(IUnknown **object) {
-  return CreateTransform<mft_core::WQ400DepthDeviceMft>(WQ_FUNCTION, object);
+  return CreateTransform<mft_core::WQ400DepthDeviceMft>(WQ_HERE, object);
 }
 
 HRESULT CreateWQ400ColorDeviceMft(IUnknown **object) {
-  return CreateTransform<mft_core::WQ400ColorDeviceMFT>(WQ_FUNCTION, object);
+  return CreateTransform<mft_core::WQ400ColorDeviceMFT>(WQ_HERE, object);
 }
 
 HRESULT CreateWQ400FishEyeDeviceMft(IUnknown **object) {
-  return CreateTransform<mft_core::WQ400FishEyeDeviceMft>(WQ_FUNCTION, object);
+  return CreateTransform<mft_core::WQ400FishEyeDeviceMft>(WQ_HERE, object);
 }
 
 }  // namespace mft_utils

@@ -16,18 +16,18 @@ bool IsNormalExchangeResult(HRESULT hr) {
 
 TraceLevel FailureLevel(HRESULT hr) { return IsNormalExchangeResult(hr) ? TraceLevel::Verbose : TraceLevel::Error; }
 
-void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr, bool expected) {
+void ReportFailure(SourcePoint where, const char *expression, HRESULT hr, bool expected) {
   TraceLevel level = expected ? TraceLevel::Verbose : FailureLevel(hr);
   // The function that saw the failure traced it; callers that only pass the same code up trace verbose.
   if (level == TraceLevel::Error && hr == trace::reportedFailure) level = TraceLevel::Verbose;
   if (!trace::IsEnabled(level)) return;
   if (level == TraceLevel::Error) trace::reportedFailure = hr;
-  trace::Write(level, prettyFunction, std::string(expression) + " failed: " + trace::HrText(hr));
+  trace::Write(level, where, std::string(expression) + " failed: " + trace::HrText(hr));
 }
 
-void ReportNull(const char *prettyFunction, const char *name, HRESULT hr) {
+void ReportNull(SourcePoint where, const char *name, HRESULT hr) {
   if (!trace::IsEnabled(TraceLevel::Error)) return;
-  trace::Write(TraceLevel::Error, prettyFunction,
+  trace::Write(TraceLevel::Error, where,
                std::string(name) + " is nullptr, expected valid pointer: " + trace::HrText(hr));
 }
 

@@ -15,9 +15,9 @@ TraceLevel FailureLevel(HRESULT hr);
 // Traces "<expression> failed: 0x...." at the error level (verbose for a normal-exchange result). Within
 // one public call a failure is traced at the error level once, by the function that saw it: a caller
 // that passes the same code up traces it at the verbose level.
-void ReportFailure(const char *prettyFunction, const char *expression, HRESULT hr, bool expected = false);
+void ReportFailure(SourcePoint where, const char *expression, HRESULT hr, bool expected = false);
 // Traces "<name>" "nullptr" where a "valid pointer" was expected.
-void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);
+void ReportNull(SourcePoint where, const char *name, HRESULT hr);
 
 }  // namespace user_space_frameworks
 
@@ -25,7 +25,7 @@ void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);
   do {                                                                             \
     const HRESULT wqHr_ = (expression);                                            \
     if (FAILED(wqHr_)) {                                                           \
-      ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #expression, wqHr_);     \
+      ::user_space_frameworks::ReportFailure(WQ_HERE, #expression, wqHr_);     \
       return wqHr_;                                                                \
     }                                                                              \
   } while (0)
@@ -36,7 +36,7 @@ void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);
   do {                                                                                               \
     const HRESULT wqHr_ = (expression);                                                              \
     if (FAILED(wqHr_)) {                                                                             \
-      ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #expression, wqHr_, wqHr_ == (normal));    \
+      ::user_space_frameworks::ReportFailure(WQ_HERE, #expression, wqHr_, wqHr_ == (normal));    \
       return wqHr_;                                                                                  \
     }                                                                                                \
   } while (0)
@@ -48,7 +48,7 @@ void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);
 #define RETURN_HR_IF_NULL(hr, pointer)                                       \
   do {                                                                       \
     if ((pointer) == nullptr) {                                              \
-      ::user_space_frameworks::ReportNull(WQ_FUNCTION, #pointer, (hr));      \
+      ::user_space_frameworks::ReportNull(WQ_HERE, #pointer, (hr));      \
       return (hr);                                                           \
     }                                                                        \
   } while (0)
@@ -57,24 +57,24 @@ void ReportNull(const char *prettyFunction, const char *name, HRESULT hr);
 #define RETURN_HR_IF(hr, condition)                                                \
   do {                                                                             \
     if (condition) {                                                               \
-      ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #condition, (hr));       \
+      ::user_space_frameworks::ReportFailure(WQ_HERE, #condition, (hr));       \
       return (hr);                                                                 \
     }                                                                              \
   } while (0)
 
 // Traces a failure without returning; evaluates to the code. For results deliberately not checked.
 #define LOG_IF_FAILED(expression)                                                                \
-  ([&](HRESULT wqHr_, const char *wqFunction_) {                                                 \
-    if (FAILED(wqHr_)) ::user_space_frameworks::ReportFailure(wqFunction_, #expression, wqHr_); \
+  ([&](HRESULT wqHr_, ::user_space_frameworks::SourcePoint wqWhere_) {                          \
+    if (FAILED(wqHr_)) ::user_space_frameworks::ReportFailure(wqWhere_, #expression, wqHr_);    \
     return wqHr_;                                                                                \
-  }((expression), WQ_FUNCTION))
+  }((expression), WQ_HERE))
 
 // Inside code that may throw (constructors, lambdas run under the exception guard).
 #define THROW_IF_FAILED(expression)                                            \
   do {                                                                         \
     const HRESULT wqHr_ = (expression);                                        \
     if (FAILED(wqHr_)) {                                                       \
-      ::user_space_frameworks::ReportFailure(WQ_FUNCTION, #expression, wqHr_); \
+      ::user_space_frameworks::ReportFailure(WQ_HERE, #expression, wqHr_); \
       throw _com_error(wqHr_);                                                 \
     }                                                                          \
   } while (0)

@@ -7,10 +7,10 @@ namespace user_space_frameworks {
 namespace {
 
 ULONG SendTraceMessage(TRACEHANDLE session, const GUID &messageGuid, USHORT number, const char *function,
-                       const char *message) {
+                       LONG line, const char *message) {
   return TraceMessage(session, TRACE_MESSAGE_SEQUENCE | TRACE_MESSAGE_GUID | TRACE_MESSAGE_SYSTEMINFO |
-                      TRACE_MESSAGE_TIMESTAMP, &messageGuid, number, function, std::strlen(function) + 1, message,
-                      std::strlen(message) + 1, nullptr);
+                      TRACE_MESSAGE_TIMESTAMP, &messageGuid, number, function, std::strlen(function) + 1, &line,
+                      sizeof(line), message, std::strlen(message) + 1, nullptr);
 }
 
 // Platform levels: 1 critical, 2 error, 3 warning, 4 information, 5 verbose; 0 asks for everything.
@@ -62,10 +62,10 @@ ULONG WINAPI ClassicTraceProvider::ControlCallback(WMIDPREQUESTCODE requestCode,
   }
 }
 
-void ClassicTraceProvider::Write(int level, const char *function, const char *message) const {
+void ClassicTraceProvider::Write(int level, const char *function, int line, const char *message) const {
   const TRACEHANDLE sessionHandle = session.load(std::memory_order_relaxed);
   if (sessionHandle == 0 || level > EnabledLevel()) return;
-  messageWriter(sessionHandle, guid, static_cast<USHORT>(level), function, message);
+  messageWriter(sessionHandle, guid, static_cast<USHORT>(level), function, line, message);
 }
 
 StructuredEventProvider::StructuredEventProvider(const char *name, const GUID &providerGuid,

@@ -17,7 +17,7 @@ class ClassicTraceProvider {
   // Message numbers by trace level; the message format file describes each.
   enum MessageNumber : USHORT { ErrorMessage = 1, WarningMessage = 2, InfoMessage = 3, VerboseMessage = 4 };
   using MessageWriter = ULONG (*)(TRACEHANDLE session, const GUID &messageGuid, USHORT number, const char *function,
-                                  const char *message);
+                                  LONG line, const char *message);
 
   ClassicTraceProvider(const GUID &controlGuid, std::function<void()> changed);
   ~ClassicTraceProvider();
@@ -27,7 +27,7 @@ class ClassicTraceProvider {
   // The highest trace level (1 error .. 4 verbose) a session asked for; 0 when none listens.
   int EnabledLevel() const { return enabledLevel.load(std::memory_order_relaxed); }
   // `level` is 1 error .. 4 verbose.
-  void Write(int level, const char *function, const char *message) const;
+  void Write(int level, const char *function, int line, const char *message) const;
 
   // A session enabled (`enable`) or disabled the provider; `sessionLevel` is the platform level 1..5.
   void OnControl(bool enable, TRACEHANDLE session, UCHAR sessionLevel);

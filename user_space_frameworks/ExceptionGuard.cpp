@@ -4,7 +4,7 @@
 
 namespace user_space_frameworks {
 
-void TraceCaught(const char *prettyFunction, const char *message, const char *detail) noexcept {
+void TraceCaught(SourcePoint where, const char *message, const char *detail) noexcept {
   if (!trace::IsEnabled(TraceLevel::Error)) return;
   char line[512];
   if (detail != nullptr && *detail != '\0') {
@@ -12,13 +12,13 @@ void TraceCaught(const char *prettyFunction, const char *message, const char *de
     message = line;
   }
   try {
-    trace::Write(TraceLevel::Error, prettyFunction, message);
+    trace::Write(TraceLevel::Error, where, message);
   } catch (...) {
     // Out of memory again while tracing: the caller's result still says what happened.
   }
 }
 
-void TraceCaught(const char *prettyFunction, const char *message, const _com_error &error) noexcept {
+void TraceCaught(SourcePoint where, const char *message, const _com_error &error) noexcept {
   if (!trace::IsEnabled(TraceLevel::Error)) return;
   // The error's text is the platform's (allocated by the platform, not by us), narrowed here.
   char detail[256];
@@ -31,7 +31,7 @@ void TraceCaught(const char *prettyFunction, const char *message, const _com_err
     }
     detail[used] = '\0';
   }
-  TraceCaught(prettyFunction, message, detail);
+  TraceCaught(where, message, detail);
 }
 
 }  // namespace user_space_frameworks

@@ -14,43 +14,43 @@ namespace user_space_frameworks {
 // The handlers below run when memory may be exhausted: they only pass static texts and texts the
 // exception already holds, and a trace line that cannot be built is lost rather than thrown out of the
 // guard (which would end the host process).
-void TraceCaught(const char *prettyFunction, const char *message, const char *detail) noexcept;
-void TraceCaught(const char *prettyFunction, const char *message, const _com_error &error) noexcept;
+void TraceCaught(SourcePoint where, const char *message, const char *detail) noexcept;
+void TraceCaught(SourcePoint where, const char *message, const _com_error &error) noexcept;
 
 template <typename Body>
-HRESULT ExceptionGuard(const char *prettyFunction, Body &&body) noexcept {
+HRESULT ExceptionGuard(SourcePoint where, Body &&body) noexcept {
   try {
     return body();
   } catch (const _com_error &error) {
-    TraceCaught(prettyFunction, "Caught Com Exception error", error);
+    TraceCaught(where, "Caught Com Exception error", error);
     return error.Error();
   } catch (const std::bad_alloc &) {
-    TraceCaught(prettyFunction, "Bad allocation exception trapped", nullptr);
+    TraceCaught(where, "Bad allocation exception trapped", nullptr);
     return E_OUTOFMEMORY;
   } catch (const std::out_of_range &error) {
-    TraceCaught(prettyFunction, "Out of range exception trapped", error.what());
+    TraceCaught(where, "Out of range exception trapped", error.what());
     return MF_E_INVALIDINDEX;
   } catch (const std::exception &error) {
-    TraceCaught(prettyFunction, "Standard exception trapped", error.what());
+    TraceCaught(where, "Standard exception trapped", error.what());
     return E_FAIL;
   } catch (...) {
-    TraceCaught(prettyFunction, "General exception trapped", nullptr);
+    TraceCaught(where, "General exception trapped", nullptr);
     return E_FAIL;
   }
 }
 
 // Entry mark, guarded body, exit mark with the result.
 template <typename Body>
-HRESULT Guarded(const char *prettyFunction, Body &&body) noexcept {
+HRESULT Guarded(SourcePoint where, Body &&body) noexcept {
   trace::ForgetReportedFailure();
   const bool verbose = trace::IsEnabled(TraceLevel::Verbose);
-  if (verbose) trace::Write(TraceLevel::Verbose, prettyFunction, "==>");
-  const HRESULT hr = ExceptionGuard(prettyFunction, std::forward<Body>(body));
-  if (verbose) trace::Write(TraceLevel::Verbose, prettyFunction, "<== " + trace::HrText(hr));
+  if (verbose) trace::Write(TraceLevel::Verbose, where, "==>");
+  const HRESULT hr = ExceptionGuard(where, std::forward<Body>(body));
+  if (verbose) trace::Write(TraceLevel::Verbose, where, "<== " + trace::HrText(hr));
   return hr;
 }
 
 }  // namespace user_space_frameworks
 
 // return WQ_GUARDED([&] { ... return S_OK; });
-#define WQ_GUARDED(body) ::user_space_frameworks::Guarded(WQ_FUNCTION, body)
+#define WQ_GUARDED(body) ::user_space_frameworks::Guarded(WQ_HERE, body)

@@ -11,9 +11,9 @@
 
 namespace user_space_frameworks {
 
-void CapturingTraceSink::Write(TraceLevel level, const std::string &function, const std::string &message) {
+void CapturingTraceSink::Write(TraceLevel level, const std::string &function, int line, const std::string &message) {
   std::lock_guard<std::mutex> hold(mutex);
-  lines.push_back({level, function, message});
+  lines.push_back({level, function, line, message});
 }
 
 void CapturingTraceSink::Event(const char *name, const std::string &fields) {
@@ -64,10 +64,10 @@ TextTraceSink::~TextTraceSink() {
   if (ownsFile) std::fclose(file);
 }
 
-void TextTraceSink::Write(TraceLevel level, const std::string &function, const std::string &message) {
+void TextTraceSink::Write(TraceLevel level, const std::string &function, int line, const std::string &message) {
   static const char *const names[] = {"", "E", "W", "I", "V"};
   std::lock_guard<std::mutex> hold(mutex);
-  std::fprintf(file, "[%s] %s: %s\n", names[static_cast<int>(level)], function.c_str(), message.c_str());
+  std::fprintf(file, "[%s] %s:%d: %s\n", names[static_cast<int>(level)], function.c_str(), line, message.c_str());
   std::fflush(file);
 }
 
@@ -207,21 +207,21 @@ void UnregisterPlatformProviders() {
 ClassicTraceProvider &ClassicProvider() { return classicProvider; }
 StructuredEventProvider &EventProvider() { return eventProvider; }
 
-void Write(TraceLevel level, const char *prettyFunction, const std::string &message) {
+void Write(TraceLevel level, SourcePoint where, const std::string &message) {
   const int value = static_cast<int>(level);
   if (sinkLevel.load(std::memory_order_relaxed) < value && classicProvider.EnabledLevel() < value) return;
-  WriteQualified(level, QualifiedName(prettyFunction), message);
+  WriteQualified(level, QualifiedName(where.function), where.line, message);
 }
 
-void WriteQualified(TraceLevel level, const std::string &function, const std::string &message) {
+void WriteQualified(TraceLevel level, const std::string &function, int line, const std::string &message) {
   const int value = static_cast<int>(level);
   const bool toSink = sinkLevel.load(std::memory_order_relaxed) >= value;
   const bool toSession = classicProvider.EnabledLevel() >= value;
   if (!toSink && !toSession) return;
   if (toSink) {
-    if (auto sink = Sink()) sink->Write(level, function, message);
+    if (auto sink = Sink()) sink->Write(level, function, line, message);
   }
-  if (toSession) classicProvider.Write(value, function.c_str(), message.c_str());
+  if (toSession) classicProvider.Write(value, function.c_str(), line, message.c_str());
 }
 
 void WriteEvent(const char *name, EventOpcode opcode, const GUID *activityId,
@@ -278,12 +278,24 @@ std::string QualifiedName(const char *prettyFunction) {
   return text.substr(start, open - start);
 }
 
-void WriteEntry(const char *qualifiedName) { WriteQualified(TraceLevel::Verbose, qualifiedName, "==>"); }
+void WriteEntry(const char *qualifiedName, int line) { WriteQualified(TraceLevel::Verbose, qualifiedName, line, "==>"); }
 
-void WriteExit(const char *qualifiedName) { WriteQualified(TraceLevel::Verbose, qualifiedName, "<=="); }
+void WriteExit(const char *qualifiedName, int line) { WriteQualified(TraceLevel::Verbose, qualifiedName, line, "<=="); }
 
-void WriteExit(const char *qualifiedName, long result) {
-  WriteQualified(TraceLevel::Verbose, qualifiedName, "<== " + HrText(result));
+void WriteExit(const char *qualifiedName, int line, long result) {
+  WriteQualified(TraceLevel::Verbose, qualifiedName, line, "<== " + HrText(result));
+}
+
+void WriteExit(const char *qualifiedName, int line, bool result) {
+  WriteQualified(TraceLevel::Verbose, qualifiedName, line, result ? "<== true" : "<== false");
+}
+
+void WriteExitNumber(const char *qualifiedName, int line, long long result) {
+  WriteQualified(TraceLevel::Verbose, qualifiedName, line, "<== " + std::to_string(result));
+}
+
+void WriteExitPointer(const char *qualifiedName, int line, const void *result) {
+  WriteQualified(TraceLevel::Verbose, qualifiedName, line, result == nullptr ? "<== nullptr" : "<== valid pointer");
 }
 
 std::string HrText(long hr) {

@@ -21,11 +21,17 @@ class StructuredEventProvider;
 
 enum class TraceLevel : int { Off = 0, Error = 1, Warning = 2, Info = 3, Verbose = 4 };
 
+// Where a trace line was written: the compiler's function text and the source line (WQ_HERE).
+struct SourcePoint {
+  const char *function;
+  int line;
+};
+
 class TraceSink {
  public:
   virtual ~TraceSink() = default;
-  // One trace line of `function` (qualified name).
-  virtual void Write(TraceLevel level, const std::string &function, const std::string &message) = 0;
+  // One trace line of `function` (qualified name), written at source line `line`.
+  virtual void Write(TraceLevel level, const std::string &function, int line, const std::string &message) = 0;
   // One structured event ("SampleTime", "No Sample", ...), with its fields as text.
   virtual void Event(const char *name, const std::string &fields) = 0;
 };
@@ -36,9 +42,10 @@ class CapturingTraceSink : public TraceSink {
   struct Line {
     TraceLevel level;
     std::string function;
+    int line;
     std::string message;
   };
-  void Write(TraceLevel level, const std::string &function, const std::string &message) override;
+  void Write(TraceLevel level, const std::string &function, int line, const std::string &message) override;
   void Event(const char *name, const std::string &fields) override;
   std::vector<Line> Lines() const;
   std::vector<std::string> Events() const;
@@ -57,7 +64,7 @@ class TextTraceSink : public TraceSink {
  public:
   explicit TextTraceSink(const std::string &path);
   ~TextTraceSink() override;
-  void Write(TraceLevel level, const std::string &function, const std::string &message) override;
+  void Write(TraceLevel level, const std::string &function, int line, const std::string &message) override;
   void Event(const char *name, const std::string &fields) override;
 
  private:
@@ -97,9 +104,9 @@ void UnregisterPlatformProviders();
 ClassicTraceProvider &ClassicProvider();
 StructuredEventProvider &EventProvider();
 
-void Write(TraceLevel level, const char *prettyFunction, const std::string &message);
+void Write(TraceLevel level, SourcePoint where, const std::string &message);
 // As Write, under a name that is already qualified ("mft_core::InputStream::ProcessSample").
-void WriteQualified(TraceLevel level, const std::string &function, const std::string &message);
+void WriteQualified(TraceLevel level, const std::string &function, int line, const std::string &message);
 
 // One per-frame event with typed fields, at verbose level under the frame-events keyword.
 enum class EventOpcode : unsigned char { Info = 0, Start = 1, Stop = 2 };
@@ -147,13 +154,16 @@ class ScopedSink {
 #define WQ_FUNCTION __PRETTY_FUNCTION__
 #endif
 
+// The trace point's function and line.
+#define WQ_HERE (::user_space_frameworks::SourcePoint{WQ_FUNCTION, __LINE__})
+
 // WQ_TRACE(Info, "Found matching media type: " << description);
 #define WQ_TRACE(level, streamExpression)                                                          \
   do {                                                                                             \
     if (::user_space_frameworks::trace::IsEnabled(::user_space_frameworks::TraceLevel::level)) {   \
       std::ostringstream wqTraceStream_;                                                           \
       wqTraceStream_ << streamExpression;                                                          \
-      ::user_space_frameworks::trace::Write(::user_space_frameworks::TraceLevel::level, WQ_FUNCTION, \
+      ::user_space_frameworks::trace::Write(::user_space_frameworks::TraceLevel::level, WQ_HERE,     \
                                             wqTraceStream_.str());                                 \
     }                                                                                              \
   } while (0)

@@ -86,26 +86,40 @@ constexpr StaticName<N> CopyName(const char *text, size_t begin) {
   return name;
 }
 
-void WriteEntry(const char *qualifiedName);
-void WriteExit(const char *qualifiedName);
-void WriteExit(const char *qualifiedName, long result);
+void WriteEntry(const char *qualifiedName, int line);
+void WriteExit(const char *qualifiedName, int line);
+void WriteExit(const char *qualifiedName, int line, long result);  // HRESULT
+void WriteExit(const char *qualifiedName, int line, bool result);
+void WriteExitNumber(const char *qualifiedName, int line, long long result);
+void WriteExitPointer(const char *qualifiedName, int line, const void *result);
+
+// The exit mark with `result` shown as what it is: an HRESULT's code, a flag, a number, a pointer's
+// null-ness; other results (objects) only mark the exit.
+template <typename Result>
+void WriteExitWith(const char *qualifiedName, int line, const Result &result) {
+  if constexpr (std::is_same_v<Result, long> || std::is_same_v<Result, bool>) {
+    WriteExit(qualifiedName, line, result);
+  } else if constexpr (std::is_integral_v<Result> || std::is_enum_v<Result>) {
+    WriteExitNumber(qualifiedName, line, static_cast<long long>(result));
+  } else if constexpr (std::is_pointer_v<Result>) {
+    WriteExitPointer(qualifiedName, line, result);
+  } else {
+    WriteExit(qualifiedName, line);
+  }
+}
 
 // Runs `body`; with verbose tracing on, between the entry mark and the exit mark with its result.
 template <typename Body>
-auto Scoped(const char *qualifiedName, Body &&body) -> decltype(body()) {
+auto Scoped(const char *qualifiedName, int line, Body &&body) -> decltype(body()) {
   using Result = decltype(body());
   if (!IsEnabled(TraceLevel::Verbose)) return body();
-  WriteEntry(qualifiedName);
+  WriteEntry(qualifiedName, line);
   if constexpr (std::is_void_v<Result>) {
     body();
-    WriteExit(qualifiedName);
+    WriteExit(qualifiedName, line);
   } else {
     Result result = body();
-    if constexpr (std::is_same_v<Result, long>) {
-      WriteExit(qualifiedName, result);  // HRESULT
-    } else {
-      WriteExit(qualifiedName);
-    }
+    WriteExitWith(qualifiedName, line, result);
     return result;
   }
 }
@@ -113,18 +127,19 @@ auto Scoped(const char *qualifiedName, Body &&body) -> decltype(body()) {
 // The marks of a function without a result to show: entry now, exit at the end of the scope.
 class ScopeMarks {
  public:
-  explicit ScopeMarks(const char *qualifiedName)
-      : name(IsEnabled(TraceLevel::Verbose) ? qualifiedName : nullptr) {
-    if (name != nullptr) WriteEntry(name);
+  ScopeMarks(const char *qualifiedName, int line)
+      : name(IsEnabled(TraceLevel::Verbose) ? qualifiedName : nullptr), line(line) {
+    if (name != nullptr) WriteEntry(name, line);
   }
   ~ScopeMarks() {
-    if (name != nullptr) WriteExit(name);
+    if (name != nullptr) WriteExit(name, line);
   }
   ScopeMarks(const ScopeMarks &) = delete;
   ScopeMarks &operator=(const ScopeMarks &) = delete;
 
  private:
   const char *name;
+  int line;
 };
 
 }  // namespace trace
@@ -138,12 +153,23 @@ class ScopeMarks {
                                                                             variable##Range_.begin + 1>(     \
       WQ_FUNCTION, variable##Range_.begin)
 
+// A build without the marks (WQ_NO_SCOPE_MARKS) is the benchmarks' baseline for what they cost.
+#if defined(WQ_NO_SCOPE_MARKS)
+#define WQ_SCOPE() static_cast<void>(0)
+#define WQ_SCOPE_AS(qualifiedName) static_cast<void>(0)
+#define WQ_SCOPE_BEGIN(type) return [&]() -> type {
+#define WQ_SCOPE_END }()
+#else
 #define WQ_SCOPE()                          \
   WQ_STATIC_FUNCTION_NAME(wqScopeName_);    \
-  const ::user_space_frameworks::trace::ScopeMarks wqScopeMarks_(wqScopeName_.text)
+  const ::user_space_frameworks::trace::ScopeMarks wqScopeMarks_(wqScopeName_.text, __LINE__)
+// As WQ_SCOPE, under a name given as text (template code whose compiler name is not the one to show).
+#define WQ_SCOPE_AS(qualifiedName) \
+  const ::user_space_frameworks::trace::ScopeMarks wqScopeMarks_((qualifiedName), __LINE__)
 
 // The function's body between the two runs as a lambda returning `type`; its result is the function's.
 #define WQ_SCOPE_BEGIN(type)             \
   WQ_STATIC_FUNCTION_NAME(wqScopeName_); \
-  return ::user_space_frameworks::trace::Scoped(wqScopeName_.text, [&]() -> type {
+  return ::user_space_frameworks::trace::Scoped(wqScopeName_.text, __LINE__, [&]() -> type {
 #define WQ_SCOPE_END })
+#endif

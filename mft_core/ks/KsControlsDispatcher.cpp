@@ -91,6 +91,7 @@ template <typename T>
 HRESULT KsControlsDispatcher::Dispatch(const KsControlDispatcher<T> &dispatcher, KsControlType type,
                                        PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,
                                        ULONG dataLength, ULONG *bytesReturned) {
+  WQ_SCOPE_BEGIN(HRESULT);
   // An identifier too short to hold (set, id) cannot be routed; the default handler decides.
   const KSIDENTIFIER *routable =
       (identifier != nullptr && identifierLength >= sizeof(KSIDENTIFIER)) ? identifier : nullptr;
@@ -109,9 +110,10 @@ HRESULT KsControlsDispatcher::Dispatch(const KsControlDispatcher<T> &dispatcher,
     std::ostringstream text;
     text << KsIdentifierText(KindOf(type), routable) << " failed: " << user_space_frameworks::trace::HrText(hr)
          << ", bytes returned " << (bytesReturned != nullptr ? std::to_string(*bytesReturned) : std::string("null"));
-    user_space_frameworks::trace::Write(user_space_frameworks::FailureLevel(hr), WQ_FUNCTION, text.str());
+    user_space_frameworks::trace::Write(user_space_frameworks::FailureLevel(hr), WQ_HERE, text.str());
   }
   return hr;
+  WQ_SCOPE_END;
 }
 
 }  // namespace mft_core

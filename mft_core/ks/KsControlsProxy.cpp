@@ -23,6 +23,7 @@ KsControlsProxy::KsControlsProxy(IKsControl *ksControl) : ksControl(ksControl) {
 template <typename Call>
 HRESULT KsControlsProxy::CallWithRetry(KsControlType type, PKSIDENTIFIER identifier, ULONG identifierLength,
                                        LPVOID data, ULONG dataLength, ULONG *bytesReturned, Call &&call) {
+  WQ_SCOPE_BEGIN(HRESULT);
   RETURN_HR_IF_NULL(E_UNEXPECTED, ksControl.Get());
   HRESULT hr = kNotReady;
   for (int attempt = 0; attempt < kNotReadyAttempts; ++attempt) {
@@ -34,6 +35,7 @@ HRESULT KsControlsProxy::CallWithRetry(KsControlType type, PKSIDENTIFIER identif
     Sleep(kNotReadySleepMs);
   }
   return hr;
+  WQ_SCOPE_END;
 }
 
 STDMETHODIMP KsControlsProxy::KsProperty(PKSPROPERTY Property, ULONG PropertyLength, LPVOID PropertyData,

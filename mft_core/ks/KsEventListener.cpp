@@ -315,7 +315,7 @@ void KsEventListener::NotifyObservers() {
   }
   // Outside the lock: an observer may call back into the listener.
   for (const auto &observer : snapshot) {
-    user_space_frameworks::ExceptionGuard(WQ_FUNCTION, [&]() -> HRESULT {
+    user_space_frameworks::ExceptionGuard(WQ_HERE, [&]() -> HRESULT {
       observer->OnEvent(eventSet, eventId);
       return S_OK;
     });

@@ -84,6 +84,7 @@ void ITopologyNode::UnregisterPreProcessObserver(const std::shared_ptr<SampleObs
 }
 
 void ITopologyNode::AddNextNode(std::shared_ptr<ITopologyNode> node) {
+  WQ_SCOPE();
   if (node) nextNodes.push_back(std::move(node));
 }
 

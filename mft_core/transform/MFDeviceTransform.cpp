@@ -49,7 +49,7 @@ HRESULT MFDeviceTransform::RecordReturn(const char *function, HRESULT result, co
 // The guard of every public method: record, enter the call gate, refuse after shutdown, run the handler;
 // then record the result, including one the exception guard made.
 #define WQ_TRANSFORM_ENTRY(function, handler, ...)                                 \
-  RecordReturn(function, ::user_space_frameworks::Guarded(function, [&]() -> HRESULT { \
+  RecordReturn(function, ::user_space_frameworks::Guarded({function, __LINE__}, [&]() -> HRESULT { \
     RecordCall(function, __VA_ARGS__);                                             \
     const ::user_space_frameworks::CallGate::Pass wqPass_(callGate);               \
     RETURN_IF_FAILED(CheckShutdown());                                             \
@@ -170,7 +170,7 @@ STDMETHODIMP MFDeviceTransform::GetAttributes(IMFAttributes **pAttributes) {
 }
 
 STDMETHODIMP MFDeviceTransform::Shutdown() {
-  return RecordReturn(WQ_FUNCTION, ::user_space_frameworks::Guarded(WQ_FUNCTION, [&]() -> HRESULT {
+  return RecordReturn(WQ_FUNCTION, ::user_space_frameworks::Guarded(WQ_HERE, [&]() -> HRESULT {
     RecordCall(WQ_FUNCTION, "");
     RETURN_IF_FAILED(CheckShutdown());
     // One Shutdown goes ahead; one that races it is refused as any call after shutdown.

@@ -22,7 +22,7 @@ MediaEventGenerator::MediaEventGenerator(QueueFactory createQueue) {
   // A missing queue does not fail construction: every later call answers E_OUTOFMEMORY instead.
   const HRESULT hr = createQueue(pQueue.ReleaseAndGetAddressOf());
   if (FAILED(hr) || !pQueue) {
-    ::user_space_frameworks::ReportFailure(WQ_FUNCTION, "MFCreateEventQueue(&pQueue)", FAILED(hr) ? hr : E_POINTER);
+    ::user_space_frameworks::ReportFailure(WQ_HERE, "MFCreateEventQueue(&pQueue)", FAILED(hr) ? hr : E_POINTER);
     pQueue.Reset();
   } else {
     isQueueCreated = 1;

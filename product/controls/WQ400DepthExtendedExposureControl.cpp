@@ -86,6 +86,7 @@ void WQ400DepthExtendedExposureControl::OnSamplePreProcess(IMFSample *sample) {
 }
 
 void WQ400DepthExtendedExposureControl::SignalIfDetached() {
+  WQ_SCOPE();
   if (!attached) (void)Signal();
 }
 

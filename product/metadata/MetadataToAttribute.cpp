@@ -5,7 +5,8 @@
 namespace mft_core {
 
 void IMetadataToAttribute::Process(Microsoft::WRL::ComPtr<IMFSample> sample) {
-  TraceAround(WQ_FUNCTION, [&] { ExtractDataToAttribute(sample.Get()); });
+  WQ_SCOPE();
+  ExtractDataToAttribute(sample.Get());
 }
 
 void IMetadataToAttribute::ExtractDataToAttribute(IMFSample *sample) {
@@ -18,7 +19,8 @@ void IMetadataToAttribute::ExtractDataToAttribute(IMFSample *sample) {
 }
 
 void IMetadataToAttribute::ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
-  TraceAround(WQ_FUNCTION, [&] { ExtractFromMetadata(sample, metadata); });
+  WQ_SCOPE();
+  ExtractFromMetadata(sample, metadata);
 }
 
 }  // namespace mft_core

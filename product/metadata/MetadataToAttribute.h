@@ -10,6 +10,7 @@
 #include "user_space_frameworks/Check.h"
 #include "user_space_frameworks/Object.h"
 #include "user_space_frameworks/Trace.h"
+#include "user_space_frameworks/TraceScope.h"
 
 namespace mft_core {
 
@@ -29,16 +30,6 @@ class IMetadataToAttribute : public user_space_frameworks::Object {
   // every converter; a wrapper whose Init failed finds nothing.
   virtual void ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata);
   virtual void ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) = 0;
-
- protected:
-  // Entry and exit marks of `function` at the verbose level around `body`.
-  template <typename Body>
-  static void TraceAround(const char *function, Body &&body) {
-    const bool verbose = user_space_frameworks::trace::IsEnabled(user_space_frameworks::TraceLevel::Verbose);
-    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "==>");
-    body();
-    if (verbose) user_space_frameworks::trace::Write(user_space_frameworks::TraceLevel::Verbose, function, "<==");
-  }
 
  private:
   std::string name;
@@ -75,11 +66,13 @@ class MetadataToAttribute : public IMetadataToAttribute {
         keepLast(keepLast) {}
 
   void Process(Microsoft::WRL::ComPtr<IMFSample> sample) override {
-    TraceAround(MetadataRecordTypeName<T>::processFunction, [&] { ExtractDataToAttribute(sample.Get()); });
+    WQ_SCOPE_AS(MetadataRecordTypeName<T>::processFunction);
+    ExtractDataToAttribute(sample.Get());
   }
 
   void ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) override {
-    TraceAround(MetadataRecordTypeName<T>::processFunction, [&] { ExtractFromMetadata(sample, metadata); });
+    WQ_SCOPE_AS(MetadataRecordTypeName<T>::processFunction);
+    ExtractFromMetadata(sample, metadata);
   }
 
   void ExtractFromMetadata(IMFSample *sample, const UvcMetaDataWrapper &metadata) override {

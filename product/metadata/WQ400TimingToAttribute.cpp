@@ -31,8 +31,10 @@ void WQ400MetaDataCaptureTimingToAttribute::Process(Microsoft::WRL::ComPtr<IMFSa
 
 void WQ400MetaDataCaptureTimingToAttribute::ProcessFrame(IMFSample *sample, const UvcMetaDataWrapper &metadata) {
   const uint8_t *attached = nullptr;
-  TraceAround(MetadataRecordTypeName<VeldaraWQ400MetaDataTavixCaptureTiming>::processFunction,
-              [&] { attached = AttachRecord(sample, metadata); });
+  {
+    WQ_SCOPE_AS(MetadataRecordTypeName<VeldaraWQ400MetaDataTavixCaptureTiming>::processFunction);
+    attached = AttachRecord(sample, metadata);
+  }
   if (attached == nullptr) {
     SetFrameCounterFromBlob(sample);
     return;

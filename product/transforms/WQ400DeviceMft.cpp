@@ -48,6 +48,9 @@ HRESULT WQ400DeviceMft::RegisterKsControlHandlres() {
   WQ_SCOPE_END;
 }
 
-std::vector<GUID> WQ400DeviceMft::GetExcludedInputMediaTypes() { return {kWQ400SubtypeZ16, kWQ400SubtypeY8}; }
+std::vector<GUID> WQ400DeviceMft::GetExcludedInputMediaTypes() {
+  WQ_SCOPE();
+  return {kWQ400SubtypeZ16, kWQ400SubtypeY8};
+}
 
 }  // namespace mft_core

@@ -122,7 +122,7 @@ HRESULT WQ400FishEyeDeviceMft::StartOutputStream(const std::shared_ptr<OutputStr
   if (extendedExposureControl) extendedExposureControl->RegisterToOnSampleSubject(outputStream);
   const HRESULT hr = WQ400DeviceMft::StartOutputStream(outputStream, nextMediaType);
   if (FAILED(hr)) {
-    user_space_frameworks::ReportFailure(WQ_FUNCTION, "WQ400DeviceMft::StartOutputStream(outputStream, nextMediaType)", hr);
+    user_space_frameworks::ReportFailure(WQ_HERE, "WQ400DeviceMft::StartOutputStream(outputStream, nextMediaType)", hr);
     // No frame will come: requests must not wait for one.
     if (extendedExposureControl) extendedExposureControl->UnRegisterToOnSampleSubject(outputStream);
     return hr;

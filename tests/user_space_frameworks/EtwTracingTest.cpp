@@ -151,12 +151,13 @@ TEST_F(StructuredProviderTest, AnEventTooLargeToDescribeIsNotWritten) {
 struct ClassicMessage {
   USHORT number;
   std::string function;
+  LONG line;
   std::string message;
 };
 std::vector<ClassicMessage> messages;
 
-ULONG CaptureMessage(TRACEHANDLE, const GUID &, USHORT number, const char *function, const char *message) {
-  messages.push_back({number, function, message});
+ULONG CaptureMessage(TRACEHANDLE, const GUID &, USHORT number, const char *function, LONG line, const char *message) {
+  messages.push_back({number, function, line, message});
   return ERROR_SUCCESS;
 }
 
@@ -176,6 +177,7 @@ class PlatformProvidersTest : public ::testing::Test {
   trace::ScopedSink noSink{nullptr, TraceLevel::Off};
 };
 
+constexpr int kInfoLine = __LINE__ + 3;
 void TraceAtEachLevel() {
   WQ_TRACE(Error, "error line");
   WQ_TRACE(Info, "info line");
@@ -192,6 +194,7 @@ TEST_F(PlatformProvidersTest, ASessionSwitchesTraceLinesOnToItsLevelAndOffAgain)
   EXPECT_EQ(ClassicTraceProvider::ErrorMessage, messages[0].number);
   EXPECT_EQ(ClassicTraceProvider::InfoMessage, messages[1].number);
   EXPECT_EQ("user_space_frameworks::{anonymous}::TraceAtEachLevel", messages[1].function);
+  EXPECT_EQ(kInfoLine, messages[1].line);
   EXPECT_EQ("info line", messages[1].message);
 
   trace::ClassicProvider().OnControl(false, 0, 0);

@@ -72,7 +72,7 @@ TEST(GuardOutOfMemory, EachHandlerReturnsItsCodeWhenItsTraceCannotAllocate) {
   const std::invalid_argument standard("unsupported order");  // made while memory is still there
   const std::out_of_range range("x");
   const auto guarded = [](auto thrower) {
-    return ExceptionGuard(WQ_FUNCTION, [&]() -> HRESULT {
+    return ExceptionGuard(WQ_HERE, [&]() -> HRESULT {
       failAllocations = true;
       thrower();
       return S_OK;
@@ -93,6 +93,7 @@ TEST(GuardOutOfMemory, EachHandlerReturnsItsCodeWhenItsTraceCannotAllocate) {
 
 struct Probe {
   HRESULT Fails() { return E_ACCESSDENIED; }
+  static constexpr int kCheckLine = __LINE__ + 2;
   HRESULT CallsFailing() {
     RETURN_IF_FAILED(Fails());
     return S_OK;
@@ -103,7 +104,23 @@ struct Probe {
     return S_OK;
     WQ_SCOPE_END;
   }
+  static constexpr int kMarkedLine = __LINE__ + 1;
   void Marked() { WQ_SCOPE(); }
+  bool Flag() {
+    WQ_SCOPE_BEGIN(bool);
+    return true;
+    WQ_SCOPE_END;
+  }
+  size_t Count() {
+    WQ_SCOPE_BEGIN(size_t);
+    return 7;
+    WQ_SCOPE_END;
+  }
+  const int *Pointer() {
+    WQ_SCOPE_BEGIN(const int *);
+    return nullptr;
+    WQ_SCOPE_END;
+  }
   HRESULT RefusesNull(int *value) {
     RETURN_IF_NULL(value);
     return S_OK;
@@ -119,13 +136,14 @@ TEST(CheckTest, TracesQualifiedNameExpressionAndCodeOnce) {
   ASSERT_EQ(1u, sink->Lines().size());
   const auto line = sink->Lines()[0];
   EXPECT_EQ("user_space_frameworks::{anonymous}::Probe::CallsFailing", line.function);
+  EXPECT_EQ(Probe::kCheckLine, line.line);
   EXPECT_NE(std::string::npos, line.message.find("Fails()"));
   EXPECT_NE(std::string::npos, line.message.find("0x80070005"));
 
   // The caller that only passes the code up does not repeat the error; a new public call starts afresh.
   sink->Clear();
   EXPECT_EQ(E_ACCESSDENIED, probe.PassesFailureUp());
-  EXPECT_EQ(E_ACCESSDENIED, Guarded("HRESULT ns::Entry::Call()", [&] { return probe.PassesFailureUp(); }));
+  EXPECT_EQ(E_ACCESSDENIED, Guarded({"HRESULT ns::Entry::Call()", 1}, [&] { return probe.PassesFailureUp(); }));
   ASSERT_EQ(2u, sink->Lines().size());
   EXPECT_EQ("user_space_frameworks::{anonymous}::Probe::CallsFailing", sink->Lines()[1].function);
 
@@ -141,16 +159,20 @@ TEST(ScopeMarksTest, EntryAndExitWithTheResultUnderTheCompilersQualifiedName) {
   Probe probe;
   EXPECT_EQ(E_ACCESSDENIED, probe.PassesFailureUp());
   probe.Marked();
+  probe.Flag();
+  probe.Count();
+  probe.Pointer();
   std::vector<std::string> marks;
   for (const auto &line : sink->Lines()) {
     if (line.message.rfind("==>", 0) == 0 || line.message.rfind("<==", 0) == 0) {
-      marks.push_back(line.function + " " + line.message);
+      marks.push_back(line.function.substr(line.function.rfind(':') + 1) + " " + line.message);
+      if (line.function.find("Marked") != std::string::npos) EXPECT_EQ(Probe::kMarkedLine, line.line);
     }
   }
-  EXPECT_EQ((std::vector<std::string>{"user_space_frameworks::{anonymous}::Probe::PassesFailureUp ==>",
-                                      "user_space_frameworks::{anonymous}::Probe::PassesFailureUp <== 0x80070005",
-                                      "user_space_frameworks::{anonymous}::Probe::Marked ==>",
-                                      "user_space_frameworks::{anonymous}::Probe::Marked <=="}),
+  EXPECT_EQ(sink->Lines().front().function, "user_space_frameworks::{anonymous}::Probe::PassesFailureUp");
+  EXPECT_EQ((std::vector<std::string>{"PassesFailureUp ==>", "PassesFailureUp <== 0x80070005", "Marked ==>",
+                                      "Marked <==", "Flag ==>", "Flag <== true", "Count ==>", "Count <== 7",
+                                      "Pointer ==>", "Pointer <== nullptr"}),
             marks);
 }
 
