@@ -4,7 +4,9 @@
 # recording mode (SOAK_MODES, default off,flight,full). Prints the frames per stream, lost frames, the
 # latency the transform adds beside the bare platform path's, private memory after warm-up and at the
 # end, handles and CPU per mode; exits 0 only when no frame was lost, memory and handles stayed flat and
-# the flight recorder wrote one readable file for the firmware error raised halfway.
+# the flight recorder wrote one readable file for the firmware error raised halfway. CPU is the whole
+# process's, which moves by several percent of a core with the machine's load (printed before and after);
+# SOAK_MODES=off,flight,full,off,flight,full gives each mode's median of two runs.
 #   scripts/soak.sh [seconds]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -14,4 +16,8 @@ source scripts/env.sh
 mkdir -p build
 build_windows WQ400DeviceMft soak > build/soak-build.log 2>&1 || { cat build/soak-build.log; exit 1; }
 start_wine || true  # a server left running by an earlier run is reused
-/usr/lib/wine/wine64 "$build_win/tools/soak.exe" --seconds "$seconds" --modes "${SOAK_MODES:-off,flight,full}" </dev/null
+echo "load before: $(uptime)"
+status=0
+/usr/lib/wine/wine64 "$build_win/tools/soak.exe" --seconds "$seconds" --modes "${SOAK_MODES:-off,flight,full}" </dev/null || status=$?
+echo "load after: $(uptime)"
+exit $status
