@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "RecordingSupport.h"
+#include "device_events/Timeline.h"
 #include "mft_core/recorder/DeviceEventsRecorder.h"
 #include "mft_core/recorder/RecordRing.h"
 #include "sim/ReplaySession.h"
@@ -243,6 +244,63 @@ TEST(FlightRecorderTriggers, AFailedCallTheFirmwareEventAndAFailedDriverRequestE
   };
   RunSession(CreatePassThrough(), badRequest);
   EXPECT_EQ(static_cast<uint64_t>(DumpTrigger::DriverRequest), takeTrigger());
+}
+
+// A dump whose ring wrapped long after the streams started: the replay sets the transform up from the
+// records kept aside (initialisation, stream starts, an application's property set while streaming)
+// and plays the ring from its first quiet point, as it would a whole recording.
+TEST(FlightRecorderReplay, ADumpWhoseRingWrappedReplaysFromItsStateRecord) {
+  const std::wstring path = TemporaryRecordingPath(L"wrapped");
+  const std::wstring file = EventsFileWriter::DumpPath(path, 1);
+  {
+    RecordingSwitch on(path, mft_core::DeviceEventsRecorderSettings::kFlightRecorderMode, 0, 1);
+    SessionPlan plan;
+    plan.streams = {0, 1, 2};
+    plan.fps = 90;
+    plan.framesAfter = 20;
+    plan.during = [](sim::FrameServerHost &host) {
+      KSPROPERTY property{};
+      property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
+      property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
+      property.Flags = KSPROPERTY_TYPE_SET;
+      KSPROPERTY_VIDEOPROCAMP_S value{};
+      value.Property = property;
+      value.Value = 32;
+      value.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
+      ULONG returned = 0;
+      host.ApplicationKsControl()->KsProperty(&property, sizeof(property), &value, sizeof(value), &returned);
+      Sleep(7000);  // the ring of two 1 MiB chunks turns over (some 360 KB a second)
+    };
+    RunSession(CreatePassThrough(), plan);
+    ASSERT_TRUE(WaitFor([&] { return GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES; }));
+  }
+  std::vector<uint8_t> bytes;
+  std::string error;
+  ASSERT_TRUE(device_events::ReadFileBytes(std::string(file.begin(), file.end()), bytes, error)) << error;
+  DeleteFileW(file.c_str());
+  const Recording dump = ParseRecording(bytes);
+  ASSERT_EQ("", dump.error);
+  ASSERT_EQ(RecordKind::RingDump, dump.records.front().Kind());
+  EXPECT_GT(dump.records.front().values[0].number, 0u) << "the ring did not wrap: " << bytes.size() << " bytes, " << dump.records.size() << " records";
+  const auto states = OfKind(dump, RecordKind::State);
+  ASSERT_EQ(1u, states.size());
+  EXPECT_EQ(1u, states.front()->values[1].number);
+  // The set-up kept aside holds the initialisation, not the frame path.
+  size_t setUpInputs = 0;
+  for (const Record &record : dump.records) {
+    if (&record == states.front()) break;
+    if (record.Kind() == RecordKind::CallEntry && device_events::CallName(record) == "ProcessInput") ++setUpInputs;
+  }
+  EXPECT_EQ(0u, setUpInputs);
+  EXPECT_FALSE(Calls(dump, RecordKind::CallEntry, "InitializeTransform").empty());
+
+  const sim::ReplayReport report = sim::ReplayRecording(bytes, [](const device_events::FileHeader &, IMFDeviceTransform **transform) {
+    return CreatePassThrough().CopyTo(transform);
+  });
+  EXPECT_TRUE(report.matched) << report.Summary() << "\n" << report.divergence;
+  EXPECT_NE(std::string::npos, report.start.find("set-up records kept aside")) << report.Summary();
+  EXPECT_GT(report.calls, 100u);
+  EXPECT_GT(report.applicationRequests, 0u);
 }
 
 // Run by the next test in a process of its own, which it kills while the transform records.
