@@ -82,6 +82,12 @@ class FlightRecorderTest : public ::testing::Test {
     recorder->RecordMediaEvent(MEUnknown, GUID_NULL, S_OK, &value);
   }
   static uint32_t IdOf(const device_events::Record &record) { return static_cast<uint32_t>(record.values[2].number); }
+  // The state record that ends the set-up kept aside; the ring's records follow it.
+  static size_t StateIndex(const Recording &dump) {
+    size_t index = 0;
+    while (index < dump.records.size() && dump.records[index].Kind() != RecordKind::State) ++index;
+    return index;
+  }
   bool FileExists(const std::wstring &file) const { return GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES; }
   std::wstring Dump(unsigned number) const { return EventsFileWriter::DumpPath(path, number); }
   bool WaitForDumps(unsigned count) {
@@ -119,10 +125,15 @@ TEST_F(FlightRecorderTest, WritesNothingUntilATriggerThenTheNewestRecordsAfterTh
   EXPECT_EQ(static_cast<uint32_t>(DumpTrigger::Requested), first.values[1].number);
   EXPECT_EQ("by the test", first.values[2].bytes);
   ASSERT_EQ(RecordKind::End, dump.records.back().Kind());
-  const size_t kept = dump.records.size() - 2;
+  // No frame came in: every record is part of the set-up, kept aside whole before the state record.
+  const size_t state = StateIndex(dump);
+  ASSERT_EQ(count + 1, state);
+  EXPECT_EQ(count, dump.records[state].values[0].number);
+  for (size_t i = 1; i < state; ++i) ASSERT_EQ(i, IdOf(dump.records[i]));
+  const size_t kept = dump.records.size() - state - 2;
   EXPECT_GT(first.values[0].number, 0u);
   EXPECT_EQ(count, first.values[0].number + kept);
-  for (size_t i = 1; i <= kept; ++i) ASSERT_EQ(count - kept + i, IdOf(dump.records[i]));
+  for (size_t i = 1; i <= kept; ++i) ASSERT_EQ(count - kept + i, IdOf(dump.records[state + i]));
   EXPECT_EQ(dump.records.size(), dump.records.back().values[0].number);
 
   // The recorder keeps recording; what comes after is in the next file, and nothing before it.
@@ -131,9 +142,10 @@ TEST_F(FlightRecorderTest, WritesNothingUntilATriggerThenTheNewestRecordsAfterTh
   recorder->Trigger(DumpTrigger::Requested, "again");
   ASSERT_TRUE(WaitForDumps(2));
   const Recording next = ReadRecording(Dump(2));
-  ASSERT_EQ(12u, next.records.size());
+  const size_t nextState = StateIndex(next);
+  ASSERT_EQ(nextState + 12, next.records.size());
   EXPECT_EQ(0u, next.records.front().values[0].number);
-  EXPECT_EQ(count + 1, IdOf(next.records[1]));
+  EXPECT_EQ(count + 1, IdOf(next.records[nextState + 1]));
 }
 
 TEST_F(FlightRecorderTest, ATriggerStormWritesOneFile) {
