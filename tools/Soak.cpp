@@ -6,7 +6,7 @@
 // streams kept their rate, handles and private memory stayed flat after the warm-up, and the flight
 // recorder wrote one readable file for the firmware error raised halfway. A mode may be named more than
 // once: each run is reported, and the summary takes each mode's median.
-//   soak [--seconds 60] [--warmup S] [--fps 90] [--modes off,flight,full] [--quiet] [--dll path\WQ400DeviceMft.dll]
+//   soak [--seconds 60] [--warmup S] [--fps 90] [--modes off,flight,full] [--ring MB] [--quiet] [--dll path\WQ400DeviceMft.dll]
 #include <algorithm>
 #include <cstdio>
 #include <deque>
@@ -34,6 +34,7 @@ struct Options {
   double seconds = 60;
   double warmup = -1;  // default: a sixth of the run, at most 10 s
   UINT32 fps = 90;
+  DWORD ringMegabytes = 32;  // the flight recorder's
   bool quiet = false;
   std::wstring modulePath;
   std::vector<std::string> modes = {"off"};
@@ -178,6 +179,8 @@ bool Parse(int argc, char **argv, Options &options) {
           options.modes.push_back(mode);
         }
         if (options.modes.empty()) return false;
+      } else if (arg == "--ring") {
+        options.ringMegabytes = static_cast<DWORD>(std::stoul(value()));
       } else if (arg == "--quiet") {
         options.quiet = true;
       } else if (arg == "--dll") {
@@ -438,7 +441,7 @@ ModeResult RunMode(const Options &options, tools::DllTransformFactory &factory, 
 int main(int argc, char **argv) {
   Options options;
   if (!Parse(argc, argv, options)) {
-    std::cerr << "usage: soak [--seconds 60] [--warmup S] [--fps 90] [--modes off,flight,full] [--quiet] [--dll PATH]\n";
+    std::cerr << "usage: soak [--seconds 60] [--warmup S] [--fps 90] [--modes off,flight,full] [--ring MB] [--quiet] [--dll PATH]\n";
     return 2;
   }
   const tools::PlatformScope platform;
@@ -457,7 +460,7 @@ int main(int argc, char **argv) {
       recording.enabled = mode != "off";
       recording.flightRecorder = mode == "flight";
       recording.path = kRecordingPath;
-      if (recording.flightRecorder) recording.writer.ringBytes = 32u << 20;
+      if (recording.flightRecorder) recording.writer.ringBytes = size_t{std::max<DWORD>(1, options.ringMegabytes)} << 20;
       const std::vector<std::wstring> dumps = DumpFiles();
       for (const auto &file : dumps) DeleteFileW(file.c_str());
       if (recording.enabled && FAILED(recording.StoreInRegistry())) {
