@@ -14,6 +14,7 @@ const char *RecordKindName(RecordKind kind) {
     case RecordKind::Filter: return "filter";
     case RecordKind::End: return "end";
     case RecordKind::RingDump: return "ring-dump";
+    case RecordKind::State: return "state";
   }
   return "unknown";
 }

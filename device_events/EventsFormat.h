@@ -30,6 +30,7 @@ enum class RecordKind : uint16_t {
   Filter = 8,                // the driver filter as the transform found it at initialisation
   End = 9,                   // the recording was closed cleanly
   RingDump = 10,             // first of a flight-recorder dump: why it was written, what the ring lost
+  State = 11,                // in a flight-recorder dump, between the set-up records kept aside and the ring's
 };
 
 enum class ValueTag : uint8_t {

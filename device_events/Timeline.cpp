@@ -31,7 +31,8 @@ const struct {
                   {"app-ks", RecordKind::ApplicationKsRequest}, {"driver-ks", RecordKind::DriverKsRequest},
                   {"driver-event", RecordKind::DriverEvent}, {"media-event", RecordKind::MediaEvent},
                   {"dropped", RecordKind::Dropped},          {"filter", RecordKind::Filter},
-                  {"end", RecordKind::End},                  {"ring-dump", RecordKind::RingDump}};
+                  {"end", RecordKind::End},                  {"ring-dump", RecordKind::RingDump},
+                  {"state", RecordKind::State}};
 
 std::string Hex32(uint32_t value) {
   char text[16];
@@ -412,6 +413,14 @@ std::string FormatRecord(const Record &record, const Names &names, const Timelin
       line << "); " << (record.values.empty() ? std::string("?") : FormatValue(record.values[0], names, false))
            << " older records overwritten";
       if (record.values.size() > 3) line << ", " << FormatValue(record.values[3], names, false) << " triggers";
+      break;
+    }
+    case RecordKind::State: {
+      bool ok = false;
+      const uint32_t complete = U32Of(record, 1, ok);
+      line << "state: " << (record.values.empty() ? std::string("?") : FormatValue(record.values[0], names, false))
+           << " set-up records kept aside above" << (ok && complete == 0 ? " (INCOMPLETE: the set-up outgrew its room)" : "")
+           << "; the ring's records follow";
       break;
     }
     default:

@@ -460,6 +460,96 @@ size_t ReplayableEnd(const std::vector<Record> &records) {
   return end;
 }
 
+// A flight recorder's dump holds its ring-dump record, the set-up records kept aside (the filter,
+// the transform's initialisation and every control call since, with what they caused), a state record,
+// then the ring. The ring begins anywhere: inside calls, with frames held by the transform. The replay
+// makes the set-up calls older than the ring's first quiet point (no call in flight, no frame held),
+// then the ring from there. False with `error` when the dump cannot be replayed.
+bool StartAtState(std::vector<Record> &records, std::string &start, std::string &error) {
+  size_t state = 0;
+  while (state < records.size() && records[state].Kind() != RecordKind::State) ++state;
+  if (state == records.size()) return true;  // an older dump: no set-up kept
+  if (records[state].values.size() < 2 || records[state].values[1].number == 0) {
+    error = "the dump's set-up records are incomplete (they outgrew their room): it cannot be replayed";
+    return false;
+  }
+  std::vector<Record> ring(records.begin() + static_cast<std::ptrdiff_t>(state) + 1, records.end());
+  if (!ring.empty() && ring.back().Kind() == RecordKind::End) ring.pop_back();
+  ring.resize(ReplayableEnd(ring));
+  // Calls paired by thread; a return whose call the ring lost must come before the start.
+  constexpr size_t kNone = ~size_t{0};
+  std::vector<size_t> exitOf(ring.size(), kNone);
+  std::vector<bool> orphan(ring.size(), false);
+  size_t afterOrphans = 0;
+  {
+    std::map<uint32_t, std::vector<size_t>> open;
+    for (size_t i = 0; i < ring.size(); ++i) {
+      if (ring[i].Kind() == RecordKind::CallEntry) open[ring[i].threadId].push_back(i);
+      if (ring[i].Kind() != RecordKind::CallExit) continue;
+      if (open[ring[i].threadId].empty()) {
+        orphan[i] = true;
+        afterOrphans = i + 1;
+      } else {
+        exitOf[open[ring[i].threadId].back()] = i;
+        open[ring[i].threadId].pop_back();
+      }
+    }
+  }
+  // Frames each stream took in and handed out; what it held when the ring began is the least that
+  // keeps every hand-out covered.
+  auto framesAt = [&](size_t i, std::map<uint32_t, int64_t> &held) {
+    const Record &r = ring[i];
+    if (r.Kind() == RecordKind::CallEntry && device_events::CallName(r) == "ProcessInput" && exitOf[i] != kNone &&
+        ring[exitOf[i]].result == 0) {
+      ++held[U32At(r, 1)];
+    }
+    if (r.Kind() == RecordKind::CallExit && device_events::CallName(r) == "ProcessOutput") {
+      for (size_t b = 1; b + 2 < r.values.size(); b += 3) {
+        if (r.values[b + 2].tag == ValueTag::Sample) --held[U32At(r, b)];
+      }
+    }
+  };
+  std::map<uint32_t, int64_t> held, before;
+  for (size_t i = 0; i < ring.size(); ++i) {
+    framesAt(i, held);
+    for (const auto &stream : held) before[stream.first] = std::max(before[stream.first], -stream.second);
+  }
+  held = before;
+  size_t first = ring.size(), inFlight = 0;
+  for (size_t i = 0; i < ring.size(); ++i) {
+    const bool quiet = inFlight == 0 && i >= afterOrphans &&
+                       std::all_of(held.begin(), held.end(), [](const auto &stream) { return stream.second == 0; });
+    if (quiet) {
+      first = i;
+      break;
+    }
+    if (ring[i].Kind() == RecordKind::CallEntry && exitOf[i] != kNone) ++inFlight;
+    if (ring[i].Kind() == RecordKind::CallExit && !orphan[i]) --inFlight;
+    framesAt(i, held);
+  }
+  if (first == ring.size()) {
+    error = "the dump's ring has no point where no call was in flight and no frame held: it cannot be replayed";
+    return false;
+  }
+  // Set-up records from the ring's start on are in the ring as well.
+  const uint64_t from = ring[first].time;
+  std::vector<Record> replayed;
+  size_t setUp = 0;
+  for (size_t i = 1; i < state; ++i) {
+    if (records[i].time >= from) continue;
+    replayed.push_back(records[i]);
+    ++setUp;
+  }
+  const uint64_t startOffset = ring[first].offset;
+  replayed.insert(replayed.end(), std::make_move_iterator(ring.begin() + static_cast<std::ptrdiff_t>(first)),
+                  std::make_move_iterator(ring.end()));
+  start = "a flight recorder's dump: " + std::to_string(setUp) +
+          " set-up records kept aside, then its ring from the first point with no call in flight and no frame held "
+          "(offset " + std::to_string(startOffset) + "; " + std::to_string(first) + " ring records before it left out)";
+  records = std::move(replayed);
+  return true;
+}
+
 }  // namespace
 
 std::string ReplayReport::Summary() const {
@@ -467,6 +557,7 @@ std::string ReplayReport::Summary() const {
   text << (matched ? "MATCH" : "DIVERGED") << ": " << records << " records replayed; " << calls << " calls, "
        << applicationRequests << " application KS requests, " << driverRequests << " driver requests answered, "
        << driverEvents << " driver events, " << mediaEvents << " media events compared";
+  if (!start.empty()) text << "\nstarted at " << start;
   if (!ending.empty()) text << "\n" << ending;
   return text.str();
 }
@@ -507,7 +598,16 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
     }
     records.push_back(record);
   }
-  if (records.empty() || records.back().Kind() != RecordKind::End) {
+  if (!records.empty() && records.front().Kind() == RecordKind::RingDump) {
+    std::string refused;
+    if (!StartAtState(records, report.start, refused)) {
+      report.divergence = refused;
+      return report;
+    }
+  }
+  if (!report.start.empty()) {
+    // The ring's end was trimmed to its last whole call.
+  } else if (records.empty() || records.back().Kind() != RecordKind::End) {
     if (cut.empty()) cut = "the recording ends between two records without its closing record";
     const size_t end = ReplayableEnd(records);
     report.ending = cut + "; replayed up to " +

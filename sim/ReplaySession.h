@@ -44,6 +44,8 @@ struct ReplayReport {
   // A recording that was not closed (its writer died, or a flight-recorder dump): how it ends and where
   // its replay stopped.
   std::string ending;
+  // A flight recorder's dump: where in it the replay started.
+  std::string start;
   std::string Summary() const;
 };
 

@@ -47,6 +47,7 @@ ProcessFootprint MeasureProcess() {
       return static_cast<double>((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) / 1e7;
     };
     footprint.cpuSeconds = seconds(kernel) + seconds(user);
+    footprint.kernelSeconds = seconds(kernel);
   }
   return footprint;
 }

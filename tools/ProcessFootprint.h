@@ -10,7 +10,8 @@ namespace tools {
 struct ProcessFootprint {
   DWORD handles = 0;
   uint64_t privateBytes = 0;
-  double cpuSeconds = 0;  // user and kernel time of every thread so far
+  double cpuSeconds = 0;     // user and kernel time of every thread so far
+  double kernelSeconds = 0;  // of which in the kernel (page faults of fresh frame buffers, waits)
 };
 
 ProcessFootprint MeasureProcess();

@@ -1,5 +1,6 @@
 #include "mft_core/recorder/DeviceEventsRecorder.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -66,12 +67,18 @@ class PendingStacks {
   std::map<DWORD, std::vector<PendingData>> stacks;
 };
 
+// An application request that changes what the camera does: a property set, a method, an event.
+bool ChangesState(KsControlType type, const KSIDENTIFIER *identifier) {
+  return type != KsControlType::Property || (identifier != nullptr && (identifier->Flags & KSPROPERTY_TYPE_SET) != 0);
+}
+
 class KsRequestsRecorder : public IKsControlsObserver {
  public:
   KsRequestsRecorder(DeviceEventsRecorder *recorder, RecordKind kind) : recorder(recorder), kind(kind) {}
 
-  void OnKsControlEntry(KsControlType, PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,
+  void OnKsControlEntry(KsControlType type, PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,
                         ULONG dataLength, ULONG *) override {
+    if (kind == RecordKind::ApplicationKsRequest && ChangesState(type, identifier)) recorder->ControlBegins();
     PendingData pending;
     pending.entered = true;
     pending.hasIdentifier = identifier != nullptr;
@@ -98,6 +105,12 @@ class KsRequestsRecorder : public IKsControlsObserver {
     }
     recorder->RecordKsRequest(kind, type, pending.hasIdentifier ? &pending.identifier : nullptr,
                               pending.present ? &pending.bytes : nullptr, data, dataLength, bytesReturned, result);
+    if (kind == RecordKind::ApplicationKsRequest && pending.entered &&
+        ChangesState(type, pending.hasIdentifier && pending.identifier.size() >= sizeof(KSIDENTIFIER)
+                               ? reinterpret_cast<const KSIDENTIFIER *>(pending.identifier.data())
+                               : nullptr)) {
+      recorder->ControlEnds();
+    }
   }
 
  private:
@@ -288,9 +301,36 @@ RecordEncoder DeviceEventsRecorder::Begin(std::vector<uint8_t> &buffer, RecordKi
   return record;
 }
 
-void DeviceEventsRecorder::Finish(RecordEncoder &record) {
+void DeviceEventsRecorder::Finish(RecordEncoder &record, bool setUp) {
   record.End();
-  writer->Push(std::move(record.Buffer()));
+  writer->Push(std::move(record.Buffer()), setUp && writer->IsFlightRecorder());
+}
+
+bool DeviceEventsRecorder::SetUpCall(std::string_view name) const {
+  if (!framesFlowing.load(std::memory_order_relaxed)) return true;
+  return name != "ProcessInput" && name != "ProcessOutput" && name.substr(0, 3) != "Get";
+}
+
+void DeviceEventsRecorder::ControlBegins() {
+  if (!writer->IsFlightRecorder() || !framesFlowing.load(std::memory_order_relaxed)) return;
+  std::lock_guard<std::mutex> lock(controlMutex);
+  controlThreads.push_back(GetCurrentThreadId());
+  controlCalls.store(static_cast<int>(controlThreads.size()), std::memory_order_relaxed);
+}
+
+void DeviceEventsRecorder::ControlEnds() {
+  if (controlCalls.load(std::memory_order_relaxed) == 0) return;
+  std::lock_guard<std::mutex> lock(controlMutex);
+  const auto found = std::find(controlThreads.begin(), controlThreads.end(), GetCurrentThreadId());
+  if (found != controlThreads.end()) controlThreads.erase(found);
+  controlCalls.store(static_cast<int>(controlThreads.size()), std::memory_order_relaxed);
+}
+
+bool DeviceEventsRecorder::OnControlThread() {
+  if (!framesFlowing.load(std::memory_order_relaxed)) return true;
+  if (controlCalls.load(std::memory_order_relaxed) == 0) return false;
+  std::lock_guard<std::mutex> lock(controlMutex);
+  return std::find(controlThreads.begin(), controlThreads.end(), GetCurrentThreadId()) != controlThreads.end();
 }
 
 RecordEncoder DeviceEventsRecorder::BeginCall(std::vector<uint8_t> &buffer, RecordKind kind, HRESULT result,
@@ -310,7 +350,10 @@ void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue 
   std::string_view name;
   RecordEncoder record = BeginCall(buffer, RecordKind::CallEntry, S_OK, function, name);
   for (size_t i = 0; i < count; ++i) EncodeArgument(record, arguments[i], pixelData);
-  Finish(record);
+  if (name == "ProcessInput" && !framesFlowing.load(std::memory_order_relaxed)) framesFlowing = true;
+  const bool setUp = SetUpCall(name);
+  Finish(record, setUp);
+  if (setUp) ControlBegins();
   if (count == 1 && arguments[0].kind == RecordedValue::Kind::Attributes && arguments[0].pointer != nullptr &&
       name == "InitializeTransform") {
     RecordFilter(static_cast<IMFAttributes *>(const_cast<void *>(arguments[0].pointer)));
@@ -324,7 +367,9 @@ void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, co
   std::string_view name;
   RecordEncoder record = BeginCall(buffer, RecordKind::CallExit, result, function, name);
   for (size_t i = 0; i < count; ++i) EncodeOutput(record, arguments[i], result, pixelData);
-  Finish(record);
+  const bool setUp = SetUpCall(name);
+  Finish(record, setUp);
+  if (setUp) ControlEnds();
   if (FAILED(result) && !user_space_frameworks::IsNormalExchangeResult(result)) {
     writer->Trigger(device_events::DumpTrigger::FailedCall,
                     std::string(name) + " " + user_space_frameworks::trace::HrText(result));
@@ -337,7 +382,7 @@ void DeviceEventsRecorder::RecordDriverEvent(REFGUID eventSet, ULONG eventId) {
   RecordEncoder record = Begin(buffer, RecordKind::DriverEvent, S_OK);
   record.GuidValue(ToRecorded(eventSet));
   record.U32(eventId);
-  Finish(record);
+  Finish(record, true);
   // The only driver event the transform listens to is the camera's firmware event.
   writer->Trigger(device_events::DumpTrigger::FirmwareEvent, "the camera signalled its firmware event");
 }
@@ -369,7 +414,7 @@ void DeviceEventsRecorder::RecordMediaEvent(IMFMediaEvent *event) {
     record.Null();
   }
   EncodeAttributes(record, event, ValueTag::Attributes);
-  Finish(record);
+  Finish(record, type != METransformHaveOutput || !framesFlowing.load(std::memory_order_relaxed));
   if (type == MEDeviceThermalStateChanged) {
     writer->Trigger(device_events::DumpTrigger::FirmwareEvent, "the camera's thermal state changed");
   }
@@ -385,7 +430,7 @@ void DeviceEventsRecorder::RecordMediaEvent(MediaEventType type, REFGUID extende
   EncodePropVariant(record, value);
   record.Null();
   record.Null();
-  Finish(record);
+  Finish(record, type != METransformHaveOutput || !framesFlowing.load(std::memory_order_relaxed));
   if (type == MEDeviceThermalStateChanged) {
     writer->Trigger(device_events::DumpTrigger::FirmwareEvent, "the camera's thermal state changed");
   }
@@ -422,7 +467,11 @@ void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, 
   } else {
     record.U32(*bytesReturned);
   }
-  Finish(record);
+  const auto *requested = identifier != nullptr && identifier->size() >= sizeof(KSIDENTIFIER)
+                              ? reinterpret_cast<const KSIDENTIFIER *>(identifier->data())
+                              : nullptr;
+  Finish(record, writer->IsFlightRecorder() &&
+                     (OnControlThread() || (kind == RecordKind::ApplicationKsRequest && ChangesState(type, requested))));
   if (kind != RecordKind::DriverKsRequest || !writer->IsFlightRecorder()) return;
   constexpr HRESULT kNotReady = HRESULT_FROM_WIN32(ERROR_NOT_READY);
   if (result == kNotReady || notReadyThreads.load(std::memory_order_relaxed) != 0) CountNotReady(result == kNotReady);
@@ -503,7 +552,7 @@ void DeviceEventsRecorder::RecordFilter(IMFAttributes *filterAttributes) {
   } else {
     record.Null();
   }
-  Finish(record);
+  Finish(record, true);
 }
 
 }  // namespace mft_core

@@ -75,13 +75,24 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   // named event); nothing when recording everything.
   void Trigger(device_events::DumpTrigger why, const std::string &what) { writer->Trigger(why, what); }
 
+  // Flight recorder: an application request that changes the camera's state runs on this thread, so
+  // the driver requests it causes are kept aside with the set-up (see Finish).
+  void ControlBegins();
+  void ControlEnds();
+
  private:
   DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path);
   // The driver filter as the transform finds it: its streams, their attributes and types, its nodes.
   void RecordFilter(IMFAttributes *filterAttributes);
   // Encodes into `buffer`, one of the writer's spare buffers.
   device_events::RecordEncoder Begin(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result);
-  void Finish(device_events::RecordEncoder &record);
+  // `setUp`: a flight recorder keeps the record aside from its ring too, for the replay of its files:
+  // every record until the first frame comes in, then those of control calls (anything but the frame
+  // path and the getters), state-changing application requests, the driver requests either makes,
+  // media events other than have-output, and driver events.
+  void Finish(device_events::RecordEncoder &record, bool setUp = false);
+  bool SetUpCall(std::string_view name) const;
+  bool OnControlThread();
   // A call or return record begun with the call's short name ("ProcessInput"), also handed back.
   device_events::RecordEncoder BeginCall(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result,
                                          const char *function, std::string_view &name);
@@ -91,6 +102,11 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   void CountNotReady(bool notReady);
 
   const bool pixelData;
+  // Set-up records for the flight recorder: all of them until the frames flow, then control calls'.
+  std::atomic<bool> framesFlowing{false};
+  std::atomic<int> controlCalls{0};
+  std::mutex controlMutex;
+  std::vector<DWORD> controlThreads;  // one entry per control call running
   std::atomic<int> notReadyThreads{0};
   std::mutex notReadyMutex;
   std::map<DWORD, int> notReadyInARow;

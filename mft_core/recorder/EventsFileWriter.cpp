@@ -105,11 +105,21 @@ void EventsFileWriter::EncodeDropped(std::vector<uint8_t> &out, uint64_t count, 
   record.End();
 }
 
-void EventsFileWriter::Push(std::vector<uint8_t> &&record) {
+void EventsFileWriter::Push(std::vector<uint8_t> &&record, bool keepAside) {
   user_space_frameworks::AutoLock lock(section);
   if (stopping || !open.load(std::memory_order_relaxed)) return;
   if (IsFlightRecorder()) {
     ring.Append(record.data(), record.size());
+    if (keepAside && setUp.complete) {
+      if (setUp.bytes.size() + record.size() > options.setUpBytes) {
+        setUp.complete = false;
+        WQ_TRACE(Warning, "flight recorder: the set-up records outgrew " << (options.setUpBytes >> 10)
+                                                                         << " KiB; its files cannot be replayed");
+      } else {
+        setUp.bytes.insert(setUp.bytes.end(), record.begin(), record.end());
+        ++setUp.records;
+      }
+    }
     if (spareBuffers.size() < 2 * WakeRecords() && record.capacity() <= kLargestSpare) {
       record.clear();
       spareBuffers.push_back(std::move(record));
@@ -282,6 +292,7 @@ void EventsFileWriter::RunFlightRecorder() {
   for (;;) {
     bool last = false, dump = false;
     uint64_t overwritten = 0, triggers = 0;
+    SetUp kept;
     device_events::DumpTrigger why = device_events::DumpTrigger::Requested;
     std::string what;
     {
@@ -299,10 +310,11 @@ void EventsFileWriter::RunFlightRecorder() {
         what = std::move(pendingWhat);
         triggers = pendingTriggers;
         ring.TakeAll(chunks, overwritten);
+        kept = setUp;
       }
     }
     if (dump) {
-      WriteDump(chunks, overwritten, why, what, triggers);
+      WriteDump(chunks, overwritten, why, what, triggers, kept);
       user_space_frameworks::AutoLock lock(section);
       ring.GiveBack(chunks);
     }
@@ -312,7 +324,8 @@ void EventsFileWriter::RunFlightRecorder() {
 }
 
 bool EventsFileWriter::WriteDump(std::deque<RecordChunk> &chunks, uint64_t overwritten,
-                                 device_events::DumpTrigger why, const std::string &what, uint64_t triggers) {
+                                 device_events::DumpTrigger why, const std::string &what, uint64_t triggers,
+                                 const SetUp &setUp) {
   // The next number after the highest kept; never one that exists, and no more than the limit kept:
   // files are taken away (moved or deleted) by whoever reads them.
   std::wstring pattern = DumpPath(path, 0);
@@ -348,7 +361,7 @@ bool EventsFileWriter::WriteDump(std::deque<RecordChunk> &chunks, uint64_t overw
   }
   uint64_t records = 0;
   for (const RecordChunk &chunk : chunks) records += chunk.records;
-  std::vector<uint8_t> opening, closing;
+  std::vector<uint8_t> opening, state, closing;
   device_events::RecordEncoder first(opening);
   first.Begin(RecordKind::RingDump, clock.Now(), GetCurrentThreadId(), 0);
   first.U64(overwritten);
@@ -356,9 +369,15 @@ bool EventsFileWriter::WriteDump(std::deque<RecordChunk> &chunks, uint64_t overw
   first.String(what);
   first.U64(triggers);
   first.End();
+  // Between the set-up records and the ring's.
+  device_events::RecordEncoder between(state);
+  between.Begin(RecordKind::State, clock.Now(), GetCurrentThreadId(), 0);
+  between.U64(setUp.records);
+  between.U32(setUp.complete ? 1 : 0);
+  between.End();
   device_events::RecordEncoder last(closing);
   last.Begin(RecordKind::End, clock.Now(), GetCurrentThreadId(), 0);
-  last.U64(records + 2);
+  last.U64(records + setUp.records + 3);
   last.U64(0);
   last.End();
   auto write = [&](const std::vector<uint8_t> &bytes) {
@@ -366,7 +385,7 @@ bool EventsFileWriter::WriteDump(std::deque<RecordChunk> &chunks, uint64_t overw
     return bytes.empty() || (WriteFile(dumpFile.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written,
                                        nullptr) && written == bytes.size());
   };
-  bool ok = write(header) && write(opening);
+  bool ok = write(header) && write(opening) && write(setUp.bytes) && write(state);
   for (const RecordChunk &chunk : chunks) ok = ok && write(chunk.bytes);
   ok = ok && write(closing);
   if (!ok) {

@@ -39,6 +39,7 @@ struct EventsFileWriterOptions {
   unsigned maxDumps = 8;                  // flight-recorder files kept at most (none is ever overwritten)
   DWORD dumpDelayMs = 200;                // records after a trigger that its file still holds
   DWORD triggerQuietMs = 5000;            // a trigger this soon after the last one joins its file
+  size_t setUpBytes = 4u << 20;           // the set-up records kept aside from the ring at most
   const wchar_t *requestEventName = kDumpRequestEvent;  // the named event an engineer sets for a file
 
   // A manual-reset event in the global namespace: setting it asks every flight recorder for a file.
@@ -56,9 +57,11 @@ class EventsFileWriter {
   EventsFileWriter &operator=(const EventsFileWriter &) = delete;
 
   // A buffer to encode one record into (empty, with room from earlier records), and the record
-  // handed to the queue; neither blocks on the disk.
+  // handed to the queue; neither blocks on the disk. A flight recorder also keeps a record marked
+  // `setUp` aside from its ring (the transform's set-up and control calls), for every file it writes:
+  // a replay sets the transform up from them before it plays the ring.
   std::vector<uint8_t> TakeBuffer();
-  void Push(std::vector<uint8_t> &&record);
+  void Push(std::vector<uint8_t> &&record, bool setUp = false);
   // Writes what is queued, the drop count if any and the closing record, and closes the file.
   void Close();
   // False once closed or after the disk refused a write.
@@ -84,8 +87,13 @@ class EventsFileWriter {
   void Run();
   void RunFlightRecorder();
   // The ring as the next numbered file; false when the file limit is reached or the disk refused it.
+  struct SetUp {
+    std::vector<uint8_t> bytes;  // records back to back
+    uint64_t records = 0;
+    bool complete = true;  // false once a record did not fit
+  };
   bool WriteDump(std::deque<RecordChunk> &chunks, uint64_t overwritten, device_events::DumpTrigger why,
-                 const std::string &what, uint64_t triggers);
+                 const std::string &what, uint64_t triggers, const SetUp &setUp);
   void PollRequestEvent();
   void Write(std::deque<std::vector<uint8_t>> &batch, bool final);
   std::vector<uint8_t> SpareBuffer();  // with the lock held
@@ -111,6 +119,7 @@ class EventsFileWriter {
   bool paused = false;
   // Flight recorder.
   RecordRing ring;
+  SetUp setUp;
   bool dumpPending = false;
   ULONGLONG dumpDue = 0;
   bool anyTrigger = false;

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "RecordingSupport.h"
+#include "device_events/Timeline.h"
 #include "mft_core/recorder/DeviceEventsRecorder.h"
 #include "mft_core/recorder/RecordRing.h"
 #include "sim/ReplaySession.h"
@@ -81,6 +82,12 @@ class FlightRecorderTest : public ::testing::Test {
     recorder->RecordMediaEvent(MEUnknown, GUID_NULL, S_OK, &value);
   }
   static uint32_t IdOf(const device_events::Record &record) { return static_cast<uint32_t>(record.values[2].number); }
+  // The state record that ends the set-up kept aside; the ring's records follow it.
+  static size_t StateIndex(const Recording &dump) {
+    size_t index = 0;
+    while (index < dump.records.size() && dump.records[index].Kind() != RecordKind::State) ++index;
+    return index;
+  }
   bool FileExists(const std::wstring &file) const { return GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES; }
   std::wstring Dump(unsigned number) const { return EventsFileWriter::DumpPath(path, number); }
   bool WaitForDumps(unsigned count) {
@@ -118,10 +125,15 @@ TEST_F(FlightRecorderTest, WritesNothingUntilATriggerThenTheNewestRecordsAfterTh
   EXPECT_EQ(static_cast<uint32_t>(DumpTrigger::Requested), first.values[1].number);
   EXPECT_EQ("by the test", first.values[2].bytes);
   ASSERT_EQ(RecordKind::End, dump.records.back().Kind());
-  const size_t kept = dump.records.size() - 2;
+  // No frame came in: every record is part of the set-up, kept aside whole before the state record.
+  const size_t state = StateIndex(dump);
+  ASSERT_EQ(count + 1, state);
+  EXPECT_EQ(count, dump.records[state].values[0].number);
+  for (size_t i = 1; i < state; ++i) ASSERT_EQ(i, IdOf(dump.records[i]));
+  const size_t kept = dump.records.size() - state - 2;
   EXPECT_GT(first.values[0].number, 0u);
   EXPECT_EQ(count, first.values[0].number + kept);
-  for (size_t i = 1; i <= kept; ++i) ASSERT_EQ(count - kept + i, IdOf(dump.records[i]));
+  for (size_t i = 1; i <= kept; ++i) ASSERT_EQ(count - kept + i, IdOf(dump.records[state + i]));
   EXPECT_EQ(dump.records.size(), dump.records.back().values[0].number);
 
   // The recorder keeps recording; what comes after is in the next file, and nothing before it.
@@ -130,9 +142,10 @@ TEST_F(FlightRecorderTest, WritesNothingUntilATriggerThenTheNewestRecordsAfterTh
   recorder->Trigger(DumpTrigger::Requested, "again");
   ASSERT_TRUE(WaitForDumps(2));
   const Recording next = ReadRecording(Dump(2));
-  ASSERT_EQ(12u, next.records.size());
+  const size_t nextState = StateIndex(next);
+  ASSERT_EQ(nextState + 12, next.records.size());
   EXPECT_EQ(0u, next.records.front().values[0].number);
-  EXPECT_EQ(count + 1, IdOf(next.records[1]));
+  EXPECT_EQ(count + 1, IdOf(next.records[nextState + 1]));
 }
 
 TEST_F(FlightRecorderTest, ATriggerStormWritesOneFile) {
@@ -243,6 +256,63 @@ TEST(FlightRecorderTriggers, AFailedCallTheFirmwareEventAndAFailedDriverRequestE
   };
   RunSession(CreatePassThrough(), badRequest);
   EXPECT_EQ(static_cast<uint64_t>(DumpTrigger::DriverRequest), takeTrigger());
+}
+
+// A dump whose ring wrapped long after the streams started: the replay sets the transform up from the
+// records kept aside (initialisation, stream starts, an application's property set while streaming)
+// and plays the ring from its first quiet point, as it would a whole recording.
+TEST(FlightRecorderReplay, ADumpWhoseRingWrappedReplaysFromItsStateRecord) {
+  const std::wstring path = TemporaryRecordingPath(L"wrapped");
+  const std::wstring file = EventsFileWriter::DumpPath(path, 1);
+  {
+    RecordingSwitch on(path, mft_core::DeviceEventsRecorderSettings::kFlightRecorderMode, 0, 1);
+    SessionPlan plan;
+    plan.streams = {0, 1, 2};
+    plan.fps = 90;
+    plan.framesAfter = 20;
+    plan.during = [](sim::FrameServerHost &host) {
+      KSPROPERTY property{};
+      property.Set = PROPSETID_VIDCAP_VIDEOPROCAMP;
+      property.Id = KSPROPERTY_VIDEOPROCAMP_GAIN;
+      property.Flags = KSPROPERTY_TYPE_SET;
+      KSPROPERTY_VIDEOPROCAMP_S value{};
+      value.Property = property;
+      value.Value = 32;
+      value.Flags = KSPROPERTY_VIDEOPROCAMP_FLAGS_MANUAL;
+      ULONG returned = 0;
+      host.ApplicationKsControl()->KsProperty(&property, sizeof(property), &value, sizeof(value), &returned);
+      Sleep(7000);  // the ring of two 1 MiB chunks turns over (some 360 KB a second)
+    };
+    RunSession(CreatePassThrough(), plan);
+    ASSERT_TRUE(WaitFor([&] { return GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES; }));
+  }
+  std::vector<uint8_t> bytes;
+  std::string error;
+  ASSERT_TRUE(device_events::ReadFileBytes(std::string(file.begin(), file.end()), bytes, error)) << error;
+  DeleteFileW(file.c_str());
+  const Recording dump = ParseRecording(bytes);
+  ASSERT_EQ("", dump.error);
+  ASSERT_EQ(RecordKind::RingDump, dump.records.front().Kind());
+  EXPECT_GT(dump.records.front().values[0].number, 0u) << "the ring did not wrap: " << bytes.size() << " bytes, " << dump.records.size() << " records";
+  const auto states = OfKind(dump, RecordKind::State);
+  ASSERT_EQ(1u, states.size());
+  EXPECT_EQ(1u, states.front()->values[1].number);
+  // The set-up kept aside holds the initialisation, not the frame path.
+  size_t setUpInputs = 0;
+  for (const Record &record : dump.records) {
+    if (&record == states.front()) break;
+    if (record.Kind() == RecordKind::CallEntry && device_events::CallName(record) == "ProcessInput") ++setUpInputs;
+  }
+  EXPECT_EQ(0u, setUpInputs);
+  EXPECT_FALSE(Calls(dump, RecordKind::CallEntry, "InitializeTransform").empty());
+
+  const sim::ReplayReport report = sim::ReplayRecording(bytes, [](const device_events::FileHeader &, IMFDeviceTransform **transform) {
+    return CreatePassThrough().CopyTo(transform);
+  });
+  EXPECT_TRUE(report.matched) << report.Summary() << "\n" << report.divergence;
+  EXPECT_NE(std::string::npos, report.start.find("set-up records kept aside")) << report.Summary();
+  EXPECT_GT(report.calls, 100u);
+  EXPECT_GT(report.applicationRequests, 0u);
 }
 
 // Run by the next test in a process of its own, which it kills while the transform records.

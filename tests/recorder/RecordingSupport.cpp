@@ -9,11 +9,11 @@ namespace recorder_tests {
 
 using mft_core::DeviceEventsRecorderSettings;
 
-RecordingSwitch::RecordingSwitch(const std::wstring &file, DWORD enabled, DWORD pixelData) {
+RecordingSwitch::RecordingSwitch(const std::wstring &file, DWORD enabled, DWORD pixelData, DWORD ringMegabytes) {
   DeviceEventsRecorderSettings settings;
   settings.enabled = enabled != 0;
   settings.flightRecorder = enabled == DeviceEventsRecorderSettings::kFlightRecorderMode;
-  if (settings.flightRecorder) settings.writer.ringBytes = 32u << 20;
+  if (settings.flightRecorder) settings.writer.ringBytes = size_t{ringMegabytes} << 20;
   settings.pixelData = pixelData != 0;
   settings.path = file;
   settings.StoreInRegistry();

@@ -14,7 +14,7 @@ namespace recorder_tests {
 // Sets the recording values under HKLM for the test's lifetime and removes them afterwards.
 class RecordingSwitch {
  public:
-  explicit RecordingSwitch(const std::wstring &file, DWORD enabled = 1, DWORD pixelData = 0);
+  explicit RecordingSwitch(const std::wstring &file, DWORD enabled = 1, DWORD pixelData = 0, DWORD ringMegabytes = 32);
   ~RecordingSwitch();
   RecordingSwitch(const RecordingSwitch &) = delete;
   RecordingSwitch &operator=(const RecordingSwitch &) = delete;
