@@ -1,6 +1,6 @@
 // The device transform under the calls the frame server and applications make at once: shutdown racing
 // state changes, the driver-event listener's starts following the running streams through failures,
-// and what a healthy session traces.
+// what stays referenced after release, and what a healthy session traces.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,6 +20,7 @@ namespace {
 
 const mft_core::DeviceExtensionUnits kDepthUnits{sim::kDepthXuSet, 1, 7};
 
+using test_waiting::References;
 using test_waiting::WaitFor;
 
 // Counts topologies destroyed while one of their own calls still runs.
@@ -277,6 +278,38 @@ TEST_F(ShutdownAndListenerTest, TheListenerRunsExactlyWhileStreamsRunThroughFail
   }
   EXPECT_EQ(S_OK, host.Shutdown());
 }
+
+// A shutdown and release must leave the driver filter referenced only by its owner, whatever ran.
+class FilterReleaseTest : public ::testing::TestWithParam<bool> {};
+
+TEST_P(FilterReleaseTest, ReleasingTheTransformLetsGoOfTheDriverFilter) {
+  const bool streams = GetParam();
+  ComPtr<sim::SimulatedCameraFilter> filter = sim::SimulatedCameraFilter::Create(sim::DepthCamera());
+  ASSERT_TRUE(filter);
+  const ULONG alone = References(filter.Get());
+  {
+    auto transform = user_space_frameworks::MakeComObject<PassThroughDeviceMft>("Released", kDepthUnits);
+    ComPtr<IMFDeviceTransform> device;
+    ASSERT_EQ(S_OK, transform.As(&device));
+    transform.Reset();
+    sim::FrameServerHost host(device, filter);
+    ASSERT_EQ(S_OK, host.Initialize());
+    if (streams) {
+      ComPtr<IMFMediaType> type;
+      ASSERT_EQ(S_OK, device->GetOutputAvailableType(0, 0, type.GetAddressOf()));
+      ASSERT_EQ(S_OK, host.StartStream(0, type.Get()));
+      ASSERT_TRUE(WaitFor([&] { return host.Stats()[0].framesOut >= 1; }));
+      ASSERT_EQ(S_OK, host.StopStream(0));
+      filter->SignalAutoUpdate();
+    }
+    ASSERT_EQ(S_OK, host.Shutdown());
+  }
+  // The platform's work queue lets go of finished work items shortly after they ran.
+  EXPECT_TRUE(WaitFor([&] { return References(filter.Get()) == alone; }, 2000))
+      << References(filter.Get()) - alone << " references left";
+}
+
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutStreaming, FilterReleaseTest, ::testing::Bool());
 
 // A healthy session (types listed to the end, output polled while empty, streams started and stopped,
 // shutdown) leaves nothing at the error level.
