@@ -108,41 +108,35 @@ TEST_F(DepthCameraTest, ApiVersionIsTwoThreeAndReadOnly) {
 
 // ---- Hardware command ---------------------------------------------------------------------------------------------
 
-TEST_F(DepthCameraTest, HardwareCommandSetSendsTheCommandToTheUnitsNode) {
+TEST_F(DepthCameraTest, HardwareCommandSetAndGetReachTheUnitsNodeAndKeepFortyFourBytesReturned) {
   BYTE data[5] = {1, 2, 3, 4, 5};
   ULONG bytes = 0;
   ASSERT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_SET, 0x42, data, sizeof(data), &bytes));
   EXPECT_EQ(44u, bytes);
-  // The request's opcode, parameters and data make the command (framed as the pipe's own tests check).
-  const auto commands = filter->FirmwareCommands();
-  ASSERT_EQ(1u, commands.size());
-  EXPECT_EQ(0x42u, commands[0].opcode);
-  EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
-            std::vector<uint32_t>(std::begin(commands[0].params), std::end(commands[0].params)));
-  EXPECT_EQ(std::vector<BYTE>(data, data + 5), commands[0].data);
-  for (const auto &request : filter->Requests()) EXPECT_EQ(kDepthXuNode, request.node);
-}
-
-TEST_F(DepthCameraTest, HardwareCommandGetReturnsTheReplyAndKeepsFortyFourBytesReturned) {
   std::vector<BYTE> reply(sim::kDeviceInfoTableSize, 0);
-  ULONG bytes = 0;
   ASSERT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_GET, sim::kFirmwareOpcodeDeviceInfo, reply.data(),
                             static_cast<ULONG>(reply.size()), &bytes));
   EXPECT_EQ(44u, bytes);
   EXPECT_EQ(sim::DeviceInfoTable(sim::DeviceInfoConfig{}), reply);
+  // The request's opcode, parameters and data make the command (framed as the pipe's own tests check); a
+  // read carries the request's four parameters as a write does.
   const auto commands = filter->FirmwareCommands();
-  ASSERT_EQ(1u, commands.size());
-  EXPECT_EQ(20u, commands[0].length);
-  // A read carries the request's four parameters to the camera as a write does.
-  EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
-            std::vector<uint32_t>(std::begin(commands[0].params), std::end(commands[0].params)));
+  ASSERT_EQ(2u, commands.size());
+  EXPECT_EQ(0x42u, commands[0].opcode);
+  EXPECT_EQ(std::vector<BYTE>(data, data + 5), commands[0].data);
+  EXPECT_EQ(20u, commands[1].length);
+  for (const auto &command : commands) {
+    EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
+              std::vector<uint32_t>(std::begin(command.params), std::end(command.params)));
+  }
+  for (const auto &request : filter->Requests()) EXPECT_EQ(kDepthXuNode, request.node);
 
   // 1020 reply bytes is the most a command can return.
   std::vector<BYTE> large(1021, 0);
   EXPECT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_GET, 0x30, large.data(), 1020, &bytes));
   EXPECT_EQ(E_INVALIDARG, HwCommand(KSPROPERTY_TYPE_GET, 0x30, large.data(), 1021, &bytes));
   EXPECT_EQ(44u, bytes);
-  EXPECT_EQ(2u, filter->FirmwareCommands().size());
+  EXPECT_EQ(3u, filter->FirmwareCommands().size());
 }
 
 TEST_F(DepthCameraTest, HardwareCommandRefusesBadRequestsWithoutSendingAnything) {
