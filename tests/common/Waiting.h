@@ -1,6 +1,9 @@
 // Small helpers of tests that watch objects from outside: a reference count read without changing it,
-// and a bounded wait for a condition that other threads make true.
+// a bounded wait for a condition that other threads make true, and what a simulated frame server has
+// received on an output stream.
 #pragma once
+
+#include <cstdint>
 
 #include "platform/WindowsSdk.h"
 
@@ -19,6 +22,14 @@ bool WaitFor(Predicate predicate, int timeoutMs = 10000) {
     Sleep(5);
   }
   return predicate();
+}
+
+template <typename Host>
+uint64_t FramesOut(Host &host, DWORD outputStreamId) {
+  for (const auto &stats : host.Stats()) {
+    if (stats.outputStreamId == outputStreamId) return stats.framesOut;
+  }
+  return 0;
 }
 
 }  // namespace test_waiting

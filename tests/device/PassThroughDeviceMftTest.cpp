@@ -33,12 +33,7 @@ class DeviceTransformTest : public ::testing::Test {
     EXPECT_EQ(S_OK, host->FindOutputType(streamId, width, height, fps, type.GetAddressOf()));
     return type;
   }
-  uint64_t FramesOut(DWORD streamId) {
-    for (const auto &stats : host->Stats()) {
-      if (stats.outputStreamId == streamId) return stats.framesOut;
-    }
-    return 0;
-  }
+  uint64_t FramesOut(DWORD streamId) { return test_waiting::FramesOut(*host, streamId); }
   size_t Subscriptions() { return filter->ActiveEventSubscriptions(sim::kAutoUpdateEventSet, sim::kAutoUpdateEventId); }
   size_t EnableRequests() {
     return filter->CountRequests(sim::KsRequestKind::Event, sim::kAutoUpdateEventSet, sim::kAutoUpdateEventId,

@@ -47,42 +47,6 @@ uint64_t Scaled(uint64_t count) {
   return count * (factor == 0 ? 1 : factor);
 }
 
-RoundWatchdog::RoundWatchdog(std::string what, std::chrono::seconds limit)
-    : what(std::move(what)), limit(limit), thread([this] { Run(); }) {}
-
-RoundWatchdog::~RoundWatchdog() {
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    done = true;
-  }
-  wake.notify_all();
-  thread.join();
-}
-
-void RoundWatchdog::BeginRound(const std::string &name) {
-  std::lock_guard<std::mutex> lock(mutex);
-  round = name;
-  phase = "";
-  started = std::chrono::steady_clock::now();
-}
-
-void RoundWatchdog::Phase(const char *name) {
-  std::lock_guard<std::mutex> lock(mutex);
-  phase = name;
-}
-
-void RoundWatchdog::Run() {
-  std::unique_lock<std::mutex> lock(mutex);
-  while (!wake.wait_for(lock, std::chrono::milliseconds(200), [this] { return done; })) {
-    if (std::chrono::steady_clock::now() - started > limit) {
-      std::fprintf(stderr, "FAILED: %s, %s did not end within %lld s (%s)\n", what.c_str(), round.c_str(),
-                   static_cast<long long>(limit.count()), phase);
-      std::fflush(stderr);
-      TerminateProcess(GetCurrentProcess(), 3);
-    }
-  }
-}
-
 namespace {
 
 // Signals each completion of the wait, which is how a cancellation is seen where the platform invokes it.
@@ -137,13 +101,6 @@ ComPtr<IMFMediaType> OutputType(IMFDeviceTransform *transform, DWORD streamId, U
     MFGetAttributeRatio(type.Get(), MF_MT_FRAME_RATE, &numerator, &denominator);
     if (w == width && h == height && denominator != 0 && numerator == fps * denominator) return type;
   }
-}
-
-uint64_t FramesOut(sim::FrameServerHost &host, DWORD outputStreamId) {
-  for (const auto &stats : host.Stats()) {
-    if (stats.outputStreamId == outputStreamId) return stats.framesOut;
-  }
-  return 0;
 }
 
 }  // namespace lifetime

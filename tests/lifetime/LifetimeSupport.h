@@ -2,17 +2,13 @@
 // factory, counts that scale for longer runs, a per-round watchdog, and the process's footprint.
 #pragma once
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/Waiting.h"
+#include "common/Watchdog.h"
 #include "platform/WindowsSdk.h"
 #include "sim/CameraConfig.h"
 #include "sim/FrameServerHost.h"
@@ -44,30 +40,7 @@ uint64_t Scaled(uint64_t count);
 
 using test_waiting::References;
 using test_waiting::WaitFor;
-
-// Ends the program with a message naming the round when a round outlives its limit: a hang cannot
-// be failed from the hung thread, and the next rounds would only pile up behind it.
-class RoundWatchdog {
- public:
-  RoundWatchdog(std::string what, std::chrono::seconds limit);
-  ~RoundWatchdog();
-  RoundWatchdog(const RoundWatchdog &) = delete;
-  RoundWatchdog &operator=(const RoundWatchdog &) = delete;
-  void BeginRound(const std::string &round);
-  void Phase(const char *phase);  // what the round is doing now, for the message
-
- private:
-  void Run();
-  std::string what;
-  std::chrono::seconds limit;
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::string round = "before the first round";
-  const char *phase = "";
-  std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
-  bool done = false;
-  std::thread thread;
-};
+using test_support::RoundWatchdog;
 
 // How much private memory the platform itself keeps after `pairs` waits on an event put on a work queue
 // (MFPutWaitingWorkItem) and cancelled: what the driver-event listener asks of it per start and stop.
@@ -77,6 +50,6 @@ int64_t PlatformGrowthOfCancelledWaits(uint64_t pairs);
 // The first available output type of a stream at this size and rate (the first one when `fps` is 0).
 Microsoft::WRL::ComPtr<IMFMediaType> OutputType(IMFDeviceTransform *transform, DWORD streamId, UINT32 width = 0,
                                                 UINT32 height = 0, UINT32 fps = 0);
-uint64_t FramesOut(sim::FrameServerHost &host, DWORD outputStreamId);
+using test_waiting::FramesOut;
 
 }  // namespace lifetime

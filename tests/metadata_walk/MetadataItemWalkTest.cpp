@@ -44,6 +44,25 @@ TEST(MetadataItemWalk, TellsHowTheWalkEnded) {
   EXPECT_EQ(MetadataWalkEnd::Truncated, Walk(trailing, 7, 0, 100).end);
 }
 
+TEST(MetadataItemWalk, BoundsPickTheFirstItemOfTheIdWithinThemAndAHeadTooSmallNeverMatches) {
+  // Three items of id 7 with 12, 16 and 20 payload bytes.
+  const auto three = Items({7, 20, 1, 1, 1, 7, 24, 2, 2, 2, 2, 7, 28, 3, 3, 3, 3, 3});
+  const struct {
+    uint32_t minSize, maxSize, expected;  // 0: not found
+  } cases[] = {{16, 16, 16}, {12, 12, 12}, {20, 20, 20}, {13, 19, 16}, {0, 0xFFFFFFFF, 12}, {17, 19, 0}, {21, 100, 0}};
+  for (const auto &c : cases) {
+    const auto result = Walk(three, 7, c.minSize, c.maxSize);
+    EXPECT_EQ(c.expected != 0, static_cast<bool>(result.item)) << c.minSize << ".." << c.maxSize;
+    if (result.item) EXPECT_EQ(c.expected, result.item.size) << c.minSize << ".." << c.maxSize;
+  }
+  EXPECT_FALSE(Walk(three, 8, 0, 0xFFFFFFFF).item);
+  // [7, size 4] steps 4 bytes on, where its size field reads as id 4 with the next word, 8, as its size;
+  // the real item of 4 payload bytes follows at 12.
+  const auto small = Walk(Items({7, 4, 8, 7, 12, 0xAA}), 7, 0, 0xFFFFFFFF);
+  ASSERT_TRUE(small.item);
+  EXPECT_EQ(4u, small.item.size);
+}
+
 TEST(MetadataItemWalk, NeverReadsOutsideRandomBuffers) {
   std::mt19937 random(99);
   for (int round = 0; round < 20000; ++round) {

@@ -70,7 +70,7 @@ class KsControlsDispatcherTest : public ::testing::Test {
   ComPtr<FakeKsControl> driver;
 };
 
-TEST_F(KsControlsDispatcherTest, FirstRegisteredMatchAnswersForEveryFlag) {
+TEST_F(KsControlsDispatcherTest, FirstRegisteredMatchAnswersForEveryFlagWhateverComesLater) {
   auto specific = std::make_shared<AnsweringHandler>(kSetS, 5, S_FALSE);
   auto completeSet = std::make_shared<CompleteSetPropsHandler>(driver.Get(), kSetS, "extension unit");
   ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(specific));
@@ -86,16 +86,14 @@ TEST_F(KsControlsDispatcherTest, FirstRegisteredMatchAnswersForEveryFlag) {
   ASSERT_EQ(1u, driver->Requests().size());
   EXPECT_EQ(7u, driver->Requests()[0].id);
   EXPECT_EQ(sizeof(KSPROPERTY), driver->Requests()[0].identifierLength);
-}
 
-TEST_F(KsControlsDispatcherTest, HandlerRegisteredAfterCompleteSetIsNeverReached) {
-  auto completeSet = std::make_shared<CompleteSetPropsHandler>(driver.Get(), kSetS, "extension unit");
-  auto specific = std::make_shared<AnsweringHandler>(kSetS, 5, S_FALSE);
-  ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(completeSet));
-  ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(specific));
+  // In the other order the complete-set handler answers first, and the later one is never reached.
+  auto late = std::make_shared<AnsweringHandler>(kSetT, 5, S_FALSE);
+  ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(std::make_shared<CompleteSetPropsHandler>(driver.Get(), kSetT, "xu")));
+  ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(late));
   driver->Script({E_ACCESSDENIED});
-  EXPECT_EQ(E_ACCESSDENIED, Get(kSetS, 5));
-  EXPECT_EQ(0, specific->runs);
+  EXPECT_EQ(E_ACCESSDENIED, Get(kSetT, 5));
+  EXPECT_EQ(0, late->runs);
 }
 
 TEST_F(KsControlsDispatcherTest, RegistrationRefusesEmptyAndDuplicateHandlers) {
@@ -186,7 +184,7 @@ class EventHandlerTest : public KsControlsDispatcherTest {
   KSEVENTDATA eventData{};
 };
 
-TEST_F(EventHandlerTest, OneShotArmsOnceSignalsAndRearms) {
+TEST_F(EventHandlerTest, OneShotRefusesBadArmsThenArmsOnceSignalsAndRearms) {
   auto oneShot = std::make_shared<OneShotKsEventHandler>(kSetS, 3, "async", nullptr);
   ASSERT_EQ(S_OK, dispatcher->RegisterKsEventHandler(oneShot));
 
@@ -195,6 +193,9 @@ TEST_F(EventHandlerTest, OneShotArmsOnceSignalsAndRearms) {
   EXPECT_EQ(E_INVALIDARG, Arm(3, KSEVENT_TYPE_ONESHOT, sizeof(KSEVENTDATA) - 1));
   KSEVENT event = Property(kSetS, 3, KSEVENT_TYPE_ONESHOT);
   EXPECT_EQ(E_INVALIDARG, ksControl->KsEvent(&event, sizeof(event), nullptr, 0, nullptr));
+  eventData.EventHandle.Event = reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(0x7ffc));  // not a handle
+  EXPECT_TRUE(FAILED(Arm(3, KSEVENT_TYPE_ONESHOT)));
+  eventData.EventHandle.Event = applicationEvent;
   EXPECT_FALSE(oneShot->IsArmed());
 
   ASSERT_EQ(S_OK, Arm(3, KSEVENT_TYPE_ONESHOT));
@@ -206,16 +207,6 @@ TEST_F(EventHandlerTest, OneShotArmsOnceSignalsAndRearms) {
   EXPECT_EQ(S_OK, Arm(3, KSEVENT_TYPE_ONESHOT));
   EXPECT_EQ(S_OK, oneShot->Set());
   EXPECT_TRUE(Signalled());
-}
-
-TEST_F(EventHandlerTest, ArmingWithABadHandleFailsAndLeavesTheHandlerFree) {
-  auto oneShot = std::make_shared<OneShotKsEventHandler>(kSetS, 3, "async", nullptr);
-  ASSERT_EQ(S_OK, dispatcher->RegisterKsEventHandler(oneShot));
-  eventData.EventHandle.Event = reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(0x7ffc));
-  EXPECT_TRUE(FAILED(Arm(3, KSEVENT_TYPE_ONESHOT)));
-  EXPECT_FALSE(oneShot->IsArmed());
-  eventData.EventHandle.Event = applicationEvent;
-  EXPECT_EQ(S_OK, Arm(3, KSEVENT_TYPE_ONESHOT));
 }
 
 TEST_F(EventHandlerTest, RegularEventIsArmedByEnableAndReleasedByTheDisableForm) {

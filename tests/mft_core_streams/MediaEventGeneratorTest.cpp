@@ -135,9 +135,4 @@ TEST(MediaEventGeneratorTest, AFailingPlatformCallIsReportedWithItsExpression) {
   generator->Shutdown();
 }
 
-TEST(MediaEventNamesTest, NamesKnownTypesAndReadsUnknownForOthers) {
-  EXPECT_STREQ("MEDeviceThermalStateChanged", user_space_frameworks::MediaEventTypeName(MEDeviceThermalStateChanged));
-  EXPECT_STREQ("Unknown", user_space_frameworks::MediaEventTypeName(12345));
-}
-
 }  // namespace

@@ -296,23 +296,5 @@ TEST_F(MFDeviceTransformTest, ProcessOutputSucceedsWhenAnyRequestedStreamDeliver
   EXPECT_EQ(0x1234u, buffers[1].dwStatus);
 }
 
-TEST_F(MFDeviceTransformTest, RealTimeClientKeepsTheLastAssignedQueue) {
-  ComPtr<IMFRealTimeClientEx> realTime;
-  ASSERT_EQ(S_OK, device.As(&realTime));
-  auto assignment = object->GetWorkQueueAssignment();
-  EXPECT_FALSE(assignment->IsAssigned());
-  EXPECT_EQ(DWORD(MFASYNC_CALLBACK_QUEUE_STANDARD), assignment->GetCallbackQueue());
-  DWORD taskIndex = 0xBEEF;
-  EXPECT_EQ(S_OK, realTime->RegisterThreadsEx(&taskIndex, L"Capture", 1));
-  EXPECT_EQ(0xBEEFu, taskIndex);
-  EXPECT_EQ(S_OK, realTime->UnregisterThreads());
-  EXPECT_FALSE(assignment->IsAssigned());
-  ASSERT_EQ(S_OK, realTime->SetWorkQueueEx(0x42, 3));
-  ASSERT_EQ(S_OK, realTime->SetWorkQueueEx(0x43, -1));
-  EXPECT_TRUE(assignment->IsAssigned());
-  EXPECT_EQ(0x43u, assignment->GetCallbackQueue());
-  EXPECT_EQ(-1, assignment->GetWorkItemBasePriority());
-}
-
 }  // namespace
 }  // namespace mft_core

@@ -1,4 +1,4 @@
-// The product's private properties, firmware error handler and device information against the
+// The product's private properties and device information against the
 // simulated depth camera, reached as an application and the driver reach them.
 #include <gtest/gtest.h>
 
@@ -9,15 +9,11 @@
 
 #include "autoexposure/AutoExposureAPI.h"
 #include "common/FakeKsControl.h"
-#include "common/Waiting.h"
 #include "mft_core/ks/ExtensionUnitKsControl.h"
 #include "mft_core/ks/FirmwareCommandPipe.h"
 #include "mft_core/ks/KsControlsDispatcher.h"
-#include "mft_core/ks/KsEventListener.h"
-#include "mft_core/transform/MediaEventGenerator.h"
 #include "product/controls/WQ400ApiVersion.h"
 #include "product/controls/WQ400FishEyeExtendedExposureControl.h"
-#include "product/controls/WQ400FwErrorHandler.h"
 #include "product/controls/WQ400HwCommandKsPropertyHandler.h"
 #include "product/controls/WQ400PrivateProperties.h"
 #include "product/device/WQ400DeviceInfo.h"
@@ -38,10 +34,6 @@ constexpr ULONG kDepthXuNode = 2;
 
 class TestDispatcher : public KsControlsDispatcher {
   WQ_IMPLEMENT_IUNKNOWN(TestDispatcher, IKsControl)
-};
-
-class TestEventQueue : public MediaEventGenerator {
-  WQ_IMPLEMENT_IUNKNOWN(TestEventQueue, IMFMediaEventGenerator)
 };
 
 // The simulated depth camera with its extension unit and firmware pipe opened as the transform does.
@@ -116,41 +108,35 @@ TEST_F(DepthCameraTest, ApiVersionIsTwoThreeAndReadOnly) {
 
 // ---- Hardware command ---------------------------------------------------------------------------------------------
 
-TEST_F(DepthCameraTest, HardwareCommandSetSendsTheCommandToTheUnitsNode) {
+TEST_F(DepthCameraTest, HardwareCommandSetAndGetReachTheUnitsNodeAndKeepFortyFourBytesReturned) {
   BYTE data[5] = {1, 2, 3, 4, 5};
   ULONG bytes = 0;
   ASSERT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_SET, 0x42, data, sizeof(data), &bytes));
   EXPECT_EQ(44u, bytes);
-  // The request's opcode, parameters and data make the command (framed as the pipe's own tests check).
-  const auto commands = filter->FirmwareCommands();
-  ASSERT_EQ(1u, commands.size());
-  EXPECT_EQ(0x42u, commands[0].opcode);
-  EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
-            std::vector<uint32_t>(std::begin(commands[0].params), std::end(commands[0].params)));
-  EXPECT_EQ(std::vector<BYTE>(data, data + 5), commands[0].data);
-  for (const auto &request : filter->Requests()) EXPECT_EQ(kDepthXuNode, request.node);
-}
-
-TEST_F(DepthCameraTest, HardwareCommandGetReturnsTheReplyAndKeepsFortyFourBytesReturned) {
   std::vector<BYTE> reply(sim::kDeviceInfoTableSize, 0);
-  ULONG bytes = 0;
   ASSERT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_GET, sim::kFirmwareOpcodeDeviceInfo, reply.data(),
                             static_cast<ULONG>(reply.size()), &bytes));
   EXPECT_EQ(44u, bytes);
   EXPECT_EQ(sim::DeviceInfoTable(sim::DeviceInfoConfig{}), reply);
+  // The request's opcode, parameters and data make the command (framed as the pipe's own tests check); a
+  // read carries the request's four parameters as a write does.
   const auto commands = filter->FirmwareCommands();
-  ASSERT_EQ(1u, commands.size());
-  EXPECT_EQ(20u, commands[0].length);
-  // A read carries the request's four parameters to the camera as a write does.
-  EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
-            std::vector<uint32_t>(std::begin(commands[0].params), std::end(commands[0].params)));
+  ASSERT_EQ(2u, commands.size());
+  EXPECT_EQ(0x42u, commands[0].opcode);
+  EXPECT_EQ(std::vector<BYTE>(data, data + 5), commands[0].data);
+  EXPECT_EQ(20u, commands[1].length);
+  for (const auto &command : commands) {
+    EXPECT_EQ((std::vector<uint32_t>{11, 22, 33, 0xFFFFFFFF}),
+              std::vector<uint32_t>(std::begin(command.params), std::end(command.params)));
+  }
+  for (const auto &request : filter->Requests()) EXPECT_EQ(kDepthXuNode, request.node);
 
   // 1020 reply bytes is the most a command can return.
   std::vector<BYTE> large(1021, 0);
   EXPECT_EQ(S_OK, HwCommand(KSPROPERTY_TYPE_GET, 0x30, large.data(), 1020, &bytes));
   EXPECT_EQ(E_INVALIDARG, HwCommand(KSPROPERTY_TYPE_GET, 0x30, large.data(), 1021, &bytes));
   EXPECT_EQ(44u, bytes);
-  EXPECT_EQ(2u, filter->FirmwareCommands().size());
+  EXPECT_EQ(3u, filter->FirmwareCommands().size());
 }
 
 TEST_F(DepthCameraTest, HardwareCommandRefusesBadRequestsWithoutSendingAnything) {
@@ -259,103 +245,6 @@ TEST_F(DepthCameraTest, DeviceInformationThatCannotBeReadLeavesTheFlagClearAndIn
   WQ400DeviceInfo withoutPipe(nullptr, "none");
   EXPECT_EQ(S_OK, withoutPipe.Init());
   EXPECT_FALSE(withoutPipe.IsValid());
-}
-
-// ---- Firmware errors ----------------------------------------------------------------------------------------------
-
-class FwErrorHandlerTest : public DepthCameraTest {
- protected:
-  void SetUp() override {
-    DepthCameraTest::SetUp();
-    queue = user_space_frameworks::MakeComObject<TestEventQueue>();
-    handler = std::make_shared<WQ400FwErrorHandler>("WQ400 Depth Device MFT", xu, 7, queue.Get());
-    listener = KsEventListener::Create("auto update", sim::kAutoUpdateEventSet, sim::kAutoUpdateEventId);
-    ASSERT_TRUE(listener);
-    ASSERT_EQ(S_OK, listener->Init(filterKsControl.Get()));
-    listener->RegisterObserver(handler);
-    ASSERT_EQ(S_OK, listener->Start());
-  }
-  void TearDown() override {
-    listener->UnregisterObserver(handler);
-    listener->Stop();
-  }
-
-  // Sets the camera's error code, signals the event and waits until the handler has read the code.
-  void RaiseError(BYTE code) {
-    filter->SetControlValue(sim::kDepthXuSet, 7, {code});
-    const size_t reads = ErrorReads();
-    ASSERT_EQ(1u, filter->SignalAutoUpdate());
-    ASSERT_TRUE(test_waiting::WaitFor([&] { return ErrorReads() > reads; }));
-  }
-  size_t ErrorReads() { return filter->CountRequests(sim::KsRequestKind::Property, sim::kDepthXuSet, 7); }
-  // Every queued event as (type, value), waiting up to two seconds for `expected` of them; when none is
-  // expected, a short grace period lets a wrongly queued event show up.
-  std::vector<std::pair<MediaEventType, ULONG>> Drain(size_t expected = 0) {
-    std::vector<std::pair<MediaEventType, ULONG>> events;
-    if (expected == 0) Sleep(50);
-    test_waiting::WaitFor([&] {
-      TakeEvents(events);
-      return events.size() >= expected;
-    }, 2000);
-    return events;
-  }
-  void TakeEvents(std::vector<std::pair<MediaEventType, ULONG>> &events) {
-    ComPtr<IMFMediaEvent> event;
-    while (queue->GetEvent(MF_EVENT_FLAG_NO_WAIT, event.ReleaseAndGetAddressOf()) == S_OK) {
-      MediaEventType type = MEUnknown;
-      event->GetType(&type);
-      PROPVARIANT value;
-      PropVariantInit(&value);
-      event->GetValue(&value);
-      events.push_back({type, value.vt == VT_UI4 ? value.ulVal : 0xFFFFFFFFu});
-      PropVariantClear(&value);
-    }
-  }
-
-  ComPtr<TestEventQueue> queue;
-  std::shared_ptr<WQ400FwErrorHandler> handler;
-  std::shared_ptr<KsEventListener> listener;
-};
-
-TEST_F(FwErrorHandlerTest, OverTemperatureCodesQueueOneThermalEventEach) {
-  const std::pair<BYTE, bool> cases[] = {{0, false}, {1, true}, {2, true}, {3, false}, {200, false}, {255, false}};
-  for (const auto &c : cases) {
-    SCOPED_TRACE(static_cast<int>(c.first));
-    RaiseError(c.first);
-    const auto events = Drain(c.second ? 1 : 0);
-    if (c.second) {
-      ASSERT_EQ(1u, events.size());
-      EXPECT_EQ(static_cast<MediaEventType>(MEDeviceThermalStateChanged), events[0].first);
-      EXPECT_EQ(1u, events[0].second);
-    } else {
-      EXPECT_TRUE(events.empty());
-    }
-  }
-  // The code is read as one byte at the unit's node.
-  for (const auto &request : filter->Requests()) {
-    if (request.id == 7 && IsEqualGUID(request.set, sim::kDepthXuSet)) {
-      EXPECT_EQ(kDepthXuNode, request.node);
-      EXPECT_EQ(1u, request.dataLength);
-      EXPECT_EQ(static_cast<ULONG>(KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_TOPOLOGY), request.flags);
-    }
-  }
-}
-
-TEST_F(FwErrorHandlerTest, AFailedReadQueuesNothingAndTheListenerKeepsRunning) {
-  sim::KsFault fault;
-  fault.set = sim::kDepthXuSet;
-  fault.id = 7;
-  fault.result = HRESULT_FROM_WIN32(ERROR_GEN_FAILURE);
-  filter->InjectFault(fault);
-  RaiseError(1);
-  EXPECT_TRUE(Drain().empty());
-  EXPECT_EQ(KsEventListener::Active, listener->GetState());
-
-  filter->ClearFaults();
-  RaiseError(2);
-  const auto events = Drain(1);
-  ASSERT_EQ(1u, events.size());
-  EXPECT_EQ(static_cast<MediaEventType>(MEDeviceThermalStateChanged), events[0].first);
 }
 
 // ---- Fisheye exposure: the auto-exposure engine's requests ------------------------------------------------------

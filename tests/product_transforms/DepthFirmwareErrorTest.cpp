@@ -6,7 +6,18 @@ namespace {
 constexpr ULONG kErrorCodeControl = 7;
 constexpr MediaEventType kThermalStateChanged = 950;
 
-using DepthFirmwareErrorTest = test_support::DepthTransformTest;
+struct DepthFirmwareErrorTest : test_support::DepthTransformTest {
+  uint64_t ErrorReads() {
+    return filter->CountRequests(sim::KsRequestKind::Property, sim::kDepthXuSet, kErrorCodeControl);
+  }
+  // Sets the camera's error code, signals the event and waits until the transform has read the code once.
+  void RaiseError(BYTE code) {
+    filter->SetControlValue(sim::kDepthXuSet, kErrorCodeControl, {code});
+    const uint64_t reads = ErrorReads();
+    ASSERT_EQ(1u, filter->SignalAutoUpdate()) << int(code);
+    ASSERT_TRUE(test_support::WaitFor([&] { return ErrorReads() == reads + 1; })) << int(code);
+  }
+};
 
 TEST_F(DepthFirmwareErrorTest, OverTemperatureCodesBecomeThermalEventsOthersDoNot) {
   ConnectAndInitialize();
@@ -17,18 +28,31 @@ TEST_F(DepthFirmwareErrorTest, OverTemperatureCodesBecomeThermalEventsOthersDoNo
   }));
 
   uint64_t expected = 0;
-  for (BYTE code : {BYTE(0), BYTE(1), BYTE(3), BYTE(2), BYTE(200)}) {
-    filter->SetControlValue(sim::kDepthXuSet, kErrorCodeControl, {code});
-    const uint64_t reads = filter->CountRequests(sim::KsRequestKind::Property, sim::kDepthXuSet, kErrorCodeControl);
-    ASSERT_EQ(1u, filter->SignalAutoUpdate()) << int(code);
-    // The code is read once per signal; only over-temperature codes are passed on.
-    ASSERT_TRUE(test_support::WaitFor([&] {
-      return filter->CountRequests(sim::KsRequestKind::Property, sim::kDepthXuSet, kErrorCodeControl) == reads + 1;
-    })) << int(code);
+  for (BYTE code : {BYTE(0), BYTE(1), BYTE(3), BYTE(2), BYTE(200), BYTE(255)}) {
+    RaiseError(code);
     if (code == 1 || code == 2) ++expected;
     EXPECT_TRUE(test_support::WaitFor([&] { return host->EventCount(kThermalStateChanged) == expected; }))
         << int(code);
   }
+  // The code is read as one byte at the unit's node.
+  const ULONG unitNode = filter->Config().extensionUnits[0].nodeId;
+  for (const auto &request : filter->Requests()) {
+    if (request.id == kErrorCodeControl && IsEqualGUID(request.set, sim::kDepthXuSet)) {
+      EXPECT_EQ(unitNode, request.node);
+      EXPECT_EQ(1u, request.dataLength);
+      EXPECT_EQ(static_cast<ULONG>(KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_TOPOLOGY), request.flags);
+    }
+  }
+
+  // A failed read passes nothing on and the transform keeps listening.
+  InjectPropertyFault(sim::kDepthXuSet, kErrorCodeControl, 0, HRESULT_FROM_WIN32(ERROR_GEN_FAILURE));
+  RaiseError(1);
+  Sleep(50);
+  EXPECT_EQ(expected, host->EventCount(kThermalStateChanged));
+  filter->ClearFaults();
+  RaiseError(2);
+  EXPECT_TRUE(test_support::WaitFor([&] { return host->EventCount(kThermalStateChanged) == expected + 1; }));
+
   // Frames keep flowing.
   const uint64_t before = FramesOut(0);
   EXPECT_TRUE(test_support::WaitFor([&] { return FramesOut(0) >= before + 2; }));

@@ -1,6 +1,6 @@
 // The fisheye exposure loop closed through the simulated camera: from a dark start the frames reach a
 // well-exposed band within a bounded number of frames and stay there, with every exposure and gain the
-// camera received inside its limits; a manual request stops the loop.
+// camera received inside its limits; a lock freezes the exposure the loop reached.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -103,34 +103,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<LoopCase> &info) { return std::string(info.param.name); });
 
 using ManualStopsTheLoop = ProductTest;
-
-TEST_F(ManualStopsTheLoop, AfterConvergenceAManualExposureHoldsAndAutoResumes) {
-  Connect<mft_core::WQ400FishEyeDeviceMft>(sim::FisheyeCamera());
-  ASSERT_EQ(S_OK, host->Initialize());
-  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
-  ASSERT_TRUE(WaitFor([&] {
-    const auto frames = Frames();
-    return !frames.empty() && frames.back().mean >= kBandLow && frames.back().mean <= kBandHigh;
-  }, 20000));
-
-  // 20 ms overexposes the scene: left to itself the engine would bring it down.
-  ASSERT_EQ(S_OK, SetExposureMode(KSCAMERA_EXTENDEDPROP_VIDEOPROCFLAG_MANUAL, 200000));
-  const LONG gain = DeviceGain();
-  const size_t from = FrameCount();
-  ASSERT_TRUE(WaitForFrames(from + 60));
-  const auto frames = Frames();
-  for (size_t i = from + 2; i < frames.size(); ++i) {
-    EXPECT_EQ(20000u, frames[i].exposureUs) << "frame " << i;
-    EXPECT_EQ(static_cast<UINT32>(gain), frames[i].gain) << "frame " << i;
-  }
-  EXPECT_GT(frames.back().mean, kBandHigh);
-
-  ASSERT_EQ(S_OK, SetAutoExposure());
-  EXPECT_TRUE(WaitFor([&] {
-    const auto latest = Frames();
-    return latest.back().mean >= kBandLow && latest.back().mean <= kBandHigh;
-  }, 20000));
-}
 
 TEST_F(ManualStopsTheLoop, AutoLockWaitsForTheEngineToSettleThenFreezesTheExposureAndStopsTheEngine) {
   // A lock delta of 0.1 us over eight frames: only an exposure the engine no longer moves is stable.

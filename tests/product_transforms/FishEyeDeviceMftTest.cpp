@@ -125,8 +125,12 @@ TEST_F(FishEyeTransform, ManualExposureIsWrittenInMicrosecondsAndCompletesWhenFr
   ULONGLONG flags = 0;
   EXPECT_EQ(50000u, Reported(&flags).VideoProc.Value.ull);
   EXPECT_EQ(kManual, flags);
-  // The engine no longer moves the camera, although 5 ms leaves the scene dark.
-  for (const auto &frame : NextFrames(30)) EXPECT_EQ(5000u, frame.exposureUs);
+  // The engine no longer moves the camera, exposure nor gain, although 5 ms leaves the scene dark.
+  const UINT32 gain = static_cast<UINT32>(DeviceGain());
+  for (const auto &frame : NextFrames(30)) {
+    EXPECT_EQ(5000u, frame.exposureUs);
+    EXPECT_EQ(gain, frame.gain);
+  }
 }
 
 TEST_F(FishEyeTransform, AnOutOfRangeManualRequestIsRefusedAndStillStopsTheEngine) {

@@ -32,13 +32,6 @@ HRESULT ProductHarness::Start(DWORD streamId, UINT32 width, UINT32 height, UINT3
   return host->StartStream(streamId, type.Get());
 }
 
-uint64_t ProductHarness::FramesOut(DWORD streamId) {
-  for (const auto &stats : host->Stats()) {
-    if (stats.outputStreamId == streamId) return stats.framesOut;
-  }
-  return 0;
-}
-
 std::vector<BYTE> ProductHarness::StreamBlob(DWORD streamId, REFGUID key) {
   ComPtr<IMFAttributes> attributes;
   EXPECT_EQ(S_OK, device->GetOutputStreamAttributes(streamId, attributes.GetAddressOf()));

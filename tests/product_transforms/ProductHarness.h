@@ -53,7 +53,7 @@ class ProductHarness {
 
   Microsoft::WRL::ComPtr<IMFMediaType> OutputType(DWORD streamId, UINT32 width, UINT32 height, UINT32 fps);
   HRESULT Start(DWORD streamId, UINT32 width = 848, UINT32 height = 480, UINT32 fps = 30);
-  uint64_t FramesOut(DWORD streamId);
+  uint64_t FramesOut(DWORD streamId) { return test_waiting::FramesOut(*host, streamId); }
   // Output stream attribute `key` as bytes; empty when absent.
   std::vector<BYTE> StreamBlob(DWORD streamId, REFGUID key);
 

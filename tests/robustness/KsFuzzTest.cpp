@@ -21,12 +21,7 @@ using Microsoft::WRL::ComPtr;
 namespace robustness {
 namespace {
 
-uint64_t FramesOut(sim::FrameServerHost &host, DWORD streamId) {
-  for (const auto &stats : host.Stats()) {
-    if (stats.outputStreamId == streamId) return stats.framesOut;
-  }
-  return 0;
-}
+using test_waiting::FramesOut;
 
 ComPtr<IMFMediaType> FirstType(IMFDeviceTransform *device, DWORD streamId) {
   ComPtr<IMFMediaType> type;
@@ -100,7 +95,7 @@ TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
       fuzzers.push_back(std::make_unique<KsFuzzer>(0x5EED0000u + 16 * i + static_cast<uint32_t>(GetParam().size()),
                                                    camera, applicationEvent));
     }
-    Watchdog watchdog("KS fuzz");
+    RoundWatchdog watchdog("KS fuzz", std::chrono::seconds(30));  // beyond the 10 s a topology may wait
     std::atomic<bool> fuzzing{true};
     std::atomic<size_t> signalled{0};
     std::thread camerasEvents([&] {
@@ -124,7 +119,7 @@ TEST_P(KsFuzz, RandomAndLyingRequestsWhileStreamingLeaveTheTransformWorking) {
       applications.emplace_back([&, a] {
         KsFuzzer &fuzzer = *fuzzers[a];
         for (uint64_t i = a; i < requests; i += kApplications) {
-          if (a == 0 && i % 256 == 0) watchdog.Beat(fuzzer.LastRequest());
+          if (a == 0 && i % 256 == 0) watchdog.BeginRound(fuzzer.LastRequest());
           fuzzer.SendOne(ks.Get());
         }
       });

@@ -233,14 +233,14 @@ TEST_P(MetadataFuzz, DeliveredSamplesCarryTheRecordsTheCameraSentOrNone) {
   const uint64_t framesPerStream = (frames + streams.size() - 1) / streams.size();
   constexpr size_t kMostInFlight = 8;  // a frame server pulling at frame rate keeps the queue this short
   {
-    Watchdog watchdog("metadata fuzz");
+    RoundWatchdog watchdog("metadata fuzz", std::chrono::seconds(30));
     std::vector<std::thread> feeders;
     for (auto &stream : streams) {
       feeders.emplace_back([&, fed = stream.get()] {
         std::mt19937 random(99 + 7 * fed->outputId + static_cast<uint32_t>(GetParam().size()));
         sim::CameraMetadataWriter writer(camera.metadataKind);
         for (uint64_t frame = 0; frame < framesPerStream; ++frame) {
-          if (fed->outputId == 0 && frame % 1024 == 0) watchdog.Beat("frame " + std::to_string(frame));
+          if (fed->outputId == 0 && frame % 1024 == 0) watchdog.BeginRound("frame " + std::to_string(frame));
           std::vector<uint8_t> raw = writer.BuildNextFrame();
           Mutate(random, raw);
           const LONGLONG time = static_cast<LONGLONG>(frame + 1) * 333333;

@@ -65,41 +65,6 @@ uint64_t Scaled(uint64_t count) {
   return count * (factor == 0 ? 1 : factor);
 }
 
-bool WaitFor(const std::function<bool()> &predicate, int timeoutMs) {
-  for (int waited = 0; waited < timeoutMs; waited += 5) {
-    if (predicate()) return true;
-    Sleep(5);
-  }
-  return predicate();
-}
-
-Watchdog::Watchdog(const char *what) : what(what), thread([this] { Run(); }) {}
-
-Watchdog::~Watchdog() {
-  done = true;
-  thread.join();
-}
-
-void Watchdog::Beat(const std::string &current) {
-  std::lock_guard<std::mutex> lock(mutex);
-  last = current;
-  beat = std::chrono::steady_clock::now();
-}
-
-void Watchdog::Run() {
-  // Longer than the 10 s a topology may wait for the frame server.
-  constexpr auto kLongestWait = std::chrono::seconds(30);
-  while (!done) {
-    Sleep(100);
-    std::lock_guard<std::mutex> lock(mutex);
-    if (std::chrono::steady_clock::now() - beat > kLongestWait) {
-      std::fprintf(stderr, "%s hung on: %s\n", what, last.c_str());
-      std::fflush(stderr);
-      std::abort();
-    }
-  }
-}
-
 GuardedRegion::GuardedRegion(size_t capacity) {
   SYSTEM_INFO info;
   GetSystemInfo(&info);

@@ -3,18 +3,15 @@
 // requests, and an independent reading of the camera's metadata bytes to hold delivered samples against.
 #pragma once
 
-#include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "common/Waiting.h"
+#include "common/Watchdog.h"
 #include "platform/WindowsSdk.h"
 #include "sim/CameraConfig.h"
 #include "sim/FrameServerHost.h"
@@ -48,28 +45,8 @@ ExtendedExposureData ManualExposure(ULONGLONG exposure);
 // Counts scaled by WQ400_ROBUSTNESS_SCALE (a multiplier, default 1) for longer runs outside CI.
 uint64_t Scaled(uint64_t count);
 
-// Polls `predicate` every 5 ms for up to `timeoutMs`.
-bool WaitFor(const std::function<bool()> &predicate, int timeoutMs = 10000);
-
-// Ends the whole program, naming what it was doing, when no beat came for longer than any documented
-// wait of the transform allows: a hang must fail the run rather than stall CI.
-class Watchdog {
- public:
-  explicit Watchdog(const char *what);
-  ~Watchdog();
-  Watchdog(const Watchdog &) = delete;
-  Watchdog &operator=(const Watchdog &) = delete;
-  void Beat(const std::string &current);
-
- private:
-  void Run();
-  const char *what;
-  std::mutex mutex;
-  std::string last;
-  std::chrono::steady_clock::time_point beat = std::chrono::steady_clock::now();
-  std::atomic<bool> done{false};
-  std::thread thread;
-};
+using test_waiting::WaitFor;
+using test_support::RoundWatchdog;
 
 // Memory whose first and last pages are inaccessible: a read or write one byte past either end of the
 // usable area faults at once.
