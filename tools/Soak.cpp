@@ -461,8 +461,10 @@ int main(int argc, char **argv) {
       recording.flightRecorder = mode == "flight";
       recording.path = kRecordingPath;
       if (recording.flightRecorder) recording.writer.ringBytes = size_t{std::max<DWORD>(1, options.ringMegabytes)} << 20;
-      const std::vector<std::wstring> dumps = DumpFiles();
-      for (const auto &file : dumps) DeleteFileW(file.c_str());
+      // A flight run starts with no dump, and its dump stays for the replay after the soak.
+      if (recording.flightRecorder) {
+        for (const auto &file : DumpFiles()) DeleteFileW(file.c_str());
+      }
       if (recording.enabled && FAILED(recording.StoreInRegistry())) {
         std::cerr << "cannot switch the recording on in the registry\n";
         return 1;
