@@ -288,8 +288,7 @@ TEST(FlightRecorderReplay, ADumpWhoseRingWrappedReplaysFromItsStateRecord) {
   }
   std::vector<uint8_t> bytes;
   std::string error;
-  ASSERT_TRUE(device_events::ReadFileBytes(std::string(file.begin(), file.end()), bytes, error)) << error;
-  DeleteFileW(file.c_str());
+  ASSERT_TRUE(TakeFileBytes(file, bytes, error)) << error;
   const Recording dump = ParseRecording(bytes);
   ASSERT_EQ("", dump.error);
   ASSERT_EQ(RecordKind::RingDump, dump.records.front().Kind());
@@ -367,8 +366,7 @@ TEST(KilledRecording, AProcessKilledWhileRecordingLeavesAFileThatReplays) {
 
   std::vector<uint8_t> bytes;
   std::string error;
-  ASSERT_TRUE(device_events::ReadFileBytes(std::string(path.begin(), path.end()), bytes, error)) << error;
-  DeleteFileW(path.c_str());
+  ASSERT_TRUE(TakeFileBytes(path, bytes, error)) << error;
   const Recording recording = ParseRecording(bytes);
   ASSERT_EQ("", recording.error);
   ASSERT_FALSE(recording.records.empty());

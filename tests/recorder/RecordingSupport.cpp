@@ -178,9 +178,14 @@ std::vector<uint8_t> RecordSession(const wchar_t *name, const std::function<void
   }));
   std::vector<uint8_t> bytes;
   std::string error;
-  EXPECT_TRUE(device_events::ReadFileBytes(std::string(path.begin(), path.end()), bytes, error)) << error;
-  DeleteFileW(path.c_str());
+  EXPECT_TRUE(TakeFileBytes(path, bytes, error)) << error;
   return bytes;
+}
+
+bool TakeFileBytes(const std::wstring &path, std::vector<uint8_t> &bytes, std::string &error) {
+  const bool read = device_events::ReadFileBytes(std::string(path.begin(), path.end()), bytes, error);
+  DeleteFileW(path.c_str());
+  return read;
 }
 
 }  // namespace recorder_tests

@@ -30,6 +30,8 @@ struct Recording {
   std::string cut;    // where and how the file ends inside its last record
 };
 Recording ReadRecording(const std::wstring &path);
+// The file's bytes, the file deleted; false (with `error`) when it cannot be read.
+bool TakeFileBytes(const std::wstring &path, std::vector<uint8_t> &bytes, std::string &error);
 Recording ParseRecording(const std::vector<uint8_t> &bytes);
 
 // Records of one kind, and call records of one name.
