@@ -14,6 +14,7 @@
 #include "device_events/Timeline.h"
 #include "mft_core/recorder/MfValues.h"
 #include "sim/RecordedCameraFilter.h"
+#include "sim/ReplayFrameOrder.h"
 #include "sim/Session.h"
 
 using Microsoft::WRL::ComPtr;
@@ -645,29 +646,9 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
     }
   }
   const std::vector<Record> recordedRequests = driverRequests;
-  // Output stream N hands out input stream N's frames in the order they came in: the k-th sample a
-  // stream delivered was the k-th frame its input took. For each ProcessOutput, how many frames of each
-  // stream must be in before it is made.
-  std::map<uint32_t, std::vector<const Record *>> framesOf;  // accepted ProcessInput calls, in entry order
-  std::map<const Record *, std::map<uint32_t, size_t>> framesNeeded;
-  {
-    std::map<const Record *, const Record *> entryOf;
-    for (const auto &call : exitOf) entryOf[call.second] = call.first;
-    std::map<uint32_t, size_t> delivered;
-    for (const Record &r : records) {
-      if (r.Kind() == RecordKind::CallEntry && device_events::CallName(r) == "ProcessInput" && exitOf.count(&r) != 0 &&
-          exitOf[&r]->result == 0) {
-        framesOf[U32At(r, 1)].push_back(&r);
-      }
-      if (r.Kind() == RecordKind::CallExit && device_events::CallName(r) == "ProcessOutput" && entryOf.count(&r) != 0) {
-        for (size_t b = 1; b + 2 < r.values.size(); b += 3) {
-          if (r.values[b + 2].tag != ValueTag::Sample) continue;
-          const uint32_t stream = U32At(r, b);
-          framesNeeded[entryOf[&r]][stream] = ++delivered[stream];
-        }
-      }
-    }
-  }
+  FrameOrder frameOrder = OrderFrames(records, exitOf);
+  auto &framesOf = frameOrder.framesOf;
+  auto &framesNeeded = frameOrder.framesNeeded;
   if (filterRecord == nullptr) {
     report.divergence = "the recording has no driver filter record (it did not see InitializeTransform)";
     return report;
@@ -779,18 +760,26 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
             for (const auto &needed : framesNeeded[&r]) {
               const auto &frames = framesOf[needed.first];
               size_t &in = framesIn[needed.first];
-              for (; in < needed.second && in < frames.size(); ++in) {
+              for (; in < needed.second && in < frames.size() && report.divergence.empty(); ++in) {
                 auto input = callOf(*frames[in]);
                 post(frames[in]->threadId, input);
-                input->Wait(options.waitMs);
+                if (!input->Wait(options.waitMs)) {
+                  diverge(*frames[in], "a frame the next pull hands out: the call did not return within " +
+                                           std::to_string(options.waitMs) + " ms");
+                }
               }
             }
+            if (!report.divergence.empty()) break;
             // A stream it asked for that was not running left its buffer as given; one that was running
             // gave a sample or said it had none. A state request in flight on another thread may have
             // changed that (or not yet) when the call was made: wait for the state it found.
             if (!StreamsAsRecorded(device.Get(), *exitOf[&r], 0)) {
               postAllDeferred();
-              StreamsAsRecorded(device.Get(), *exitOf[&r], options.waitMs);
+              if (!StreamsAsRecorded(device.Get(), *exitOf[&r], options.waitMs)) {
+                diverge(r, "an output stream it asked for did not reach the state (running or not) the call found it in within " +
+                               std::to_string(options.waitMs) + " ms");
+                break;
+              }
             }
             post(r.threadId, call);
             call->Wait(options.waitMs);

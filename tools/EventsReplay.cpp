@@ -1,10 +1,11 @@
 // Replays a device events recording against a transform and reports where its behaviour differs.
-//   events_replay <events.bin> [--dll <path>] [--class {CLSID}] [--wait-ms N] [--repeat N]
+//   events_replay <events.bin> [--dll <path>] [--class {CLSID}] [--wait-ms N] [--repeat N] [--jitter-ms N]
 // The module's recorded class (from the recording, its transform name, or --class) is created through
 // the class factory of the DLL at --dll, by default the one built beside this program. Recordings of the
 // framework's pass-through transform ("Simulated <camera> MFT") replay without --dll against the
 // pass-through transform linked into this program. --repeat replays the recording N times, each against a
-// fresh transform, and counts the matches (a replay must not depend on the machine's load). Exit code: 0
+// fresh transform, and counts the matches (a replay must not depend on the machine's load); --jitter-ms
+// delays each replaying thread at random (up to N ms) before each call, as a loaded machine does. Exit code: 0
 // when every run matches, 1 at a divergence (printed with the records before it), 2 for bad options or a
 // recording that cannot be read.
 #include <cstdlib>
@@ -21,7 +22,7 @@
 namespace {
 
 int Usage() {
-  std::cerr << "usage: events_replay <events.bin> [--dll <path>] [--class {CLSID}] [--wait-ms N] [--repeat N]\n";
+  std::cerr << "usage: events_replay <events.bin> [--dll <path>] [--class {CLSID}] [--wait-ms N] [--repeat N] [--jitter-ms N]\n";
   return 2;
 }
 
@@ -47,6 +48,11 @@ int main(int argc, char **argv) {
        [&](const std::string &value) {
          options.waitMs = static_cast<DWORD>(std::strtoul(value.c_str(), nullptr, 10));
          return options.waitMs > 0;
+       }},
+      {"--jitter-ms", true,
+       [&](const std::string &value) {
+         options.laneJitterMs = static_cast<DWORD>(std::strtoul(value.c_str(), nullptr, 10));
+         return true;
        }},
       {"--repeat", true,
        [&](const std::string &value) {

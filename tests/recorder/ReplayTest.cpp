@@ -8,6 +8,7 @@
 #include "device_events/EventsReader.h"
 #include "mft_core/transform/PassThroughDeviceMft.h"
 #include "sim/CameraConfig.h"
+#include "sim/ReplayFrameOrder.h"
 #include "sim/ReplaySession.h"
 #include "user_space_frameworks/ComObject.h"
 
@@ -112,6 +113,69 @@ TEST_F(ReplayTest, ARecordingCutInsideARecordReplaysToTheCutAndADamagedOneIsRefu
   report = sim::ReplayRecording(lossy, SameTransform);
   EXPECT_FALSE(report.matched);
   EXPECT_NE(std::string::npos, report.divergence.find("lost records")) << report.divergence;
+}
+
+// A recorded pull can hand out a frame before the ProcessInput that brought it returns; the replay
+// then makes that input first. A frame the transform took and dropped (a stream not connected yet)
+// must not make the replay count one frame short and pull before the frame it hands out is in.
+TEST(ReplayFrameOrder, APullNeedsTheFrameWithItsTimeWhenAnEarlierFrameWasDropped) {
+  auto value = [](device_events::ValueTag tag, uint64_t number) {
+    device_events::Value v;
+    v.tag = tag;
+    v.number = number;
+    return v;
+  };
+  auto name = [](const char *text) {
+    device_events::Value v;
+    v.tag = device_events::ValueTag::String;
+    v.bytes = text;
+    return v;
+  };
+  auto sample = [](int64_t time, bool timed) {
+    auto recorded = std::make_shared<device_events::SampleValue>();
+    recorded->time = time;
+    recorded->present = timed ? device_events::kSampleHasTime : 0;
+    device_events::Value v;
+    v.tag = device_events::ValueTag::Sample;
+    v.sample = recorded;
+    return v;
+  };
+  auto record = [](RecordKind kind, uint32_t thread, std::vector<device_events::Value> values) {
+    Record r;
+    r.kind = static_cast<uint16_t>(kind);
+    r.threadId = thread;
+    r.values = std::move(values);
+    return r;
+  };
+  const auto U32 = device_events::ValueTag::U32;
+  auto input = [&](int64_t time, bool timed) {
+    return record(RecordKind::CallEntry, 1, {name("ProcessInput"), value(U32, 2), sample(time, timed), value(U32, 0)});
+  };
+  auto pull = [&] { return record(RecordKind::CallEntry, 2, {name("ProcessOutput"), value(U32, 0), value(U32, 1), value(U32, 2)}); };
+  auto handedOut = [&](int64_t time, bool timed) {
+    return record(RecordKind::CallExit, 2, {name("ProcessOutput"), value(U32, 2), value(U32, 0), sample(time, timed), value(U32, 0)});
+  };
+  const Record inputReturn = record(RecordKind::CallExit, 1, {name("ProcessInput")});
+  // Frame 100 is taken and dropped; frame 200 is handed out before its input returns; then frame 300,
+  // and a frame without a time (counted in order).
+  const std::vector<Record> records = {input(100, true), inputReturn,      input(200, true), pull(),
+                                       handedOut(200, true), inputReturn,  input(300, true), inputReturn,
+                                       pull(),           handedOut(300, true), input(0, false), inputReturn,
+                                       pull(),           handedOut(0, false)};
+  std::map<const Record *, const Record *> exitOf;
+  std::map<uint32_t, std::vector<const Record *>> open;
+  for (const Record &r : records) {
+    if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(&r);
+    if (r.Kind() == RecordKind::CallExit) {
+      exitOf[open[r.threadId].back()] = &r;
+      open[r.threadId].pop_back();
+    }
+  }
+  const sim::FrameOrder order = sim::OrderFrames(records, exitOf);
+  ASSERT_EQ(4u, order.framesOf.at(2).size());
+  EXPECT_EQ(2u, order.framesNeeded.at(&records[3]).at(2));   // frames 100 and 200 in
+  EXPECT_EQ(3u, order.framesNeeded.at(&records[8]).at(2));   // and 300
+  EXPECT_EQ(4u, order.framesNeeded.at(&records[12]).at(2));  // the untimed one, next in order
 }
 
 }  // namespace

@@ -1,0 +1,70 @@
+#include "sim/ReplayFrameOrder.h"
+
+#include "device_events/Timeline.h"
+
+namespace sim {
+
+using device_events::Record;
+using device_events::RecordKind;
+using device_events::Value;
+using device_events::ValueTag;
+
+namespace {
+
+bool TimeOf(const Value &value, int64_t &time) {
+  if (value.tag != ValueTag::Sample || !value.sample || !(value.sample->present & device_events::kSampleHasTime)) {
+    return false;
+  }
+  time = value.sample->time;
+  return true;
+}
+
+uint32_t StreamAt(const Record &record, size_t index) {
+  return index < record.values.size() && record.values[index].tag == ValueTag::U32
+             ? static_cast<uint32_t>(record.values[index].number)
+             : 0;
+}
+
+}  // namespace
+
+// Output stream N hands out input stream N's frames in the order they came in, but not every frame its
+// input took: the transform takes a frame and then drops it (a stream not connected yet, a queue
+// flushed by a stop), and the frame server only learns that the frame was taken. So a sample handed out
+// is the next frame taken with its time, or the next frame taken when it carries none.
+FrameOrder OrderFrames(const std::vector<Record> &records, const std::map<const Record *, const Record *> &exitOf) {
+  FrameOrder order;
+  std::map<const Record *, const Record *> entryOf;
+  for (const auto &call : exitOf) entryOf[call.second] = call.first;
+  for (const Record &r : records) {
+    if (r.Kind() != RecordKind::CallEntry || device_events::CallName(r) != "ProcessInput") continue;
+    const auto exit = exitOf.find(&r);
+    if (exit != exitOf.end() && exit->second->result == 0) order.framesOf[StreamAt(r, 1)].push_back(&r);
+  }
+  std::map<uint32_t, size_t> accounted;  // frames of each stream handed out or passed over
+  for (const Record &r : records) {
+    if (r.Kind() != RecordKind::CallExit || device_events::CallName(r) != "ProcessOutput") continue;
+    const auto entry = entryOf.find(&r);
+    if (entry == entryOf.end()) continue;
+    // Return: name, then each buffer's stream, status and sample, then the call's status.
+    for (size_t b = 1; b + 2 < r.values.size(); b += 3) {
+      if (r.values[b + 2].tag != ValueTag::Sample) continue;
+      const uint32_t stream = StreamAt(r, b);
+      const auto &frames = order.framesOf[stream];
+      size_t &next = accounted[stream];
+      int64_t time = 0;
+      if (TimeOf(r.values[b + 2], time)) {
+        for (size_t k = next; k < frames.size(); ++k) {
+          int64_t taken = 0;
+          if (frames[k]->values.size() > 2 && TimeOf(frames[k]->values[2], taken) && taken == time) {
+            next = k;
+            break;
+          }
+        }
+      }
+      order.framesNeeded[entry->second][stream] = ++next;
+    }
+  }
+  return order;
+}
+
+}  // namespace sim
