@@ -45,9 +45,12 @@ HRESULT FrameServerHost::Deliver(DWORD streamId, IMFSample *sample) {
       entriesByInput[streamId].push_back(now);
     }
   }
+  const int64_t entered = Microseconds();
   const HRESULT hr = transform->ProcessInput(streamId, sample, 0);
+  const int64_t returned = Microseconds();
+  std::lock_guard<std::mutex> lock(latencyMutex);
+  if (measuring) inputCalls.Add(returned - entered);
   if (FAILED(hr)) {
-    std::lock_guard<std::mutex> lock(latencyMutex);
     // A refused frame is not waited for (the soak counts any refusal as a failure anyway).
     if (measuring && !entriesByInput[streamId].empty()) {
       entriesByInput[streamId].pop_back();
@@ -63,6 +66,8 @@ void FrameServerHost::MeasureLatency() {
   entriesForEvents.clear();
   entriesByInput.clear();
   toEvent.Clear();
+  inputCalls.Clear();
+  outputCalls.Clear();
   // Every histogram now, so that measuring allocates nothing later.
   std::lock_guard<std::mutex> outputsLock(mutex);
   for (const auto &output : outputs) {
@@ -79,6 +84,16 @@ LatencyHistogram FrameServerHost::LatencyToEvent() {
 LatencyHistogram FrameServerHost::LatencyToOutput(DWORD outputStreamId) {
   std::lock_guard<std::mutex> lock(latencyMutex);
   return toOutput[outputStreamId];
+}
+
+LatencyHistogram FrameServerHost::ProcessInputDuration() {
+  std::lock_guard<std::mutex> lock(latencyMutex);
+  return inputCalls;
+}
+
+LatencyHistogram FrameServerHost::ProcessOutputDuration() {
+  std::lock_guard<std::mutex> lock(latencyMutex);
+  return outputCalls;
 }
 
 HRESULT FrameServerHost::Initialize() {
@@ -268,12 +283,14 @@ void FrameServerHost::PullOutput() {
     }
   }
   DWORD status = 0;
+  const int64_t pulled = Microseconds();
   const HRESULT hr = transform->ProcessOutput(0, static_cast<DWORD>(buffers.size()), buffers.data(), &status);
   if (FAILED(hr) && hr != MF_E_TRANSFORM_NEED_MORE_INPUT) NoteError(hr);
   {
+    const int64_t handedOut = Microseconds();
     std::lock_guard<std::mutex> lock(latencyMutex);
     if (measuring) {
-      const int64_t handedOut = Microseconds();
+      outputCalls.Add(handedOut - pulled);
       std::lock_guard<std::mutex> outputsLock(mutex);
       for (const auto &buffer : buffers) {
         if (buffer.pSample == nullptr) continue;

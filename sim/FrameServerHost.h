@@ -71,6 +71,10 @@ class FrameServerHost {
   void MeasureLatency();
   LatencyHistogram LatencyToEvent();
   LatencyHistogram LatencyToOutput(DWORD outputStreamId);
+  // How long the transform's own calls took (every stream's): what of the latency is its work, and
+  // what is waiting for a thread to run.
+  LatencyHistogram ProcessInputDuration();
+  LatencyHistogram ProcessOutputDuration();
   // The performance counter in microseconds.
   static int64_t Microseconds();
 
@@ -115,6 +119,8 @@ class FrameServerHost {
   std::map<DWORD, std::deque<int64_t>> entriesByInput;
   LatencyHistogram toEvent;
   std::map<DWORD, LatencyHistogram> toOutput;
+  LatencyHistogram inputCalls;
+  LatencyHistogram outputCalls;
 };
 
 }  // namespace sim

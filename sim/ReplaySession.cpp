@@ -14,7 +14,7 @@
 #include "device_events/Timeline.h"
 #include "mft_core/recorder/MfValues.h"
 #include "sim/RecordedCameraFilter.h"
-#include "sim/ReplayFrameOrder.h"
+#include "sim/ReplayMatching.h"
 #include "sim/Session.h"
 
 using Microsoft::WRL::ComPtr;
@@ -28,9 +28,6 @@ namespace sim {
 namespace {
 
 constexpr size_t kContextRecords = 6;
-// Events of different threads may be queued in another order than recorded; a recorded event is
-// matched with any of the next few queued ones.
-constexpr size_t kEventWindow = 8;
 // A queued event may lag its record by this many records before the replay waits for it.
 constexpr uint64_t kEventSlack = 64;
 
@@ -130,14 +127,6 @@ struct PendingCall {
   }
 };
 
-struct QueuedEvent {
-  uint32_t type = 0;
-  GUID extendedType = GUID_NULL;
-  uint32_t status = 0;
-  bool hasStream = false;
-  uint32_t stream = 0;
-};
-
 // The frame server's side of the event queue: takes every event the transform queues.
 class EventPump {
  public:
@@ -150,13 +139,10 @@ class EventPump {
     std::unique_lock<std::mutex> lock(mutex);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     for (;;) {
-      for (size_t i = 0; i < events.size() && i < kEventWindow; ++i) {
-        const QueuedEvent &e = events[i];
-        if (e.type == wanted.type && e.extendedType == wanted.extendedType && e.status == wanted.status &&
-            e.hasStream == wanted.hasStream && (!e.hasStream || e.stream == wanted.stream)) {
-          events.erase(events.begin() + static_cast<std::ptrdiff_t>(i));
-          return true;
-        }
+      const std::ptrdiff_t found = FindQueuedEvent(events, wanted);
+      if (found >= 0) {
+        events.erase(events.begin() + found);
+        return true;
       }
       if (ended || arrived.wait_until(lock, deadline) == std::cv_status::timeout) break;
     }

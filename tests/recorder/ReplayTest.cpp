@@ -8,7 +8,7 @@
 #include "device_events/EventsReader.h"
 #include "mft_core/transform/PassThroughDeviceMft.h"
 #include "sim/CameraConfig.h"
-#include "sim/ReplayFrameOrder.h"
+#include "sim/ReplayMatching.h"
 #include "sim/ReplaySession.h"
 #include "user_space_frameworks/ComObject.h"
 
@@ -118,7 +118,7 @@ TEST_F(ReplayTest, ARecordingCutInsideARecordReplaysToTheCutAndADamagedOneIsRefu
 // A recorded pull can hand out a frame before the ProcessInput that brought it returns; the replay
 // then makes that input first. A frame the transform took and dropped (a stream not connected yet)
 // must not make the replay count one frame short and pull before the frame it hands out is in.
-TEST(ReplayFrameOrder, APullNeedsTheFrameWithItsTimeWhenAnEarlierFrameWasDropped) {
+TEST(ReplayMatching, APullNeedsTheFrameWithItsTimeWhenAnEarlierFrameWasDropped) {
   auto value = [](device_events::ValueTag tag, uint64_t number) {
     device_events::Value v;
     v.tag = tag;
@@ -176,6 +176,28 @@ TEST(ReplayFrameOrder, APullNeedsTheFrameWithItsTimeWhenAnEarlierFrameWasDropped
   EXPECT_EQ(2u, order.framesNeeded.at(&records[3]).at(2));   // frames 100 and 200 in
   EXPECT_EQ(3u, order.framesNeeded.at(&records[8]).at(2));   // and 300
   EXPECT_EQ(4u, order.framesNeeded.at(&records[12]).at(2));  // the untimed one, next in order
+}
+
+// On a loaded machine a replay's have-output events wait in the queue until their frames' records
+// are reached; a stream's state-change event queued behind more of them than the window is still
+// found, while the window still bounds how far other events may have moved.
+TEST(ReplayMatching, AStateChangeBehindManyHaveOutputEventsIsFoundButNotOneOutOfTheWindow) {
+  sim::QueuedEvent haveOutput, stateChanged, other;
+  haveOutput.type = METransformHaveOutput;
+  stateChanged.type = METransformInputStreamStateChanged;
+  stateChanged.hasStream = true;
+  stateChanged.stream = 1;
+  other.type = MEError;
+  std::deque<sim::QueuedEvent> queued(sim::kEventWindow + 4, haveOutput);
+  queued.push_back(stateChanged);
+  EXPECT_EQ(static_cast<std::ptrdiff_t>(sim::kEventWindow + 4), sim::FindQueuedEvent(queued, stateChanged));
+  EXPECT_EQ(0, sim::FindQueuedEvent(queued, haveOutput));
+
+  stateChanged.stream = 2;  // another stream's
+  EXPECT_EQ(-1, sim::FindQueuedEvent(queued, stateChanged));
+  stateChanged.stream = 1;
+  queued.insert(queued.begin(), sim::kEventWindow, other);
+  EXPECT_EQ(-1, sim::FindQueuedEvent(queued, stateChanged));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "sim/ReplayFrameOrder.h"
+#include "sim/ReplayMatching.h"
 
 #include "device_events/Timeline.h"
 
@@ -65,6 +65,20 @@ FrameOrder OrderFrames(const std::vector<Record> &records, const std::map<const 
     }
   }
   return order;
+}
+
+std::ptrdiff_t FindQueuedEvent(const std::deque<QueuedEvent> &queued, const QueuedEvent &wanted) {
+  size_t considered = 0;
+  for (size_t i = 0; i < queued.size() && considered < kEventWindow; ++i) {
+    const QueuedEvent &e = queued[i];
+    if (wanted.type != METransformHaveOutput && e.type == METransformHaveOutput) continue;
+    ++considered;
+    if (e.type == wanted.type && e.extendedType == wanted.extendedType && e.status == wanted.status &&
+        e.hasStream == wanted.hasStream && (!e.hasStream || e.stream == wanted.stream)) {
+      return static_cast<std::ptrdiff_t>(i);
+    }
+  }
+  return -1;
 }
 
 }  // namespace sim
