@@ -9,6 +9,7 @@
 // once: each run is reported, and the summary takes each mode's median.
 //   soak [--seconds 60] [--warmup S] [--fps 90] [--modes off,flight,full] [--ring MB] [--quiet] [--dll path\WQ400DeviceMft.dll]
 #include <algorithm>
+#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <iostream>
@@ -55,7 +56,11 @@ class BarePlatformPath {
     threads.emplace_back([this] { Pump(); });
   }
   ~BarePlatformPath() {
-    stopping = true;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      stopping = true;
+    }
+    wake.notify_all();
     for (size_t i = 0; i + 1 < threads.size(); ++i) threads[i].join();
     queue->Shutdown();
     threads.back().join();
@@ -81,18 +86,16 @@ class BarePlatformPath {
     Microsoft::WRL::ComPtr<IMFSample> sample;
     int64_t entered;
   };
+  // Paced as the simulated cameras pace their frames (a wait until each frame's time, no spinning:
+  // a thread that spins for its next frame takes a core from the transform's threads).
   void Capture(size_t stream) {
-    const int64_t period = 1000000 / fps;
-    int64_t next = sim::FrameServerHost::Microseconds();
-    while (!stopping) {
-      const int64_t now = sim::FrameServerHost::Microseconds();
-      if (now < next) {
-        Sleep(static_cast<DWORD>((next - now) / 1000));
-        continue;
-      }
-      next += period;
+    using Clock = std::chrono::steady_clock;
+    const auto period = std::chrono::nanoseconds(1000000000ll / fps);
+    const auto start = Clock::now();
+    for (uint64_t frame = 0;; ++frame) {
       {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::unique_lock<std::mutex> lock(mutex);
+        if (wake.wait_until(lock, start + period * frame, [&] { return stopping; })) return;
         held.push_back({stream, sample, sim::FrameServerHost::Microseconds()});
       }
       queue->QueueEventParamVar(METransformHaveOutput, GUID_NULL, S_OK, nullptr);
@@ -126,7 +129,8 @@ class BarePlatformPath {
   bool measuring = false;
   sim::LatencyHistogram toEvent;
   std::vector<sim::LatencyHistogram> toOutput;
-  std::atomic<bool> stopping{false};
+  std::condition_variable wake;
+  bool stopping = false;  // under `mutex`
   std::vector<std::thread> threads;
 };
 
