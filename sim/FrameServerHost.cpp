@@ -296,7 +296,7 @@ void FrameServerHost::PullOutput() {
         if (buffer.pSample == nullptr) continue;
         auto &entries = entriesByInput[outputs[buffer.dwStreamID].inputStreamId];
         if (entries.empty()) continue;
-        toOutput[buffer.dwStreamID].Add(handedOut - entries.front());
+        toOutput[buffer.dwStreamID].Add(handedOut - entries.front(), handedOut);
         entries.pop_front();
       }
     }

@@ -22,7 +22,8 @@ struct FrameSource::Stream {
   SourceCounters counters;  // guarded by `mutex`
   // Frame buffers the stream's thread paints again once every sample holding one is gone, as a
   // driver's buffer pool does: a fresh buffer per frame would make the test host's own page faults and
-  // clearing dominate the CPU figures of the soak. Used by the stream's thread only.
+  // clearing dominate the CPU figures of the soak. When every one is held, a frame gets a buffer of its
+  // own that goes when its sample goes. Used by the stream's thread only.
   std::vector<ComPtr<IMFMediaBuffer>> pool;
 };
 
@@ -77,6 +78,18 @@ HRESULT FrameSource::Start(DWORD streamId, IMFMediaType *mediaType) {
   format.fps = numerator / denominator;
   if (format.fps == 0) return MF_E_INVALIDMEDIATYPE;
   stream->bytesPerFrame = format.width * format.height * BytesPerPixel(format.subtype);
+  // The whole pool at the start, its pages touched, as a driver allocates its buffers when its pin
+  // starts: a pool that grew when frames queued up (a stall) would show as the process's memory growing.
+  for (size_t i = 0; i < kPoolBuffers; ++i) {
+    ComPtr<IMFMediaBuffer> buffer;
+    BYTE *data = nullptr;
+    HRESULT hr = MFCreateMemoryBuffer(stream->bytesPerFrame, buffer.GetAddressOf());
+    if (SUCCEEDED(hr)) hr = buffer->Lock(&data, nullptr, nullptr);
+    if (FAILED(hr)) return hr;
+    std::memset(data, 0, stream->bytesPerFrame);
+    buffer->Unlock();
+    stream->pool.push_back(std::move(buffer));
+  }
 
   Stop(streamId);
   Stream *raw = stream.get();
@@ -162,7 +175,6 @@ HRESULT FrameSource::MakeSample(Stream &stream, uint64_t frameIndex, IMFSample *
   if (!buffer) {
     hr = MFCreateMemoryBuffer(stream.bytesPerFrame, buffer.GetAddressOf());
     if (FAILED(hr)) return hr;
-    if (stream.pool.size() < kPoolBuffers) stream.pool.push_back(buffer);
   }
   BYTE *data = nullptr;
   hr = buffer->Lock(&data, nullptr, nullptr);

@@ -27,6 +27,26 @@ uint32_t StreamAt(const Record &record, size_t index) {
 
 }  // namespace
 
+CallPairs PairCalls(const std::vector<Record> &records) {
+  CallPairs pairs;
+  pairs.exitOf.assign(records.size(), kNoExit);
+  pairs.orphanExit.assign(records.size(), false);
+  std::map<uint32_t, std::vector<size_t>> open;
+  for (size_t i = 0; i < records.size(); ++i) {
+    const Record &r = records[i];
+    if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(i);
+    if (r.Kind() != RecordKind::CallExit) continue;
+    auto &entered = open[r.threadId];
+    if (entered.empty()) {
+      pairs.orphanExit[i] = true;
+    } else {
+      pairs.exitOf[entered.back()] = i;
+      entered.pop_back();
+    }
+  }
+  return pairs;
+}
+
 // Output stream N hands out input stream N's frames in the order they came in, but not every frame its
 // input took: the transform takes a frame and then drops it (a stream not connected yet, a queue
 // flushed by a stop), and the frame server only learns that the frame was taken. So a sample handed out

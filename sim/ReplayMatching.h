@@ -13,6 +13,15 @@
 
 namespace sim {
 
+// Each call's entry paired with its return: a thread's calls nest, so a return closes the latest
+// call its thread entered and has not left.
+constexpr size_t kNoExit = ~size_t{0};
+struct CallPairs {
+  std::vector<size_t> exitOf;    // by record: an entry's return, or kNoExit
+  std::vector<bool> orphanExit;  // by record: a return whose entry is not among the records
+};
+CallPairs PairCalls(const std::vector<device_events::Record> &records);
+
 // Which recorded frames a replayed ProcessOutput needs in before it is made: a pull can hand out a
 // frame before the ProcessInput that brought it has returned, so the replay makes that input first.
 struct FrameOrder {

@@ -424,22 +424,13 @@ std::string CompareValues(const Value &recorded, const Value &now) {
 // and what they caused are missing, and so are the returns of calls that were still running beside
 // them. The replay ends before the entry of the first call that had not returned by that point.
 size_t ReplayableEnd(const std::vector<Record> &records) {
-  constexpr size_t kNone = ~size_t{0};
-  std::vector<size_t> exitOf(records.size(), kNone);
-  std::map<uint32_t, std::vector<size_t>> open;
-  for (size_t i = 0; i < records.size(); ++i) {
-    const Record &r = records[i];
-    if (r.Kind() == RecordKind::CallEntry) open[r.threadId].push_back(i);
-    if (r.Kind() == RecordKind::CallExit && !open[r.threadId].empty()) {
-      exitOf[open[r.threadId].back()] = i;
-      open[r.threadId].pop_back();
-    }
-  }
+  const CallPairs calls = PairCalls(records);
+  const std::vector<size_t> &exitOf = calls.exitOf;
   // The largest end before which every call entered has returned: the calls entered before each
   // position return by `latest[position]` at the latest.
   std::vector<size_t> latest(records.size() + 1, 0);
   for (size_t i = 0; i < records.size(); ++i) {
-    const size_t returns = records[i].Kind() == RecordKind::CallEntry ? exitOf[i] : 0;
+    const size_t returns = records[i].Kind() == RecordKind::CallEntry ? exitOf[i] : 0;  // kNoExit: never
     latest[i + 1] = std::max(latest[i], returns);
   }
   size_t end = records.size();
@@ -463,30 +454,19 @@ bool StartAtState(std::vector<Record> &records, std::string &start, std::string 
   std::vector<Record> ring(records.begin() + static_cast<std::ptrdiff_t>(state) + 1, records.end());
   if (!ring.empty() && ring.back().Kind() == RecordKind::End) ring.pop_back();
   ring.resize(ReplayableEnd(ring));
-  // Calls paired by thread; a return whose call the ring lost must come before the start.
-  constexpr size_t kNone = ~size_t{0};
-  std::vector<size_t> exitOf(ring.size(), kNone);
-  std::vector<bool> orphan(ring.size(), false);
+  // A return whose call the ring lost must come before the start.
+  const CallPairs calls = PairCalls(ring);
+  const std::vector<size_t> &exitOf = calls.exitOf;
+  const std::vector<bool> &orphan = calls.orphanExit;
   size_t afterOrphans = 0;
-  {
-    std::map<uint32_t, std::vector<size_t>> open;
-    for (size_t i = 0; i < ring.size(); ++i) {
-      if (ring[i].Kind() == RecordKind::CallEntry) open[ring[i].threadId].push_back(i);
-      if (ring[i].Kind() != RecordKind::CallExit) continue;
-      if (open[ring[i].threadId].empty()) {
-        orphan[i] = true;
-        afterOrphans = i + 1;
-      } else {
-        exitOf[open[ring[i].threadId].back()] = i;
-        open[ring[i].threadId].pop_back();
-      }
-    }
+  for (size_t i = 0; i < ring.size(); ++i) {
+    if (orphan[i]) afterOrphans = i + 1;
   }
   // Frames each stream took in and handed out; what it held when the ring began is the least that
   // keeps every hand-out covered.
   auto framesAt = [&](size_t i, std::map<uint32_t, int64_t> &held) {
     const Record &r = ring[i];
-    if (r.Kind() == RecordKind::CallEntry && device_events::CallName(r) == "ProcessInput" && exitOf[i] != kNone &&
+    if (r.Kind() == RecordKind::CallEntry && device_events::CallName(r) == "ProcessInput" && exitOf[i] != kNoExit &&
         ring[exitOf[i]].result == 0) {
       ++held[U32At(r, 1)];
     }
@@ -510,7 +490,7 @@ bool StartAtState(std::vector<Record> &records, std::string &start, std::string 
       first = i;
       break;
     }
-    if (ring[i].Kind() == RecordKind::CallEntry && exitOf[i] != kNone) ++inFlight;
+    if (ring[i].Kind() == RecordKind::CallEntry && exitOf[i] != kNoExit) ++inFlight;
     if (ring[i].Kind() == RecordKind::CallExit && !orphan[i]) --inFlight;
     framesAt(i, held);
   }
@@ -592,9 +572,8 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
       return report;
     }
   }
-  if (!report.start.empty()) {
-    // The ring's end was trimmed to its last whole call.
-  } else if (records.empty() || records.back().Kind() != RecordKind::End) {
+  // (A dump's ring was trimmed to its last whole call already.)
+  if (report.start.empty() && (records.empty() || records.back().Kind() != RecordKind::End)) {
     if (cut.empty()) cut = "the recording ends between two records without its closing record";
     const size_t end = ReplayableEnd(records);
     report.ending = cut + "; replayed up to " +
@@ -752,6 +731,10 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
                 if (!input->Wait(options.waitMs)) {
                   diverge(*frames[in], "a frame the next pull hands out: the call did not return within " +
                                            std::to_string(options.waitMs) + " ms");
+                } else if (input->exit.result != exitOf[frames[in]]->result) {
+                  diverge(*exitOf[frames[in]], "made before the pull that hands its frame out: recorded " +
+                                                   device_events::ResultText(exitOf[frames[in]]->result) + ", now " +
+                                                   device_events::ResultText(input->exit.result));
                 }
               }
             }
