@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <sstream>
 
 #include "device_events/AttributeStore.h"
@@ -419,8 +420,17 @@ std::string FormatRecord(const Record &record, const Names &names, const Timelin
       bool ok = false;
       const uint32_t complete = U32Of(record, 1, ok);
       line << "state: " << (record.values.empty() ? std::string("?") : FormatValue(record.values[0], names, false))
-           << " set-up records kept aside above" << (ok && complete == 0 ? " (INCOMPLETE: the set-up outgrew its room)" : "")
-           << "; the ring's records follow";
+           << " set-up records kept aside above" << (ok && complete == 0 ? " (INCOMPLETE: the set-up outgrew its room)" : "");
+      // Then each output stream as its last state request left it: identifier, state, type.
+      static const char *const kStates[] = {"stopped", "paused", "running", "disabled"};
+      for (size_t i = 3; i + 2 < record.values.size(); i += 3) {
+        bool read = false;
+        const uint32_t stream = U32Of(record, i, read), state = U32Of(record, i + 1, read);
+        line << (i == 3 ? "; output streams: " : ", ") << stream << " "
+             << (state < std::size(kStates) ? kStates[state] : "state " + std::to_string(state)) << " "
+             << FormatValue(record.values[i + 2], names, false);
+      }
+      line << "; the ring's records follow";
       break;
     }
     default:

@@ -370,10 +370,25 @@ void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, co
   const bool setUp = SetUpCall(name);
   Finish(record, setUp);
   if (setUp) ControlEnds();
+  if (name == "SetOutputStreamState" && SUCCEEDED(result) && count >= 3 && writer->IsFlightRecorder()) {
+    NoteStreamState(arguments[0], arguments[1], arguments[2]);
+  }
   if (FAILED(result) && !user_space_frameworks::IsNormalExchangeResult(result)) {
     writer->Trigger(device_events::DumpTrigger::FailedCall,
                     std::string(name) + " " + user_space_frameworks::trace::HrText(result));
   }
+}
+
+void DeviceEventsRecorder::NoteStreamState(const RecordedValue &stream, const RecordedValue &type,
+                                           const RecordedValue &state) {
+  // A copy: the caller may change its type afterwards.
+  Microsoft::WRL::ComPtr<IMFMediaType> copy;
+  if (type.kind == RecordedValue::Kind::MediaType && type.pointer != nullptr &&
+      SUCCEEDED(MFCreateMediaType(copy.GetAddressOf()))) {
+    auto *original = static_cast<IMFMediaType *>(const_cast<void *>(type.pointer));
+    if (FAILED(original->CopyAllItems(copy.Get()))) copy.Reset();
+  }
+  writer->NoteStreamState(static_cast<uint32_t>(stream.number), static_cast<uint32_t>(state.number), std::move(copy));
 }
 
 void DeviceEventsRecorder::RecordDriverEvent(REFGUID eventSet, ULONG eventId) {

@@ -97,6 +97,8 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   device_events::RecordEncoder BeginCall(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result,
                                          const char *function, std::string_view &name);
 
+  // A flight recorder's dumps say what each output stream's last state request left.
+  void NoteStreamState(const RecordedValue &stream, const RecordedValue &type, const RecordedValue &state);
   // A driver request the driver keeps refusing as not ready fails only after the proxy's last retry:
   // the not-ready answers in a row, per requesting thread.
   void CountNotReady(bool notReady);

@@ -247,6 +247,12 @@ void EventsFileWriter::Write(std::deque<std::vector<uint8_t>> &batch, bool final
   flush();
 }
 
+void EventsFileWriter::NoteStreamState(uint32_t stream, uint32_t state, Microsoft::WRL::ComPtr<IMFMediaType> type) {
+  if (!IsFlightRecorder()) return;
+  user_space_frameworks::AutoLock lock(section);
+  setUp.streams[stream] = {state, std::move(type)};
+}
+
 void EventsFileWriter::Trigger(device_events::DumpTrigger why, const std::string &what) {
   if (!IsFlightRecorder()) return;
   user_space_frameworks::AutoLock lock(section);
@@ -374,6 +380,16 @@ bool EventsFileWriter::WriteDump(std::deque<RecordChunk> &chunks, uint64_t overw
   between.Begin(RecordKind::State, clock.Now(), GetCurrentThreadId(), 0);
   between.U64(setUp.records);
   between.U32(setUp.complete ? 1 : 0);
+  between.U32(static_cast<uint32_t>(setUp.streams.size()));
+  for (const auto &stream : setUp.streams) {
+    between.U32(stream.first);
+    between.U32(stream.second.first);
+    if (stream.second.second) {
+      EncodeAttributes(between, stream.second.second.Get(), device_events::ValueTag::MediaType);
+    } else {
+      between.Null();
+    }
+  }
   between.End();
   device_events::RecordEncoder last(closing);
   last.Begin(RecordKind::End, clock.Now(), GetCurrentThreadId(), 0);

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,6 +76,9 @@ class EventsFileWriter {
   // Triggers that come while one is pending, or within the quiet time of the last, join its file.
   void Trigger(device_events::DumpTrigger why, const std::string &what);
   bool IsFlightRecorder() const { return options.ringBytes != 0; }
+  // Flight recorder: an output stream's state and type as a state request left them, for the state
+  // record of the files written from now on (what an engineer reads first in a dump).
+  void NoteStreamState(uint32_t stream, uint32_t state, Microsoft::WRL::ComPtr<IMFMediaType> type);
   // Files written so far, and the path of the last one.
   unsigned DumpsWritten() const;
   std::wstring LastDumpPath() const;
@@ -91,6 +95,7 @@ class EventsFileWriter {
     std::vector<uint8_t> bytes;  // records back to back
     uint64_t records = 0;
     bool complete = true;  // false once a record did not fit
+    std::map<uint32_t, std::pair<uint32_t, Microsoft::WRL::ComPtr<IMFMediaType>>> streams;  // by output stream
   };
   bool WriteDump(std::deque<RecordChunk> &chunks, uint64_t overwritten, device_events::DumpTrigger why,
                  const std::string &what, uint64_t triggers, const SetUp &setUp);

@@ -296,6 +296,17 @@ TEST(FlightRecorderReplay, ADumpWhoseRingWrappedReplaysFromItsStateRecord) {
   const auto states = OfKind(dump, RecordKind::State);
   ASSERT_EQ(1u, states.size());
   EXPECT_EQ(1u, states.front()->values[1].number);
+  // It says how the three streams were when the dump was written: running, with their types.
+  const Record &state = *states.front();
+  ASSERT_EQ(3u + 3 * 3, state.values.size());
+  EXPECT_EQ(3u, state.values[2].number);
+  for (uint32_t stream = 0; stream < 3; ++stream) {
+    EXPECT_EQ(stream, state.values[3 + 3 * stream].number);
+    EXPECT_EQ(static_cast<uint64_t>(DeviceStreamState_Run), state.values[4 + 3 * stream].number);
+    EXPECT_EQ(device_events::ValueTag::MediaType, state.values[5 + 3 * stream].tag);
+  }
+  EXPECT_NE(std::string::npos, device_events::FormatRecord(state, device_events::Names()).find("output streams: 0 running type{"))
+      << device_events::FormatRecord(state, device_events::Names());
   // The set-up kept aside holds the initialisation, not the frame path.
   size_t setUpInputs = 0;
   for (const Record &record : dump.records) {
