@@ -421,14 +421,24 @@ std::string FormatRecord(const Record &record, const Names &names, const Timelin
       const uint32_t complete = U32Of(record, 1, ok);
       line << "state: " << (record.values.empty() ? std::string("?") : FormatValue(record.values[0], names, false))
            << " set-up records kept aside above" << (ok && complete == 0 ? " (INCOMPLETE: the set-up outgrew its room)" : "");
-      // Then each output stream as its last state request left it: identifier, state, type.
+      // Then each output stream as its last state request left it (identifier, state, type), and each
+      // control as an application last set it (identifier, data).
       static const char *const kStates[] = {"stopped", "paused", "running", "disabled"};
-      for (size_t i = 3; i + 2 < record.values.size(); i += 3) {
-        bool read = false;
-        const uint32_t stream = U32Of(record, i, read), state = U32Of(record, i + 1, read);
-        line << (i == 3 ? "; output streams: " : ", ") << stream << " "
+      bool read = false;
+      size_t at = 3;
+      const uint32_t streams = U32Of(record, 2, read);
+      for (uint32_t s = 0; read && s < streams && at + 2 < record.values.size(); ++s, at += 3) {
+        const uint32_t stream = U32Of(record, at, read), state = U32Of(record, at + 1, read);
+        line << (s == 0 ? "; output streams: " : ", ") << stream << " "
              << (state < std::size(kStates) ? kStates[state] : "state " + std::to_string(state)) << " "
-             << FormatValue(record.values[i + 2], names, false);
+             << FormatValue(record.values[at + 2], names, false);
+      }
+      const uint32_t controls = U32Of(record, at, read);
+      ++at;
+      for (uint32_t c = 0; read && c < controls && at + 1 < record.values.size(); ++c, at += 2) {
+        line << (c == 0 ? "; controls as last set: " : ", ")
+             << names.KsIdentifierName(KsKind::Property, record.values[at].bytes) << " = "
+             << FormatValue(record.values[at + 1], names, false);
       }
       line << "; the ring's records follow";
       break;

@@ -487,6 +487,11 @@ void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, 
                               : nullptr;
   Finish(record, writer->IsFlightRecorder() &&
                      (OnControlThread() || (kind == RecordKind::ApplicationKsRequest && ChangesState(type, requested))));
+  if (kind == RecordKind::ApplicationKsRequest && type == KsControlType::Property && requested != nullptr &&
+      (requested->Flags & KSPROPERTY_TYPE_SET) != 0 && SUCCEEDED(result) && dataIn != nullptr &&
+      writer->IsFlightRecorder()) {
+    writer->NoteControl(*identifier, *dataIn);
+  }
   if (kind != RecordKind::DriverKsRequest || !writer->IsFlightRecorder()) return;
   constexpr HRESULT kNotReady = HRESULT_FROM_WIN32(ERROR_NOT_READY);
   if (result == kNotReady || notReadyThreads.load(std::memory_order_relaxed) != 0) CountNotReady(result == kNotReady);

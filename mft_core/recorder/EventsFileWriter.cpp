@@ -1,6 +1,7 @@
 #include "mft_core/recorder/EventsFileWriter.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 
 #include "device_events/EventsEncoder.h"
@@ -253,6 +254,14 @@ void EventsFileWriter::NoteStreamState(uint32_t stream, uint32_t state, Microsof
   setUp.streams[stream] = {state, std::move(type)};
 }
 
+void EventsFileWriter::NoteControl(std::vector<uint8_t> identifier, std::vector<uint8_t> data) {
+  if (!IsFlightRecorder() || identifier.size() < sizeof(KSIDENTIFIER)) return;
+  std::vector<uint8_t> key = identifier;
+  std::fill_n(key.begin() + offsetof(KSIDENTIFIER, Flags), sizeof(ULONG), uint8_t{0});
+  user_space_frameworks::AutoLock lock(section);
+  setUp.controls[std::move(key)] = {std::move(identifier), std::move(data)};
+}
+
 void EventsFileWriter::Trigger(device_events::DumpTrigger why, const std::string &what) {
   if (!IsFlightRecorder()) return;
   user_space_frameworks::AutoLock lock(section);
@@ -389,6 +398,11 @@ bool EventsFileWriter::WriteDump(std::deque<RecordChunk> &chunks, uint64_t overw
     } else {
       between.Null();
     }
+  }
+  between.U32(static_cast<uint32_t>(setUp.controls.size()));
+  for (const auto &control : setUp.controls) {
+    between.Bytes(control.second.first.data(), control.second.first.size());
+    between.Bytes(control.second.second.data(), control.second.second.size());
   }
   between.End();
   device_events::RecordEncoder last(closing);

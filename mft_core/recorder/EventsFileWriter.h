@@ -79,6 +79,9 @@ class EventsFileWriter {
   // Flight recorder: an output stream's state and type as a state request left them, for the state
   // record of the files written from now on (what an engineer reads first in a dump).
   void NoteStreamState(uint32_t stream, uint32_t state, Microsoft::WRL::ComPtr<IMFMediaType> type);
+  // Flight recorder: a control an application set (its KS identifier and the data it set), for the
+  // same state record; a later set of the same control (flags aside) replaces it.
+  void NoteControl(std::vector<uint8_t> identifier, std::vector<uint8_t> data);
   // Files written so far, and the path of the last one.
   unsigned DumpsWritten() const;
   std::wstring LastDumpPath() const;
@@ -96,6 +99,8 @@ class EventsFileWriter {
     uint64_t records = 0;
     bool complete = true;  // false once a record did not fit
     std::map<uint32_t, std::pair<uint32_t, Microsoft::WRL::ComPtr<IMFMediaType>>> streams;  // by output stream
+    // By the identifier without its flags: the identifier as set, and the data.
+    std::map<std::vector<uint8_t>, std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> controls;
   };
   bool WriteDump(std::deque<RecordChunk> &chunks, uint64_t overwritten, device_events::DumpTrigger why,
                  const std::string &what, uint64_t triggers, const SetUp &setUp);

@@ -296,17 +296,24 @@ TEST(FlightRecorderReplay, ADumpWhoseRingWrappedReplaysFromItsStateRecord) {
   const auto states = OfKind(dump, RecordKind::State);
   ASSERT_EQ(1u, states.size());
   EXPECT_EQ(1u, states.front()->values[1].number);
-  // It says how the three streams were when the dump was written: running, with their types.
+  // It says how the three streams were when the dump was written (running with their types, or, the
+  // dump being written a moment after the trigger, already stopped by the session's end) and the gain
+  // the application set.
   const Record &state = *states.front();
-  ASSERT_EQ(3u + 3 * 3, state.values.size());
+  ASSERT_EQ(3u + 3 * 3 + 1 + 2, state.values.size());
   EXPECT_EQ(3u, state.values[2].number);
   for (uint32_t stream = 0; stream < 3; ++stream) {
     EXPECT_EQ(stream, state.values[3 + 3 * stream].number);
-    EXPECT_EQ(static_cast<uint64_t>(DeviceStreamState_Run), state.values[4 + 3 * stream].number);
-    EXPECT_EQ(device_events::ValueTag::MediaType, state.values[5 + 3 * stream].tag);
+    const bool running = state.values[4 + 3 * stream].number == DeviceStreamState_Run;
+    EXPECT_TRUE(running || state.values[4 + 3 * stream].number == DeviceStreamState_Stop);
+    EXPECT_EQ(running ? device_events::ValueTag::MediaType : device_events::ValueTag::Null, state.values[5 + 3 * stream].tag);
   }
-  EXPECT_NE(std::string::npos, device_events::FormatRecord(state, device_events::Names()).find("output streams: 0 running type{"))
-      << device_events::FormatRecord(state, device_events::Names());
+  EXPECT_EQ(1u, state.values[12].number);
+  ASSERT_EQ(sizeof(KSPROPERTY_VIDEOPROCAMP_S), state.values[14].bytes.size());
+  EXPECT_EQ(32, reinterpret_cast<const KSPROPERTY_VIDEOPROCAMP_S *>(state.values[14].bytes.data())->Value);
+  const std::string text = device_events::FormatRecord(state, device_events::Names());
+  EXPECT_NE(std::string::npos, text.find("output streams: 0 ")) << text;
+  EXPECT_NE(std::string::npos, text.find("controls as last set: ")) << text;
   // The set-up kept aside holds the initialisation, not the frame path.
   size_t setUpInputs = 0;
   for (const Record &record : dump.records) {
