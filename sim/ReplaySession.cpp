@@ -47,6 +47,14 @@ bool WaitsForOtherThreads(const std::string &name) {
          name == "Shutdown" || name == "ProcessMessage" || name == "FlushInputStream" || name == "FlushOutputStream";
 }
 
+// Of those, the ones whose return may wait for a call another thread entered after them and has not
+// made yet. The frame server's answer to a state request (SetInputStreamState) releases a wait and
+// waits for none: calls entered before its return is recorded (the next state request, which the
+// answer let through) are made where their own threads place them, not at its return.
+bool ReturnMayWaitForLaterCalls(const std::string &name) {
+  return WaitsForOtherThreads(name) && name != "SetInputStreamState";
+}
+
 std::string Hex(uint32_t value) {
   char text[16];
   std::snprintf(text, sizeof(text), "0x%08X", static_cast<unsigned>(value));
@@ -767,7 +775,7 @@ ReplayReport ReplayRecording(const std::vector<uint8_t> &bytes, const ReplayTran
           ++report.calls;
           // A call that waits for another thread may wait for one entered after it and not made yet
           // (a Shutdown ends the waits in flight).
-          if (WaitsForOtherThreads(call->name)) postAllDeferred();
+          if (ReturnMayWaitForLaterCalls(call->name)) postAllDeferred();
           post(r.threadId, call);
           if (!call->Wait(options.waitMs)) {
             diverge(r, "the call did not return within " + std::to_string(options.waitMs) + " ms");
