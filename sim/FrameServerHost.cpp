@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "sim/CameraMetadataHook.h"
+#include "sim/ThreadRoles.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -208,6 +209,7 @@ void FrameServerHost::NoteError(HRESULT hr) {
 }
 
 void FrameServerHost::Pump() {
+  NoteThreadRole(ThreadRole::FrameServer);
   while (!stopping) {
     ComPtr<IMFMediaEvent> event;
     const HRESULT hr = events->GetEvent(0, event.GetAddressOf());

@@ -1,6 +1,7 @@
 #include "sim/FrameSource.h"
 
 #include "sim/Scene.h"
+#include "sim/ThreadRoles.h"
 
 #include <algorithm>
 #include <chrono>
@@ -194,6 +195,7 @@ HRESULT FrameSource::MakeSample(Stream &stream, uint64_t frameIndex, IMFSample *
 }
 
 void FrameSource::Run(Stream &stream) {
+  NoteThreadRole(ThreadRole::Camera);
   using Clock = std::chrono::steady_clock;
   const auto period = std::chrono::nanoseconds(1000000000ll / stream.format.fps);
   const auto start = Clock::now();

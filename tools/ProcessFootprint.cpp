@@ -1,6 +1,7 @@
 #include "tools/ProcessFootprint.h"
 
 #include <psapi.h>
+#include <tlhelp32.h>
 
 namespace tools {
 
@@ -24,6 +25,10 @@ DWORD HandleCount() {
   return count;
 }
 
+double Seconds(const FILETIME &time) {
+  return static_cast<double>((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) / 1e7;
+}
+
 }  // namespace
 
 uint64_t PrivateBytes() {
@@ -43,13 +48,31 @@ ProcessFootprint MeasureProcess() {
   footprint.privateBytes = PrivateBytes();
   FILETIME created, exited, kernel, user;
   if (GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) {
-    auto seconds = [](const FILETIME &time) {
-      return static_cast<double>((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) / 1e7;
-    };
-    footprint.cpuSeconds = seconds(kernel) + seconds(user);
-    footprint.kernelSeconds = seconds(kernel);
+    footprint.cpuSeconds = Seconds(kernel) + Seconds(user);
+    footprint.kernelSeconds = Seconds(kernel);
   }
   return footprint;
+}
+
+std::map<DWORD, ThreadTimes> MeasureThreads() {
+  std::map<DWORD, ThreadTimes> times;
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  if (snapshot == INVALID_HANDLE_VALUE) return times;
+  THREADENTRY32 entry = {};
+  entry.dwSize = sizeof(entry);
+  const DWORD process = GetCurrentProcessId();
+  for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
+    if (entry.th32OwnerProcessID != process) continue;
+    HANDLE thread = OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, entry.th32ThreadID);
+    if (thread == nullptr) continue;
+    FILETIME created, exited, kernel, user;
+    if (GetThreadTimes(thread, &created, &exited, &kernel, &user)) {
+      times[entry.th32ThreadID] = {Seconds(user), Seconds(kernel)};
+    }
+    CloseHandle(thread);
+  }
+  CloseHandle(snapshot);
+  return times;
 }
 
 }  // namespace tools

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 
 #include "platform/WindowsSdk.h"
 
@@ -15,6 +16,13 @@ struct ProcessFootprint {
 };
 
 ProcessFootprint MeasureProcess();
+
+// User and kernel seconds of each of the process's threads so far, by thread identifier.
+struct ThreadTimes {
+  double user = 0;
+  double kernel = 0;
+};
+std::map<DWORD, ThreadTimes> MeasureThreads();
 // The commit charge alone: cheap, unlike the handle count under Wine.
 uint64_t PrivateBytes();
 

@@ -14,6 +14,7 @@
 #include <deque>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -24,6 +25,7 @@
 #include "platform/WindowsSdk.h"
 #include "sim/FrameServerHost.h"
 #include "sim/LatencyHistogram.h"
+#include "sim/ThreadRoles.h"
 #include "tools/DllTransformFactory.h"
 #include "tools/PlatformScope.h"
 #include "tools/ProcessFootprint.h"
@@ -89,6 +91,7 @@ class BarePlatformPath {
   // Paced as the simulated cameras pace their frames (a wait until each frame's time, no spinning:
   // a thread that spins for its next frame takes a core from the transform's threads).
   void Capture(size_t stream) {
+    sim::NoteThreadRole(sim::ThreadRole::Baseline);
     using Clock = std::chrono::steady_clock;
     const auto period = std::chrono::nanoseconds(1000000000ll / fps);
     const auto start = Clock::now();
@@ -102,6 +105,7 @@ class BarePlatformPath {
     }
   }
   void Pump() {
+    sim::NoteThreadRole(sim::ThreadRole::Baseline);
     for (;;) {
       ComPtr<IMFMediaEvent> event;
       if (FAILED(queue->GetEvent(0, event.GetAddressOf()))) return;
@@ -286,6 +290,10 @@ struct ModeResult {
   bool passed = false;
   double cpuPercent = 0;
   double kernelPercent = 0;
+  // User time of the threads that carry the transform's work (the cameras' threads, which paint and
+  // call ProcessInput, the frame server's, and the transform's and the platform's own), the bare path's
+  // left out: the recording modes differ here, with less of the machine's noise.
+  double transformUserPercent = 0;
   double worstP99Ratio = 0;
   uint64_t worstMax = 0;
   bool latencyOk = true;
@@ -317,6 +325,7 @@ ModeResult RunMode(const Options &options, tools::DllTransformFactory &factory, 
   }
   bool firmwareErrorRaised = false;
   tools::ProcessFootprint warm, end;
+  std::map<DWORD, tools::ThreadTimes> threadsWarm;
   uint64_t framesAtWarmup = 0;
   uint64_t largestPrivate = 0;
   std::string handleSeries;  // every ten seconds after the warm-up
@@ -334,6 +343,7 @@ ModeResult RunMode(const Options &options, tools::DllTransformFactory &factory, 
         if (camera.bare) camera.bare->MeasureLatency();
       }
       warm = tools::MeasureProcess();
+      threadsWarm = tools::MeasureThreads();
       framesAtWarmup = Delivered(cameras);
       nextHandleCount = elapsed() + 10;
       handleSeries = std::to_string(warm.handles);
@@ -356,6 +366,7 @@ ModeResult RunMode(const Options &options, tools::DllTransformFactory &factory, 
   }
   const double seconds = elapsed();
   end = tools::MeasureProcess();
+  const std::map<DWORD, tools::ThreadTimes> threadsEnd = tools::MeasureThreads();
   const uint64_t framesAtEnd = Delivered(cameras);
   if (!options.quiet) std::printf("\n");
   for (auto &camera : cameras) {
@@ -451,6 +462,30 @@ ModeResult RunMode(const Options &options, tools::DllTransformFactory &factory, 
   std::printf("CPU: %.1f us per frame over %llu frames after warm-up (%.1f%% of one core, %.1f%% of it in the\n"
               "     kernel; the simulated cameras' painting, the frame server's pulling and the bare path included)\n",
               cpuPerFrameUs, static_cast<unsigned long long>(frames), result.cpuPercent, result.kernelPercent);
+  // The same seconds split by what the threads do.
+  const std::map<DWORD, sim::ThreadRole> roles = sim::ThreadRoles();
+  tools::ThreadTimes frameThreads, bareThreads, otherThreads;
+  for (const auto &thread : threadsEnd) {
+    tools::ThreadTimes spent = thread.second;
+    const auto before = threadsWarm.find(thread.first);
+    if (before != threadsWarm.end()) {
+      spent.user -= before->second.user;
+      spent.kernel -= before->second.kernel;
+    }
+    const auto role = roles.find(thread.first);
+    tools::ThreadTimes &group = role == roles.end() ? otherThreads
+                                : role->second == sim::ThreadRole::Baseline ? bareThreads
+                                                                            : frameThreads;
+    group.user += spent.user;
+    group.kernel += spent.kernel;
+  }
+  const double measured = std::max(0.001, seconds - options.warmup);
+  auto percent = [&](double spent) { return 100.0 * spent / measured; };
+  std::printf("     by thread, user + kernel: cameras and frame server %.1f%% + %.1f%%, the transform's own and the\n"
+              "     platform's %.1f%% + %.1f%%, bare path %.1f%% + %.1f%%\n",
+              percent(frameThreads.user), percent(frameThreads.kernel), percent(otherThreads.user),
+              percent(otherThreads.kernel), percent(bareThreads.user), percent(bareThreads.kernel));
+  result.transformUserPercent = percent(frameThreads.user + otherThreads.user);
   // Flat: a leak of one small allocation per frame (about 100 bytes x 540 frames a second) would pass
   // 4 MiB within a minute; heap growth that settles stays well inside it. The platform's work queues
   // add a thread (and its handle) now and then under load; a handle per second or per frame would
@@ -523,6 +558,13 @@ int main(int argc, char **argv) {
       const double cpu = median(mode, &ModeResult::cpuPercent), user = cpu - median(mode, &ModeResult::kernelPercent);
       std::printf("  %s %.1f%% (user %.1f%%)", mode.c_str(), cpu, user);
       if (off >= 0 && mode != "off") std::printf(" %+.2f (user %+.2f)", cpu - off, user - offUser);
+    }
+    const double offTransform = median("off", &ModeResult::transformUserPercent);
+    std::printf("\nUser CPU of the transform's threads (cameras, frame server, its own; bare path left out):");
+    for (const std::string &mode : modes) {
+      const double user = median(mode, &ModeResult::transformUserPercent);
+      std::printf("  %s %.2f%%", mode.c_str(), user);
+      if (offTransform >= 0 && mode != "off") std::printf(" %+.2f", user - offTransform);
     }
     std::printf("\nLatency to output, worst stream:");
     for (const auto &entry : results) {
