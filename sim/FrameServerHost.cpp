@@ -195,6 +195,8 @@ HRESULT FrameServerHost::Shutdown() {
     if (FAILED(hr) && events) events->QueueEvent(MEUnknown, kHostWakeUp, S_OK, nullptr);
     pump.join();
   }
+  // A start the pump answered while the streams were being stopped.
+  source.StopAll();
   return hr;
 }
 

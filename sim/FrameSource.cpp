@@ -93,12 +93,12 @@ HRESULT FrameSource::Start(DWORD streamId, IMFMediaType *mediaType) {
   }
 
   Stop(streamId);
+  // Running before it is listed: a Stop on another thread (the host shutting down while its pump
+  // answers a start) then always finds the thread to join.
+  std::lock_guard<std::mutex> lock(mutex);
   Stream *raw = stream.get();
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    streams[streamId] = std::move(stream);
-  }
   raw->thread = std::thread([this, raw] { Run(*raw); });
+  streams[streamId] = std::move(stream);
   return S_OK;
 }
 
