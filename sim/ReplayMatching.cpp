@@ -19,13 +19,13 @@ bool TimeOf(const Value &value, int64_t &time) {
   return true;
 }
 
-uint32_t StreamAt(const Record &record, size_t index) {
+}  // namespace
+
+uint32_t U32At(const Record &record, size_t index) {
   return index < record.values.size() && record.values[index].tag == ValueTag::U32
              ? static_cast<uint32_t>(record.values[index].number)
              : 0;
 }
-
-}  // namespace
 
 CallPairs PairCalls(const std::vector<Record> &records) {
   CallPairs pairs;
@@ -58,7 +58,7 @@ FrameOrder OrderFrames(const std::vector<Record> &records, const std::map<const 
   for (const Record &r : records) {
     if (r.Kind() != RecordKind::CallEntry || device_events::CallName(r) != "ProcessInput") continue;
     const auto exit = exitOf.find(&r);
-    if (exit != exitOf.end() && exit->second->result == 0) order.framesOf[StreamAt(r, 1)].push_back(&r);
+    if (exit != exitOf.end() && exit->second->result == 0) order.framesOf[U32At(r, 1)].push_back(&r);
   }
   std::map<uint32_t, size_t> accounted;  // frames of each stream handed out or passed over
   for (const Record &r : records) {
@@ -68,7 +68,7 @@ FrameOrder OrderFrames(const std::vector<Record> &records, const std::map<const 
     // Return: name, then each buffer's stream, status and sample, then the call's status.
     for (size_t b = 1; b + 2 < r.values.size(); b += 3) {
       if (r.values[b + 2].tag != ValueTag::Sample) continue;
-      const uint32_t stream = StreamAt(r, b);
+      const uint32_t stream = U32At(r, b);
       const auto &frames = order.framesOf[stream];
       size_t &next = accounted[stream];
       int64_t time = 0;

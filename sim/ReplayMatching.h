@@ -13,6 +13,9 @@
 
 namespace sim {
 
+// A record's value at `index` when it is a U32, else 0.
+uint32_t U32At(const device_events::Record &record, size_t index);
+
 // Each call's entry paired with its return: a thread's calls nest, so a return closes the latest
 // call its thread entered and has not left.
 constexpr size_t kNoExit = ~size_t{0};

@@ -198,11 +198,6 @@ class EventPump {
   std::thread thread;
 };
 
-uint32_t U32At(const Record &record, size_t index) {
-  return index < record.values.size() && record.values[index].tag == ValueTag::U32
-             ? static_cast<uint32_t>(record.values[index].number)
-             : 0;
-}
 bool IsNullAt(const Record &record, size_t index) {
   return index >= record.values.size() || record.values[index].IsNull();
 }
