@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <iostream>
 #include <iterator>
@@ -297,7 +299,31 @@ struct ModeResult {
   double worstP99Ratio = 0;
   uint64_t worstMax = 0;
   bool latencyOk = true;
+  double seconds = 0;   // the whole run, warm-up included
+  uint64_t frames = 0;  // handed out over the whole run
+  double recorderPercent = -1;  // the recorders' own time on the recording threads, when traced
 };
+
+// Each recorder traces, as it closes, the time the threads that made its records spent in it ("...: N
+// records, X us each on the recording threads, Y us in all"): the recording's own cost, measured where
+// it is paid, which the whole-process or per-thread CPU cannot show below the machine's noise. The
+// microseconds of the lines written since `offset`, or -1 when there are none.
+double RecordersMicroseconds(const std::string &traceFile, long &offset) {
+  FILE *file = std::fopen(traceFile.c_str(), "r");
+  if (file == nullptr) return -1;
+  std::fseek(file, offset, SEEK_SET);
+  double total = -1;
+  char line[1024];
+  static const char kMarker[] = " us each on the recording threads, ";
+  while (std::fgets(line, sizeof(line), file) != nullptr) {
+    const char *found = std::strstr(line, kMarker);
+    if (found == nullptr) continue;
+    total = std::max(0.0, total) + std::atof(found + sizeof(kMarker) - 1);
+  }
+  offset = std::ftell(file);
+  std::fclose(file);
+  return total;
+}
 
 // One soak of the six streams with the recording in `mode` (the registry values set for its transforms).
 ModeResult RunMode(const Options &options, tools::DllTransformFactory &factory, const std::string &mode) {
@@ -365,9 +391,11 @@ ModeResult RunMode(const Options &options, tools::DllTransformFactory &factory, 
     }
   }
   const double seconds = elapsed();
+  result.seconds = seconds;
   end = tools::MeasureProcess();
   const std::map<DWORD, tools::ThreadTimes> threadsEnd = tools::MeasureThreads();
   const uint64_t framesAtEnd = Delivered(cameras);
+  result.frames = framesAtEnd;
   if (!options.quiet) std::printf("\n");
   for (auto &camera : cameras) {
     if (camera.host) Drain(camera);
@@ -505,6 +533,21 @@ int main(int argc, char **argv) {
     std::cerr << "usage: soak [--seconds 60] [--warmup S] [--fps 90] [--modes off,flight,full] [--ring MB] [--quiet] [--dll PATH]\n";
     return 2;
   }
+  // The recorders' account of their own cost comes in the DLL's trace (read at its load), at info.
+  std::string traceFile;
+  if (std::getenv("WQ400_TRACE") == nullptr) {
+    wchar_t folder[MAX_PATH] = {};
+    GetTempPathW(MAX_PATH, folder);
+    char narrow[MAX_PATH] = {};
+    WideCharToMultiByte(CP_UTF8, 0, folder, -1, narrow, MAX_PATH, nullptr, nullptr);
+    traceFile = std::string(narrow) + "wq-soak-trace.txt";
+    std::remove(traceFile.c_str());
+    _putenv_s("WQ400_TRACE", "info");
+    _putenv_s("WQ400_TRACE_FILE", traceFile.c_str());
+  } else if (const char *file = std::getenv("WQ400_TRACE_FILE")) {
+    traceFile = file;
+  }
+  long traceOffset = 0;
   const tools::PlatformScope platform;
   if (!platform.Started()) return 1;
   int exitCode = 0;
@@ -532,6 +575,13 @@ int main(int argc, char **argv) {
       }
       ModeResult result = RunMode(options, factory, mode);
       mft_core::DeviceEventsRecorderSettings::RemoveFromRegistry();
+      // The transforms are gone: their recorders have traced their accounts.
+      const double recorders = traceFile.empty() ? -1 : RecordersMicroseconds(traceFile, traceOffset);
+      if (recording.enabled && recorders >= 0) {
+        result.recorderPercent = recorders / 1e4 / std::max(0.001, result.seconds);
+        std::printf("Recording's own work on the recording threads: %.2f us per frame handed out, %.2f%% of one core\n",
+                    recorders / std::max<uint64_t>(1, result.frames), result.recorderPercent);
+      }
       if (mode == "flight") result.passed = CheckFlightDump() && result.passed;
       results.emplace_back(mode, result);
       std::printf("\n");
@@ -565,6 +615,10 @@ int main(int argc, char **argv) {
       const double user = median(mode, &ModeResult::transformUserPercent);
       std::printf("  %s %.2f%%", mode.c_str(), user);
       if (offTransform >= 0 && mode != "off") std::printf(" %+.2f", user - offTransform);
+    }
+    std::printf("\nThe recording's own work on the recording threads:");
+    for (const std::string &mode : modes) {
+      if (mode != "off") std::printf("  %s %.2f%%", mode.c_str(), median(mode, &ModeResult::recorderPercent));
     }
     std::printf("\nLatency to output, worst stream:");
     for (const auto &entry : results) {

@@ -81,7 +81,8 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   void ControlEnds();
 
  private:
-  DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path);
+  DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path, std::string name);
+  friend class CallerTime;
   // The driver filter as the transform finds it: its streams, their attributes and types, its nodes.
   void RecordFilter(IMFAttributes *filterAttributes);
   // Encodes into `buffer`, one of the writer's spare buffers.
@@ -104,6 +105,12 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   void CountNotReady(bool notReady);
 
   const bool pixelData;
+  const std::string name;  // the transform's, for the account traced at close
+  // What recording costs the threads that record (application, frame server and camera threads):
+  // the time they spent in the record calls, and how many calls; traced when the recorder closes.
+  std::atomic<uint64_t> callerTicks{0};
+  std::atomic<uint64_t> timedCalls{0};
+  std::atomic<bool> closed{false};
   // Set-up records for the flight recorder: all of them until the frames flow, then control calls'.
   std::atomic<bool> framesFlowing{false};
   std::atomic<int> controlCalls{0};
