@@ -163,22 +163,50 @@ void CreateParentFolder(const std::wstring &path) {
 
 }  // namespace
 
-// Times one record call on its caller's thread, for the recorder's account of what it costs them.
-class CallerTime {
+class DeviceEventsRecorder::RecordScope {
  public:
-  explicit CallerTime(DeviceEventsRecorder &recorder) : recorder(recorder) { QueryPerformanceCounter(&start); }
-  ~CallerTime() {
-    LARGE_INTEGER end;
-    QueryPerformanceCounter(&end);
-    recorder.callerTicks.fetch_add(static_cast<uint64_t>(end.QuadPart - start.QuadPart), std::memory_order_relaxed);
-    recorder.timedCalls.fetch_add(1, std::memory_order_relaxed);
+  // `timed`: the caller's time counts in the recorder's account (a record made inside another's
+  // scope does not count twice).
+  explicit RecordScope(DeviceEventsRecorder &recorder, bool timed = true) : recorder(recorder), timed(timed) {
+    QueryPerformanceCounter(&start);
+    // Thread identifiers are multiples of four. A thread that finds every slot taken makes its record
+    // in a buffer of its own, and its time goes uncounted.
+    const size_t first = (GetCurrentThreadId() >> 2) % kEncodeSlots;
+    for (size_t i = 0; i < kEncodeSlots && slot == nullptr; ++i) {
+      EncodeSlot &candidate = recorder.slots[(first + i) % kEncodeSlots];
+      if (!candidate.busy.load(std::memory_order_relaxed) && !candidate.busy.exchange(true, std::memory_order_acquire)) {
+        slot = &candidate;
+      }
+    }
+    // Recording everything hands the record's buffer to the writer.
+    if (slot == nullptr || !recorder.writer->IsFlightRecorder()) taken = recorder.writer->TakeBuffer();
   }
-  CallerTime(const CallerTime &) = delete;
-  CallerTime &operator=(const CallerTime &) = delete;
+  ~RecordScope() {
+    if (slot == nullptr) return;
+    if (timed) {
+      LARGE_INTEGER end;
+      QueryPerformanceCounter(&end);
+      slot->ticks.fetch_add(static_cast<uint64_t>(end.QuadPart - start.QuadPart), std::memory_order_relaxed);
+      slot->calls.fetch_add(1, std::memory_order_relaxed);
+    }
+    // A record of pixels leaves a large buffer: not kept.
+    if (slot->bytes.capacity() > kLargestKept) std::vector<uint8_t>().swap(slot->bytes);
+    slot->bytes.clear();
+    slot->busy.store(false, std::memory_order_release);
+  }
+  RecordScope(const RecordScope &) = delete;
+  RecordScope &operator=(const RecordScope &) = delete;
+
+  std::vector<uint8_t> &Bytes() { return slot != nullptr && recorder.writer->IsFlightRecorder() ? slot->bytes : taken; }
+  uint64_t Time() const { return recorder.clock.At(start); }
 
  private:
+  static constexpr size_t kLargestKept = 256 * 1024;
   DeviceEventsRecorder &recorder;
+  const bool timed;
   LARGE_INTEGER start;
+  EncodeSlot *slot = nullptr;
+  std::vector<uint8_t> taken;
 };
 
 DeviceEventsRecorderSettings DeviceEventsRecorderSettings::FromRegistry() {
@@ -313,7 +341,11 @@ void DeviceEventsRecorder::Close() {
   // What the recording cost the threads that made the records, for an engineer weighing it.
   LARGE_INTEGER frequency;
   QueryPerformanceFrequency(&frequency);
-  const uint64_t calls = timedCalls.load(), ticks = callerTicks.load();
+  uint64_t calls = 0, ticks = 0;
+  for (const EncodeSlot &slot : slots) {
+    calls += slot.calls.load(std::memory_order_relaxed);
+    ticks += slot.ticks.load(std::memory_order_relaxed);
+  }
   const double microseconds = static_cast<double>(ticks) * 1e6 / static_cast<double>(frequency.QuadPart);
   WQ_TRACE(Info, (writer->IsFlightRecorder() ? "flight recorder of " : "device events recording of ")
                      << name << ": " << calls << " records, "
@@ -323,16 +355,19 @@ void DeviceEventsRecorder::Close() {
 
 bool DeviceEventsRecorder::IsRecording() const { return writer && writer->IsOpen(); }
 
-RecordEncoder DeviceEventsRecorder::Begin(std::vector<uint8_t> &buffer, RecordKind kind, HRESULT result) {
-  buffer = writer->TakeBuffer();
-  RecordEncoder record(buffer);
-  record.Begin(kind, clock.Now(), GetCurrentThreadId(), static_cast<uint32_t>(result));
+RecordEncoder DeviceEventsRecorder::Begin(RecordScope &scope, RecordKind kind, HRESULT result) {
+  RecordEncoder record(scope.Bytes());
+  record.Begin(kind, scope.Time(), GetCurrentThreadId(), static_cast<uint32_t>(result));
   return record;
 }
 
 void DeviceEventsRecorder::Finish(RecordEncoder &record, bool setUp) {
   record.End();
-  writer->Push(std::move(record.Buffer()), setUp && writer->IsFlightRecorder());
+  if (writer->IsFlightRecorder()) {
+    writer->Keep(record.Buffer().data(), record.Buffer().size(), setUp);
+  } else {
+    writer->Push(std::move(record.Buffer()));
+  }
 }
 
 bool DeviceEventsRecorder::SetUpCall(std::string_view name) const {
@@ -362,23 +397,22 @@ bool DeviceEventsRecorder::OnControlThread() {
   return std::find(controlThreads.begin(), controlThreads.end(), GetCurrentThreadId()) != controlThreads.end();
 }
 
-RecordEncoder DeviceEventsRecorder::BeginCall(std::vector<uint8_t> &buffer, RecordKind kind, HRESULT result,
+RecordEncoder DeviceEventsRecorder::BeginCall(RecordScope &scope, RecordKind kind, HRESULT result,
                                              const char *function, std::string_view &name) {
   const char *begin = nullptr;
   size_t length = 0;
   ShortName(function, begin, length);
   name = std::string_view(begin, length);
-  RecordEncoder record = Begin(buffer, kind, result);
+  RecordEncoder record = Begin(scope, kind, result);
   record.String(begin, length);
   return record;
 }
 
 void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue *arguments, size_t count) {
   if (!IsRecording()) return;
-  std::vector<uint8_t> buffer;
-  const CallerTime timed(*this);
+  RecordScope scope(*this);
   std::string_view name;
-  RecordEncoder record = BeginCall(buffer, RecordKind::CallEntry, S_OK, function, name);
+  RecordEncoder record = BeginCall(scope, RecordKind::CallEntry, S_OK, function, name);
   for (size_t i = 0; i < count; ++i) EncodeArgument(record, arguments[i], pixelData);
   if (name == "ProcessInput" && !framesFlowing.load(std::memory_order_relaxed)) framesFlowing = true;
   const bool setUp = SetUpCall(name);
@@ -393,10 +427,9 @@ void DeviceEventsRecorder::RecordCall(const char *function, const RecordedValue 
 void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, const RecordedValue *arguments,
                                         size_t count) {
   if (!IsRecording()) return;
-  std::vector<uint8_t> buffer;
-  const CallerTime timed(*this);
+  RecordScope scope(*this);
   std::string_view name;
-  RecordEncoder record = BeginCall(buffer, RecordKind::CallExit, result, function, name);
+  RecordEncoder record = BeginCall(scope, RecordKind::CallExit, result, function, name);
   for (size_t i = 0; i < count; ++i) EncodeOutput(record, arguments[i], result, pixelData);
   const bool setUp = SetUpCall(name);
   Finish(record, setUp);
@@ -424,9 +457,8 @@ void DeviceEventsRecorder::NoteStreamState(const RecordedValue &stream, const Re
 
 void DeviceEventsRecorder::RecordDriverEvent(REFGUID eventSet, ULONG eventId) {
   if (!IsRecording()) return;
-  std::vector<uint8_t> buffer;
-  const CallerTime timed(*this);
-  RecordEncoder record = Begin(buffer, RecordKind::DriverEvent, S_OK);
+  RecordScope scope(*this);
+  RecordEncoder record = Begin(scope, RecordKind::DriverEvent, S_OK);
   record.GuidValue(ToRecorded(eventSet));
   record.U32(eventId);
   Finish(record, true);
@@ -437,14 +469,13 @@ void DeviceEventsRecorder::RecordDriverEvent(REFGUID eventSet, ULONG eventId) {
 void DeviceEventsRecorder::RecordMediaEvent(IMFMediaEvent *event) {
   if (!IsRecording() || event == nullptr) return;
   MediaEventType type = MEUnknown;
-  const CallerTime timed(*this);
+  RecordScope scope(*this);
   GUID extendedType = GUID_NULL;
   HRESULT status = S_OK;
   event->GetType(&type);
   event->GetExtendedType(&extendedType);
   event->GetStatus(&status);
-  std::vector<uint8_t> buffer;
-  RecordEncoder record = Begin(buffer, RecordKind::MediaEvent, status);
+  RecordEncoder record = Begin(scope, RecordKind::MediaEvent, status);
   record.U32(type);
   record.GuidValue(ToRecorded(extendedType));
   PROPVARIANT value;
@@ -471,9 +502,8 @@ void DeviceEventsRecorder::RecordMediaEvent(IMFMediaEvent *event) {
 void DeviceEventsRecorder::RecordMediaEvent(MediaEventType type, REFGUID extendedType, HRESULT status,
                                             const PROPVARIANT *value) {
   if (!IsRecording()) return;
-  std::vector<uint8_t> buffer;
-  const CallerTime timed(*this);
-  RecordEncoder record = Begin(buffer, RecordKind::MediaEvent, status);
+  RecordScope scope(*this);
+  RecordEncoder record = Begin(scope, RecordKind::MediaEvent, status);
   record.U32(type);
   record.GuidValue(ToRecorded(extendedType));
   EncodePropVariant(record, value);
@@ -489,9 +519,8 @@ void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, 
                                            const std::vector<uint8_t> *dataIn, const void *data, ULONG dataLength,
                                            const ULONG *bytesReturned, HRESULT result) {
   if (!IsRecording()) return;
-  std::vector<uint8_t> buffer;
-  const CallerTime timed(*this);
-  RecordEncoder record = Begin(buffer, kind, result);
+  RecordScope scope(*this);
+  RecordEncoder record = Begin(scope, kind, result);
   record.U32(static_cast<uint32_t>(type));
   if (identifier == nullptr) {
     record.Null();
@@ -573,8 +602,8 @@ void DeviceEventsRecorder::RecordFilter(IMFAttributes *filterAttributes) {
       for (DWORD i = 0; i < outputCount; ++i) outputIds[i] = i;
     }
   }
-  std::vector<uint8_t> buffer;
-  RecordEncoder record = Begin(buffer, RecordKind::Filter, countResult);
+  RecordScope scope(*this, false);
+  RecordEncoder record = Begin(scope, RecordKind::Filter, countResult);
   record.U32(inputCount);
   record.U32(outputCount);
   record.U32(static_cast<uint32_t>(idsResult));

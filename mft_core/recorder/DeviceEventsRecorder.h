@@ -4,6 +4,7 @@
 // the transform is created.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <map>
 #include <memory>
@@ -82,11 +83,11 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
 
  private:
   DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path, std::string name);
-  friend class CallerTime;
+  // One record's making: its buffer, its time, and the time its caller spends on it.
+  class RecordScope;
   // The driver filter as the transform finds it: its streams, their attributes and types, its nodes.
   void RecordFilter(IMFAttributes *filterAttributes);
-  // Encodes into `buffer`, one of the writer's spare buffers.
-  device_events::RecordEncoder Begin(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result);
+  device_events::RecordEncoder Begin(RecordScope &scope, device_events::RecordKind kind, HRESULT result);
   // `setUp`: a flight recorder keeps the record aside from its ring too, for the replay of its files:
   // every record until the first frame comes in, then those of control calls (anything but the frame
   // path and the getters), state-changing application requests, the driver requests either makes,
@@ -95,7 +96,7 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   bool SetUpCall(std::string_view name) const;
   bool OnControlThread();
   // A call or return record begun with the call's short name ("ProcessInput"), also handed back.
-  device_events::RecordEncoder BeginCall(std::vector<uint8_t> &buffer, device_events::RecordKind kind, HRESULT result,
+  device_events::RecordEncoder BeginCall(RecordScope &scope, device_events::RecordKind kind, HRESULT result,
                                          const char *function, std::string_view &name);
 
   // A flight recorder's dumps say what each output stream's last state request left.
@@ -106,11 +107,21 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
 
   const bool pixelData;
   const std::string name;  // the transform's, for the account traced at close
-  // What recording costs the threads that record (application, frame server and camera threads):
-  // the time they spent in the record calls, and how many calls; traced when the recorder closes.
-  std::atomic<uint64_t> callerTicks{0};
-  std::atomic<uint64_t> timedCalls{0};
   std::atomic<bool> closed{false};
+  // A record is made in a slot of the recorder's, claimed without a lock: a recording thread mostly
+  // finds the one it used last, so that the memory a record touches stays in its core's cache (a lock
+  // and a free list shared by the recording threads cost more than the encoding). A flight recorder
+  // encodes the record in the slot's buffer and copies it into its ring. The slot also keeps the
+  // account of what recording costs the threads that record (application, frame server and camera
+  // threads): the time they spent in the record calls, and how many calls; traced at close.
+  struct alignas(64) EncodeSlot {
+    std::atomic<bool> busy{false};
+    std::atomic<uint64_t> ticks{0};
+    std::atomic<uint64_t> calls{0};
+    std::vector<uint8_t> bytes;
+  };
+  static constexpr size_t kEncodeSlots = 16;
+  std::array<EncodeSlot, kEncodeSlots> slots;
   // Set-up records for the flight recorder: all of them until the frames flow, then control calls'.
   std::atomic<bool> framesFlowing{false};
   std::atomic<int> controlCalls{0};

@@ -36,6 +36,10 @@ RecordClock::RecordClock() {
 uint64_t RecordClock::Now() const {
   LARGE_INTEGER now;
   QueryPerformanceCounter(&now);
+  return At(now);
+}
+
+uint64_t RecordClock::At(LARGE_INTEGER now) const {
   const uint64_t ticks = static_cast<uint64_t>(now.QuadPart - start.QuadPart);
   const uint64_t perSecond = static_cast<uint64_t>(frequency.QuadPart);
   return ticks / perSecond * 10000000ull + ticks % perSecond * 10000000ull / perSecond;
@@ -106,21 +110,30 @@ void EventsFileWriter::EncodeDropped(std::vector<uint8_t> &out, uint64_t count, 
   record.End();
 }
 
+void EventsFileWriter::Keep(const uint8_t *record, size_t size, bool keepAside) {
+  user_space_frameworks::AutoLock lock(section);
+  KeepLocked(record, size, keepAside);
+}
+
+void EventsFileWriter::KeepLocked(const uint8_t *record, size_t size, bool keepAside) {
+  if (stopping || !open.load(std::memory_order_relaxed)) return;
+  ring.Append(record, size);
+  if (!keepAside || !setUp.complete) return;
+  if (setUp.bytes.size() + size > options.setUpBytes) {
+    setUp.complete = false;
+    WQ_TRACE(Warning, "flight recorder: the set-up records outgrew " << (options.setUpBytes >> 10)
+                                                                     << " KiB; its files cannot be replayed");
+  } else {
+    setUp.bytes.insert(setUp.bytes.end(), record, record + size);
+    ++setUp.records;
+  }
+}
+
 void EventsFileWriter::Push(std::vector<uint8_t> &&record, bool keepAside) {
   user_space_frameworks::AutoLock lock(section);
   if (stopping || !open.load(std::memory_order_relaxed)) return;
   if (IsFlightRecorder()) {
-    ring.Append(record.data(), record.size());
-    if (keepAside && setUp.complete) {
-      if (setUp.bytes.size() + record.size() > options.setUpBytes) {
-        setUp.complete = false;
-        WQ_TRACE(Warning, "flight recorder: the set-up records outgrew " << (options.setUpBytes >> 10)
-                                                                         << " KiB; its files cannot be replayed");
-      } else {
-        setUp.bytes.insert(setUp.bytes.end(), record.begin(), record.end());
-        ++setUp.records;
-      }
-    }
+    KeepLocked(record.data(), record.size(), keepAside);
     if (spareBuffers.size() < 2 * WakeRecords() && record.capacity() <= kLargestSpare) {
       record.clear();
       spareBuffers.push_back(std::move(record));

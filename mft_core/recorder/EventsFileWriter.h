@@ -27,6 +27,8 @@ class RecordClock {
  public:
   RecordClock();
   uint64_t Now() const;
+  // The same for a performance counter value read earlier.
+  uint64_t At(LARGE_INTEGER counter) const;
 
  private:
   LARGE_INTEGER start{};
@@ -63,6 +65,8 @@ class EventsFileWriter {
   // a replay sets the transform up from them before it plays the ring.
   std::vector<uint8_t> TakeBuffer();
   void Push(std::vector<uint8_t> &&record, bool setUp = false);
+  // Flight recorder: copies a record into the ring (and aside, when `setUp`); the caller keeps its buffer.
+  void Keep(const uint8_t *record, size_t size, bool setUp);
   // Writes what is queued, the drop count if any and the closing record, and closes the file.
   void Close();
   // False once closed or after the disk refused a write.
@@ -107,6 +111,7 @@ class EventsFileWriter {
   void PollRequestEvent();
   void Write(std::deque<std::vector<uint8_t>> &batch, bool final);
   std::vector<uint8_t> SpareBuffer();  // with the lock held
+  void KeepLocked(const uint8_t *record, size_t size, bool setUp);
   size_t WakeRecords() const;          // queued records that wake the writer before its time
   void EncodeDropped(std::vector<uint8_t> &out, uint64_t count, device_events::DropReason reason) const;
 

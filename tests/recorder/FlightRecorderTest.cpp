@@ -283,6 +283,9 @@ TEST(FlightRecorderReplay, ADumpWhoseRingWrappedReplaysFromItsStateRecord) {
       host.ApplicationKsControl()->KsProperty(&property, sizeof(property), &value, sizeof(value), &returned);
       Sleep(7000);  // the ring of two 1 MiB chunks turns over (some 360 KB a second)
     };
+    // The file is written while the streams run (a loaded machine may take longer than a moment to
+    // pass the camera's event to the transform).
+    plan.afterFirmwareEvent = [&] { return GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES; };
     RunSession(CreatePassThrough(), plan);
     ASSERT_TRUE(WaitFor([&] { return GetFileAttributesW(file.c_str()) != INVALID_FILE_ATTRIBUTES; }));
   }

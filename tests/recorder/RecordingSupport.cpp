@@ -142,7 +142,11 @@ void RunSession(ComPtr<IMFDeviceTransform> device, const SessionPlan &plan) {
   ASSERT_TRUE(WaitFor([&] { return framesOut() >= target; }));
   if (plan.signalFirmwareEvent) {
     EXPECT_EQ(1u, filter->SignalAutoUpdate());
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    if (plan.afterFirmwareEvent) {
+      EXPECT_TRUE(WaitFor(plan.afterFirmwareEvent));
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
   }
   for (DWORD stream : plan.streams) EXPECT_EQ(S_OK, host.StopStream(stream));
   EXPECT_EQ(S_OK, host.Shutdown());

@@ -55,6 +55,8 @@ struct SessionPlan {
   uint64_t framesBefore = 5, framesAfter = 0;
   std::function<void(sim::FrameServerHost &host)> during;
   bool signalFirmwareEvent = true;
+  // What the streams wait for after the firmware event (200 ms when empty) before they stop.
+  std::function<bool()> afterFirmwareEvent;
 };
 // Runs the plan against `device` and shuts it down; everything is released on return.
 void RunSession(Microsoft::WRL::ComPtr<IMFDeviceTransform> device, const SessionPlan &plan);
