@@ -42,6 +42,7 @@ uint64_t RecordClock::Now() const {
 uint64_t RecordClock::At(LARGE_INTEGER now) const {
   const uint64_t ticks = static_cast<uint64_t>(now.QuadPart - start.QuadPart);
   const uint64_t perSecond = static_cast<uint64_t>(frequency.QuadPart);
+  if (perSecond == 10000000ull) return ticks;  // the usual counter already counts in 100 ns units
   return ticks / perSecond * 10000000ull + ticks % perSecond * 10000000ull / perSecond;
 }
 

@@ -17,6 +17,7 @@ using device_events::RecordEncoder;
 using device_events::ValueTag;
 
 constexpr DWORD kMaxRecordedIds = 64;
+constexpr UINT32 kBlobRoom = 512;
 constexpr uint8_t kEmptyStore[8] = {0x41, 0x46, 0x4D, 0x49, 0, 0, 0, 0};
 
 void EncodeBufferBytes(RecordEncoder &record, IMFMediaBuffer *buffer) {
@@ -57,6 +58,14 @@ bool AppendAttributeStore(IMFAttributes *attributes, std::vector<uint8_t> &out) 
   // items' order (a store of one value comes out byte for byte as the platform writes it).
   const size_t start = out.size();
   UINT32 count = 0;
+  // Most stores on the frame path are empty (a camera's sample, its capture metadata): no lock for them.
+  if (FAILED(attributes->GetCount(&count))) return false;
+  if (count == 0) {
+    const uint32_t head[2] = {device_events::kAttributeStoreTag, 0};
+    out.resize(start + sizeof(head));
+    std::memcpy(out.data() + start, head, sizeof(head));
+    return true;
+  }
   if (FAILED(attributes->LockStore())) return false;
   bool complete = SUCCEEDED(attributes->GetCount(&count));
   uint32_t written = 0;
@@ -110,6 +119,10 @@ bool AppendAttributeStore(IMFAttributes *attributes, std::vector<uint8_t> &out) 
         break;
       }
       case MF_ATTRIBUTE_BLOB:
+        // The metadata blobs are small: read straight into room left for them, measured first only
+        // when one does not fit.
+        out.resize(values + kBlobRoom);
+        if (SUCCEEDED(attributes->GetBlob(key, out.data() + values, kBlobRoom, &size))) break;
         complete = SUCCEEDED(attributes->GetBlobSize(key, &size));
         out.resize(values + size);
         complete = complete && (size == 0 || SUCCEEDED(attributes->GetBlob(key, out.data() + values, size, nullptr)));

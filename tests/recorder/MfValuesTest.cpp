@@ -42,14 +42,20 @@ TEST(AttributeStoreLayout, EveryValueTypeReadsBackAsFromThePlatformsSerialiserAn
   ASSERT_EQ(S_OK, store->SetString(MF_MT_MPEG2_PROFILE, L"d\u00e9pth"));
   ASSERT_EQ(S_OK, store->SetBlob(MF_MT_PIXEL_ASPECT_RATIO, bytes, sizeof(bytes)));
   ASSERT_EQ(S_OK, store->SetBlob(MF_MT_DEFAULT_STRIDE, bytes, 0));
+  const std::vector<UINT8> large(2000, 0x5A);  // more than the room a blob is first read into
+  ASSERT_EQ(S_OK, store->SetBlob(MF_MT_CUSTOM_VIDEO_PRIMARIES, large.data(), static_cast<UINT32>(large.size())));
 
   const std::string recorded = RecorderBlob(store.Get());
   EXPECT_EQ("", mft_core::CompareAttributeBlobs(PlatformBlob(store.Get()), recorded));
   std::vector<device_events::Attribute> attributes;
   device_events::ReadError error;
   ASSERT_TRUE(device_events::DecodeAttributeStore(recorded, 0, attributes, error)) << error.message;
-  ASSERT_EQ(7u, attributes.size());
+  ASSERT_EQ(8u, attributes.size());
   EXPECT_EQ(nullptr, device_events::FindAttribute(attributes, mft_core::ToRecorded(MF_MT_USER_DATA)));
+  const device_events::Attribute *blob =
+      device_events::FindAttribute(attributes, mft_core::ToRecorded(MF_MT_CUSTOM_VIDEO_PRIMARIES));
+  ASSERT_NE(nullptr, blob);
+  EXPECT_EQ(std::string(large.begin(), large.end()), blob->bytes);
   const device_events::Attribute *text = device_events::FindAttribute(attributes, mft_core::ToRecorded(MF_MT_MPEG2_PROFILE));
   ASSERT_NE(nullptr, text);
   EXPECT_EQ("d\xC3\xA9pth", text->text);
@@ -64,7 +70,7 @@ TEST(AttributeStoreLayout, EveryValueTypeReadsBackAsFromThePlatformsSerialiserAn
                                            static_cast<UINT>(restorable.size())));
   UINT32 count = 0;
   ASSERT_EQ(S_OK, restored->GetCount(&count));
-  EXPECT_EQ(6u, count);
+  EXPECT_EQ(7u, count);
   BOOL same = FALSE;
   ASSERT_EQ(S_OK, store->Compare(restored.Get(), MF_ATTRIBUTES_MATCH_THEIR_ITEMS, &same));
   EXPECT_TRUE(same);

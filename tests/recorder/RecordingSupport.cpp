@@ -24,7 +24,11 @@ RecordingSwitch::~RecordingSwitch() { DeviceEventsRecorderSettings::RemoveFromRe
 std::wstring TemporaryRecordingPath(const wchar_t *name) {
   wchar_t folder[MAX_PATH] = {};
   GetTempPathW(MAX_PATH, folder);
-  return std::wstring(folder) + L"wq-" + std::to_wstring(GetCurrentProcessId()) + L"-" + name + L".bin";
+  // The process identifier alone repeats from one run to the next (a fresh Wine server hands out the
+  // same ones), and a file an earlier run left (a flight recorder's numbered file) would be taken for
+  // this run's: the process's start joins it.
+  static const std::wstring run = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount64());
+  return std::wstring(folder) + L"wq-" + run + L"-" + name + L".bin";
 }
 
 Recording ReadRecording(const std::wstring &path) {
