@@ -542,7 +542,9 @@ int main(int argc, char **argv) {
     WideCharToMultiByte(CP_UTF8, 0, folder, -1, narrow, MAX_PATH, nullptr, nullptr);
     traceFile = std::string(narrow) + "wq-soak-trace.txt";
     std::remove(traceFile.c_str());
+    // Info without the frame events, which would cost every frame a line written to the file.
     _putenv_s("WQ400_TRACE", "info");
+    _putenv_s("WQ400_TRACE_EVENTS", "0");
     _putenv_s("WQ400_TRACE_FILE", traceFile.c_str());
   } else if (const char *file = std::getenv("WQ400_TRACE_FILE")) {
     traceFile = file;

@@ -188,7 +188,10 @@ void ConfigureFromEnvironment() {
   else if (std::strcmp(level, "warning") == 0) chosen = TraceLevel::Warning;
   else if (std::strcmp(level, "info") == 0) chosen = TraceLevel::Info;
   const char *file = std::getenv("WQ400_TRACE_FILE");
-  SetSink(std::make_shared<TextTraceSink>(file != nullptr ? file : ""), chosen, true);
+  // The frame events come at every frame: WQ400_TRACE_EVENTS=0 leaves them out of the text.
+  const char *events = std::getenv("WQ400_TRACE_EVENTS");
+  const bool withEvents = events == nullptr || std::strcmp(events, "0") != 0;
+  SetSink(std::make_shared<TextTraceSink>(file != nullptr ? file : ""), chosen, withEvents);
 }
 
 ULONG RegisterPlatformProviders() {

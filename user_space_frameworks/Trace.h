@@ -89,8 +89,8 @@ std::shared_ptr<TraceSink> SetSink(std::shared_ptr<TraceSink> sink, TraceLevel l
 // Tests: runs between working out the trace level and storing it, to widen the window in which a
 // session's callback and a sink setter overlap.
 void SetRecomputeProbe(void (*probe)());
-// Reads WQ400_TRACE ("error", "warning", "info", "verbose") and WQ400_TRACE_FILE once; the host and
-// the module call it at start-up.
+// Reads WQ400_TRACE ("error", "warning", "info", "verbose"), WQ400_TRACE_FILE and WQ400_TRACE_EVENTS
+// ("0": no frame events) once; the host and the module call it at start-up.
 void ConfigureFromEnvironment();
 
 // The platform providers: registered at module attach, unregistered at detach.
