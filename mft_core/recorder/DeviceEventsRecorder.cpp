@@ -179,7 +179,7 @@ class DeviceEventsRecorder::RecordScope {
       }
     }
     // Recording everything hands the record's buffer to the writer.
-    if (slot == nullptr || !recorder.writer->IsFlightRecorder()) taken = recorder.writer->TakeBuffer();
+    if (slot == nullptr || !recorder.flightRecorder) taken = recorder.writer->TakeBuffer();
   }
   ~RecordScope() {
     if (slot == nullptr) return;
@@ -197,7 +197,7 @@ class DeviceEventsRecorder::RecordScope {
   RecordScope(const RecordScope &) = delete;
   RecordScope &operator=(const RecordScope &) = delete;
 
-  std::vector<uint8_t> &Bytes() { return slot != nullptr && recorder.writer->IsFlightRecorder() ? slot->bytes : taken; }
+  std::vector<uint8_t> &Bytes() { return slot != nullptr && recorder.flightRecorder ? slot->bytes : taken; }
   uint64_t Time() const { return recorder.clock.At(start); }
 
  private:
@@ -328,7 +328,8 @@ HRESULT DeviceEventsRecorder::Create(const DeviceEventsRecorderSettings &setting
 
 DeviceEventsRecorder::DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path,
                                            std::string name)
-    : pixelData(settings.pixelData), name(std::move(name)), path(std::move(path)) {
+    : pixelData(settings.pixelData), flightRecorder(settings.writer.ringBytes != 0),
+      name(std::move(name)), path(std::move(path)) {
   applicationObserver = std::make_shared<KsRequestsRecorder>(this, RecordKind::ApplicationKsRequest);
   driverObserver = std::make_shared<KsRequestsRecorder>(this, RecordKind::DriverKsRequest);
 }
@@ -347,7 +348,7 @@ void DeviceEventsRecorder::Close() {
     ticks += slot.ticks.load(std::memory_order_relaxed);
   }
   const double microseconds = static_cast<double>(ticks) * 1e6 / static_cast<double>(frequency.QuadPart);
-  WQ_TRACE(Info, (writer->IsFlightRecorder() ? "flight recorder of " : "device events recording of ")
+  WQ_TRACE(Info, (flightRecorder ? "flight recorder of " : "device events recording of ")
                      << name << ": " << calls << " records, "
                      << (calls == 0 ? 0.0 : microseconds / static_cast<double>(calls))
                      << " us each on the recording threads, " << static_cast<uint64_t>(microseconds) << " us in all");
@@ -363,7 +364,7 @@ RecordEncoder DeviceEventsRecorder::Begin(RecordScope &scope, RecordKind kind, H
 
 void DeviceEventsRecorder::Finish(RecordEncoder &record, bool setUp) {
   record.End();
-  if (writer->IsFlightRecorder()) {
+  if (flightRecorder) {
     writer->Keep(record.Buffer().data(), record.Buffer().size(), setUp);
   } else {
     writer->Push(std::move(record.Buffer()));
@@ -376,7 +377,7 @@ bool DeviceEventsRecorder::SetUpCall(std::string_view name) const {
 }
 
 void DeviceEventsRecorder::ControlBegins() {
-  if (!writer->IsFlightRecorder() || !framesFlowing.load(std::memory_order_relaxed)) return;
+  if (!flightRecorder || !framesFlowing.load(std::memory_order_relaxed)) return;
   std::lock_guard<std::mutex> lock(controlMutex);
   controlThreads.push_back(GetCurrentThreadId());
   controlCalls.store(static_cast<int>(controlThreads.size()), std::memory_order_relaxed);
@@ -434,7 +435,7 @@ void DeviceEventsRecorder::RecordReturn(const char *function, HRESULT result, co
   const bool setUp = SetUpCall(name);
   Finish(record, setUp);
   if (setUp) ControlEnds();
-  if (name == "SetOutputStreamState" && SUCCEEDED(result) && count >= 3 && writer->IsFlightRecorder()) {
+  if (name == "SetOutputStreamState" && SUCCEEDED(result) && count >= 3 && flightRecorder) {
     NoteStreamState(arguments[0], arguments[1], arguments[2]);
   }
   if (FAILED(result) && !user_space_frameworks::IsNormalExchangeResult(result)) {
@@ -549,14 +550,14 @@ void DeviceEventsRecorder::RecordKsRequest(RecordKind kind, KsControlType type, 
   const auto *requested = identifier != nullptr && identifier->size() >= sizeof(KSIDENTIFIER)
                               ? reinterpret_cast<const KSIDENTIFIER *>(identifier->data())
                               : nullptr;
-  Finish(record, writer->IsFlightRecorder() &&
+  Finish(record, flightRecorder &&
                      (OnControlThread() || (kind == RecordKind::ApplicationKsRequest && ChangesState(type, requested))));
   if (kind == RecordKind::ApplicationKsRequest && type == KsControlType::Property && requested != nullptr &&
       (requested->Flags & KSPROPERTY_TYPE_SET) != 0 && SUCCEEDED(result) && dataIn != nullptr &&
-      writer->IsFlightRecorder()) {
+      flightRecorder) {
     writer->NoteControl(*identifier, *dataIn);
   }
-  if (kind != RecordKind::DriverKsRequest || !writer->IsFlightRecorder()) return;
+  if (kind != RecordKind::DriverKsRequest || !flightRecorder) return;
   constexpr HRESULT kNotReady = HRESULT_FROM_WIN32(ERROR_NOT_READY);
   if (result == kNotReady || notReadyThreads.load(std::memory_order_relaxed) != 0) CountNotReady(result == kNotReady);
   // Asking whether the driver supports a set or a property is answered, not failed, by "not found".

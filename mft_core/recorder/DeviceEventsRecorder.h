@@ -106,6 +106,9 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   void CountNotReady(bool notReady);
 
   const bool pixelData;
+  // The writer's own flag lies beside its lock, which every record takes and releases: read here,
+  // records on other threads would miss it in their caches each time.
+  const bool flightRecorder;
   const std::string name;  // the transform's, for the account traced at close
   std::atomic<bool> closed{false};
   // A record is made in a slot of the recorder's, claimed without a lock: a recording thread mostly
