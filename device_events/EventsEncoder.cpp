@@ -53,28 +53,6 @@ void RecordEncoder::End() {
 
 void RecordEncoder::SetResult(uint32_t result) { std::memcpy(out.data() + recordStart + 4 + 2 + 8 + 4, &result, 4); }
 
-void RecordEncoder::Tag(ValueTag tag) {
-  if (depth == 0) ++valueCount;
-  out.push_back(static_cast<uint8_t>(tag));
-}
-
-void RecordEncoder::Null() { Tag(ValueTag::Null); }
-
-void RecordEncoder::U32(uint32_t value) {
-  Tag(ValueTag::U32);
-  RawScalar(value);
-}
-
-void RecordEncoder::U64(uint64_t value) {
-  Tag(ValueTag::U64);
-  RawScalar(value);
-}
-
-void RecordEncoder::I64(int64_t value) {
-  Tag(ValueTag::I64);
-  RawScalar(value);
-}
-
 void RecordEncoder::GuidValue(const Guid &value) {
   Tag(ValueTag::Guid);
   Raw(&value, sizeof(value));

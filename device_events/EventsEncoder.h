@@ -50,10 +50,19 @@ class RecordEncoder {
   // The result is often known only once the record's values are written.
   void SetResult(uint32_t result);
 
-  void Null();
-  void U32(uint32_t value);
-  void U64(uint64_t value);
-  void I64(int64_t value);
+  void Null() { Tag(ValueTag::Null); }
+  void U32(uint32_t value) {
+    Tag(ValueTag::U32);
+    RawScalar(value);
+  }
+  void U64(uint64_t value) {
+    Tag(ValueTag::U64);
+    RawScalar(value);
+  }
+  void I64(int64_t value) {
+    Tag(ValueTag::I64);
+    RawScalar(value);
+  }
   void GuidValue(const Guid &value);
   void String(const char *text, size_t length);
   void String(const std::string &text) { String(text.data(), text.size()); }
@@ -63,15 +72,21 @@ class RecordEncoder {
   size_t BeginBlob(ValueTag tag);
   void EndBlob(size_t position);
   void Raw(const void *data, size_t length);
+  // Byte by byte: with room in the buffer each byte is a store, where a range insertion is a call.
   template <typename T>
   void RawScalar(T value) {
-    Raw(&value, sizeof(value));
+    uint8_t bytes[sizeof(T)];
+    std::memcpy(bytes, &value, sizeof(T));
+    for (uint8_t byte : bytes) out.push_back(byte);
   }
   // Where raw bytes of a blob go (for writers that append directly).
   std::vector<uint8_t> &Buffer() { return out; }
 
  private:
-  void Tag(ValueTag tag);
+  void Tag(ValueTag tag) {
+    if (depth == 0) ++valueCount;
+    out.push_back(static_cast<uint8_t>(tag));
+  }
   void PutU32(uint32_t value) { RawScalar(value); }
 
   std::vector<uint8_t> &out;
