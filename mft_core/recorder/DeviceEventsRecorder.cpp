@@ -154,6 +154,12 @@ uint64_t FileTimeNow() {
   return (static_cast<uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
 }
 
+int64_t CounterFrequency() {
+  LARGE_INTEGER frequency;
+  QueryPerformanceFrequency(&frequency);
+  return frequency.QuadPart;
+}
+
 // The folder of `path`, created when missing.
 void CreateParentFolder(const std::wstring &path) {
   const size_t slash = path.find_last_of(L"\\/");
@@ -186,8 +192,10 @@ class DeviceEventsRecorder::RecordScope {
     if (timed) {
       LARGE_INTEGER end;
       QueryPerformanceCounter(&end);
-      slot->ticks.fetch_add(static_cast<uint64_t>(end.QuadPart - start.QuadPart), std::memory_order_relaxed);
+      const uint64_t ticks = static_cast<uint64_t>(end.QuadPart - start.QuadPart);
+      slot->ticks.fetch_add(ticks, std::memory_order_relaxed);
       slot->calls.fetch_add(1, std::memory_order_relaxed);
+      if (ticks > recorder.longRecordTicks) slot->longTicks.fetch_add(ticks, std::memory_order_relaxed);
     }
     // A record of pixels leaves a large buffer: not kept.
     if (slot->bytes.capacity() > kLargestKept) std::vector<uint8_t>().swap(slot->bytes);
@@ -328,7 +336,7 @@ HRESULT DeviceEventsRecorder::Create(const DeviceEventsRecorderSettings &setting
 
 DeviceEventsRecorder::DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path,
                                            std::string name)
-    : pixelData(settings.pixelData), flightRecorder(settings.writer.ringBytes != 0),
+    : longRecordTicks(static_cast<uint64_t>(CounterFrequency() / 1000)), pixelData(settings.pixelData), flightRecorder(settings.writer.ringBytes != 0),
       name(std::move(name)), path(std::move(path)) {
   applicationObserver = std::make_shared<KsRequestsRecorder>(this, RecordKind::ApplicationKsRequest);
   driverObserver = std::make_shared<KsRequestsRecorder>(this, RecordKind::DriverKsRequest);
@@ -340,18 +348,23 @@ void DeviceEventsRecorder::Close() {
   if (!writer || closed.exchange(true)) return;
   writer->Close();
   // What the recording cost the threads that made the records, for an engineer weighing it.
-  LARGE_INTEGER frequency;
-  QueryPerformanceFrequency(&frequency);
-  uint64_t calls = 0, ticks = 0;
+  uint64_t calls = 0, ticks = 0, longTicks = 0;
   for (const EncodeSlot &slot : slots) {
     calls += slot.calls.load(std::memory_order_relaxed);
     ticks += slot.ticks.load(std::memory_order_relaxed);
+    longTicks += slot.longTicks.load(std::memory_order_relaxed);
   }
-  const double microseconds = static_cast<double>(ticks) * 1e6 / static_cast<double>(frequency.QuadPart);
+  auto microseconds = [&](uint64_t count) {
+    return static_cast<double>(count) * 1e6 / static_cast<double>(CounterFrequency());
+  };
+  // Wall time: a record call that took more than a millisecond was preempted or waited for a lock
+  // (a record of pixels aside), so that part is told apart.
   WQ_TRACE(Info, (flightRecorder ? "flight recorder of " : "device events recording of ")
                      << name << ": " << calls << " records, "
-                     << (calls == 0 ? 0.0 : microseconds / static_cast<double>(calls))
-                     << " us each on the recording threads, " << static_cast<uint64_t>(microseconds) << " us in all");
+                     << (calls == 0 ? 0.0 : microseconds(ticks) / static_cast<double>(calls))
+                     << " us each on the recording threads, " << static_cast<uint64_t>(microseconds(ticks))
+                     << " us in all, " << static_cast<uint64_t>(microseconds(longTicks))
+                     << " us of it in calls longer than 1 ms");
 }
 
 bool DeviceEventsRecorder::IsRecording() const { return writer && writer->IsOpen(); }

@@ -105,6 +105,7 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
   // the not-ready answers in a row, per requesting thread.
   void CountNotReady(bool notReady);
 
+  const uint64_t longRecordTicks;  // a millisecond
   const bool pixelData;
   // The writer's own flag lies beside its lock, which every record takes and releases: read here,
   // records on other threads would miss it in their caches each time.
@@ -121,6 +122,7 @@ class DeviceEventsRecorder : public IDeviceEventsRecorder, public std::enable_sh
     std::atomic<bool> busy{false};
     std::atomic<uint64_t> ticks{0};
     std::atomic<uint64_t> calls{0};
+    std::atomic<uint64_t> longTicks{0};  // of calls longer than a millisecond
     std::vector<uint8_t> bytes;
   };
   static constexpr size_t kEncodeSlots = 16;
