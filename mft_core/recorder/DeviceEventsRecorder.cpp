@@ -185,7 +185,7 @@ class DeviceEventsRecorder::RecordScope {
       }
     }
     // Recording everything hands the record's buffer to the writer.
-    if (slot == nullptr || !recorder.flightRecorder) taken = recorder.writer->TakeBuffer();
+    if (!recorder.flightRecorder) taken = recorder.writer->TakeBuffer();
   }
   ~RecordScope() {
     if (slot == nullptr) return;
@@ -336,8 +336,11 @@ HRESULT DeviceEventsRecorder::Create(const DeviceEventsRecorderSettings &setting
 
 DeviceEventsRecorder::DeviceEventsRecorder(const DeviceEventsRecorderSettings &settings, std::wstring path,
                                            std::string name)
-    : longRecordTicks(static_cast<uint64_t>(CounterFrequency() / 1000)), pixelData(settings.pixelData), flightRecorder(settings.writer.ringBytes != 0),
-      name(std::move(name)), path(std::move(path)) {
+    : longRecordTicks(static_cast<uint64_t>(CounterFrequency() / 1000)),
+      pixelData(settings.pixelData),
+      flightRecorder(settings.writer.ringBytes != 0),
+      name(std::move(name)),
+      path(std::move(path)) {
   applicationObserver = std::make_shared<KsRequestsRecorder>(this, RecordKind::ApplicationKsRequest);
   driverObserver = std::make_shared<KsRequestsRecorder>(this, RecordKind::DriverKsRequest);
 }

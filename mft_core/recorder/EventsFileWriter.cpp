@@ -130,15 +130,11 @@ void EventsFileWriter::KeepLocked(const uint8_t *record, size_t size, bool keepA
   }
 }
 
-void EventsFileWriter::Push(std::vector<uint8_t> &&record, bool keepAside) {
+void EventsFileWriter::Push(std::vector<uint8_t> &&record) {
   user_space_frameworks::AutoLock lock(section);
   if (stopping || !open.load(std::memory_order_relaxed)) return;
   if (IsFlightRecorder()) {
-    KeepLocked(record.data(), record.size(), keepAside);
-    if (spareBuffers.size() < 2 * WakeRecords() && record.capacity() <= kLargestSpare) {
-      record.clear();
-      spareBuffers.push_back(std::move(record));
-    }
+    KeepLocked(record.data(), record.size(), false);
     return;
   }
   // The drop record goes where the records went missing, ahead of the next one that fits.

@@ -59,13 +59,13 @@ class EventsFileWriter {
   EventsFileWriter(const EventsFileWriter &) = delete;
   EventsFileWriter &operator=(const EventsFileWriter &) = delete;
 
-  // A buffer to encode one record into (empty, with room from earlier records), and the record
-  // handed to the queue; neither blocks on the disk. A flight recorder also keeps a record marked
-  // `setUp` aside from its ring (the transform's set-up and control calls), for every file it writes:
-  // a replay sets the transform up from them before it plays the ring.
+  // Recording everything: a buffer to encode one record into (empty, with room from earlier
+  // records), and the record handed to the queue; neither blocks on the disk.
   std::vector<uint8_t> TakeBuffer();
-  void Push(std::vector<uint8_t> &&record, bool setUp = false);
-  // Flight recorder: copies a record into the ring (and aside, when `setUp`); the caller keeps its buffer.
+  void Push(std::vector<uint8_t> &&record);
+  // Flight recorder: copies a record into the ring; the caller keeps its buffer. A record marked
+  // `setUp` is also kept aside from the ring (the transform's set-up and control calls), for every
+  // file it writes: a replay sets the transform up from them before it plays the ring.
   void Keep(const uint8_t *record, size_t size, bool setUp);
   // Writes what is queued, the drop count if any and the closing record, and closes the file.
   void Close();
