@@ -16,10 +16,8 @@ void FpsMonitor::Reset(double fps) {
   if (!(fps > 0)) throw std::invalid_argument("FPS must be > 0");
   nominalFps = fps;
   currentFps = fps;
-  // A change worth a camera engineer's attention: a twentieth of the nominal rate, and never below half
-  // a frame per second, so that the jitter of a healthy stream stays quiet and a real change is reported
-  // and followed within one step.
-  threshold = std::max(kMinimumThreshold, fps * kThresholdFraction);
+  thresholdFraction = kThresholdFraction;
+  FollowReportedRate();
   isFirstSample = true;
   lastTimestamp = 0;
   nextReportTime = 0;
@@ -30,6 +28,11 @@ double FpsMonitor::GetMeasuredFps() const {
   WQ_SCOPE();
   const uint64_t average = intervals.Average();
   return average == 0 ? 0.0 : 1000000.0 / static_cast<double>(average);
+}
+
+// A real change is reported at once and followed in steps of a tenth of the rate reported so far.
+void FpsMonitor::FollowReportedRate() {
+  if (thresholdFraction > 0) threshold = std::max(kMinimumThreshold, currentFps * thresholdFraction);
 }
 
 void FpsMonitor::Notify() {
@@ -57,6 +60,7 @@ void FpsMonitor::OnSample(uint64_t timeUs) {
     nextReportTime += reportPeriod;
     Notify();
     currentFps += measured > currentFps ? threshold : -threshold;
+    FollowReportedRate();
     return;
   }
   if (reportPeriod != 0 && nowMs >= nextReportTime) {

@@ -262,7 +262,7 @@ TEST(FpsMonitorTest, ReportsPeriodicallyAtASteadyRateAndFollowsARealChange) {
   monitor.SetCallback(std::make_shared<Callback<FpsProbe, const FpsMonitor &>>(&probe, &FpsProbe::OnFps));
   monitor.Reset(30);
   EXPECT_GT(monitor.GetThreshold(), 0.0);
-  EXPECT_LT(monitor.GetThreshold(), 3.0);
+  EXPECT_LE(monitor.GetThreshold(), 3.0);
   // 65 s at 30 fps with a little jitter: the two periodic reports and nothing else.
   uint64_t t = 5000000;
   for (int i = 0; i < 65 * 30; ++i) {
@@ -284,6 +284,27 @@ TEST(FpsMonitorTest, ReportsPeriodicallyAtASteadyRateAndFollowsARealChange) {
   monitor.OnSample(t - 1000000 + 66667);
   EXPECT_EQ(0, probe.calls);
   EXPECT_NEAR(15.0, monitor.GetMeasuredFps(), 0.5);
+}
+
+// A transform's three streams pulled together at each frame: the calls come in bursts, and the average
+// of 32 intervals holds ten or eleven whole frame periods by turns. Once the reported rate has walked up
+// from the nominal one, that swing is no change.
+TEST(FpsMonitorTest, AStreamPulledInBurstsIsQuietOnceFollowed) {
+  FpsProbe probe;
+  FpsMonitor monitor("process output", 0, 1);
+  monitor.SetCallback(std::make_shared<Callback<FpsProbe, const FpsMonitor &>>(&probe, &FpsProbe::OnFps));
+  monitor.Reset(90);
+  uint64_t frame = 1000000;
+  auto pullForOneSecond = [&] {
+    for (int i = 0; i < 90; ++i, frame += 11111 + (i % 2 ? 300 : -300))
+      for (uint64_t call = 0; call < 3; ++call) monitor.OnSample(frame + call * 20);
+  };
+  pullForOneSecond();
+  EXPECT_GE(probe.calls, 1);
+  EXPECT_NEAR(270.0, monitor.GetCurrentFps(), monitor.GetThreshold());
+  probe.calls = 0;
+  for (int second = 0; second < 10; ++second) pullForOneSecond();
+  EXPECT_EQ(0, probe.calls);
 }
 
 TEST(FpsMonitorTest, PeriodicReportEveryPeriod) {
