@@ -36,4 +36,4 @@ endforeach()
 set(CMAKE_C_STANDARD_LIBRARIES "-lpthread")
 set(CMAKE_CXX_STANDARD_LIBRARIES "-lpthread")
 
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/wine-test.sh)
