@@ -3,8 +3,11 @@
 // else the one this build made, WQ_MODULE_FILE (defined by the test target).
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include "tools/DllTransformFactory.h"
 
 namespace test_module {
 
@@ -16,6 +19,21 @@ inline std::wstring BuiltModulePath() {
     if (c == '/') c = '\\';
   }
   return std::wstring(path.begin(), path.end());
+}
+
+// The built DLL, loaded once and kept for the whole program as the frame server's process keeps it
+// (never unloaded: transforms' late work items may still run inside it at process exit). A DLL that
+// cannot be loaded ends the program.
+inline tools::DllTransformFactory &KeptModule() {
+  static tools::DllTransformFactory *const module = [] {
+    auto *factory = new tools::DllTransformFactory(BuiltModulePath());
+    if (!factory->Load()) {
+      std::fprintf(stderr, "%s\n", factory->Error().c_str());
+      std::abort();
+    }
+    return factory;
+  }();
+  return *module;
 }
 
 }  // namespace test_module

@@ -1,5 +1,7 @@
 #include "FakeKsControl.h"
 
+#include <algorithm>
+
 namespace test_support {
 
 using mft_core::KsControlType;
@@ -19,27 +21,9 @@ std::vector<FakeKsControl::Request> FakeKsControl::Requests() const {
   return requests;
 }
 
-size_t FakeKsControl::Count(KsControlType type) const {
+size_t FakeKsControl::CountIf(const std::function<bool(const Request &)> &predicate) const {
   std::lock_guard<std::mutex> lock(mutex);
-  size_t count = 0;
-  for (const auto &request : requests) count += request.type == type ? 1 : 0;
-  return count;
-}
-
-size_t FakeKsControl::DisableCount() const {
-  std::lock_guard<std::mutex> lock(mutex);
-  size_t count = 0;
-  for (const auto &request : requests) count += (request.type == KsControlType::Event && !request.hasIdentifier) ? 1 : 0;
-  return count;
-}
-
-size_t FakeKsControl::EnableCount() const {
-  std::lock_guard<std::mutex> lock(mutex);
-  size_t count = 0;
-  for (const auto &request : requests) {
-    count += (request.type == KsControlType::Event && request.hasIdentifier && (request.flags & KSEVENT_TYPE_ENABLE)) ? 1 : 0;
-  }
-  return count;
+  return static_cast<size_t>(std::count_if(requests.begin(), requests.end(), predicate));
 }
 
 HRESULT FakeKsControl::Answer(KsControlType type, PKSIDENTIFIER identifier, ULONG identifierLength, LPVOID data,

@@ -35,10 +35,19 @@ class FakeKsControl : public user_space_frameworks::ComObject<IKsControl> {
   void SetResponder(Responder responder);
 
   std::vector<Request> Requests() const;
-  size_t Count(mft_core::KsControlType type) const;
+  size_t CountIf(const std::function<bool(const Request &)> &predicate) const;
+  size_t Count(mft_core::KsControlType type) const {
+    return CountIf([type](const Request &r) { return r.type == type; });
+  }
   // Event requests without an identifier: the disable form.
-  size_t DisableCount() const;
-  size_t EnableCount() const;
+  size_t DisableCount() const {
+    return CountIf([](const Request &r) { return r.type == mft_core::KsControlType::Event && !r.hasIdentifier; });
+  }
+  size_t EnableCount() const {
+    return CountIf([](const Request &r) {
+      return r.type == mft_core::KsControlType::Event && r.hasIdentifier && (r.flags & KSEVENT_TYPE_ENABLE);
+    });
+  }
 
   STDMETHODIMP KsProperty(PKSPROPERTY Property, ULONG PropertyLength, LPVOID PropertyData, ULONG DataLength,
                           ULONG *BytesReturned) override;

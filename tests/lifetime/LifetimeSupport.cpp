@@ -11,19 +11,6 @@ using Microsoft::WRL::ComPtr;
 
 namespace lifetime {
 
-tools::DllTransformFactory &Module() {
-  static tools::DllTransformFactory *const module = [] {
-    // Never unloaded: transforms' late work items may still run inside it at process exit.
-    auto *factory = new tools::DllTransformFactory(test_module::BuiltModulePath());
-    if (!factory->Load()) {
-      std::fprintf(stderr, "%s\n", factory->Error().c_str());
-      std::abort();
-    }
-    return factory;
-  }();
-  return *module;
-}
-
 const std::vector<Subject> &Subjects() {
   static const std::vector<Subject> subjects = {
       {"depth", sim::DepthCamera, 424, 240, sim::CameraKind::Depth},
@@ -36,7 +23,7 @@ std::string SubjectName(const Subject &subject) { return subject.name; }
 
 ComPtr<IMFDeviceTransform> CreateThroughDll(const Subject &subject) {
   ComPtr<IMFDeviceTransform> transform;
-  const HRESULT hr = Module().CreateTransform(subject.camera(), transform.GetAddressOf());
+  const HRESULT hr = test_module::KeptModule().CreateTransform(subject.camera(), transform.GetAddressOf());
   if (FAILED(hr)) transform.Reset();
   return transform;
 }

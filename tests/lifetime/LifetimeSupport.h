@@ -17,9 +17,6 @@
 
 namespace lifetime {
 
-// The DLL, loaded once for the whole program as the frame server's process would.
-tools::DllTransformFactory &Module();
-
 struct Subject {
   std::string name;  // "depth", "color", "fisheye": the camera and the class the DLL makes for it
   sim::CameraConfig (*camera)();

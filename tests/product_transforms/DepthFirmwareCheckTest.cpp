@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "ProductHarness.h"
-#include "SystemStateGuards.h"
+#include "common/SystemStateGuards.h"
 
 using Microsoft::WRL::ComPtr;
 

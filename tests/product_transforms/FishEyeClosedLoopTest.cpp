@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "ProductHarness.h"
-#include "SystemStateGuards.h"
+#include "common/SystemStateGuards.h"
 #include "product/transforms/WQ400FishEyeDeviceMft.h"
 
 using namespace test_support;

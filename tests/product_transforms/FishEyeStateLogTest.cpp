@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "ProductHarness.h"
-#include "SystemStateGuards.h"
+#include "common/SystemStateGuards.h"
 #include "product/controls/WQ400FishEyeExtendedExposureControl.h"
 #include "product/transforms/WQ400FishEyeDeviceMft.h"
 

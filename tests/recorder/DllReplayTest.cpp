@@ -10,6 +10,7 @@
 
 #include "RecordingSupport.h"
 #include "common/BuiltModule.h"
+#include "common/SystemStateGuards.h"
 #include "device_events/Timeline.h"
 #include "mft_core/recorder/MfValues.h"
 #include "product/controls/WQ400DepthExtendedExposureControl.h"
@@ -25,19 +26,9 @@ using namespace recorder_tests;
 
 namespace {
 
-tools::DllTransformFactory &Module() {
-  // Loaded once and kept for the whole program, as a host process keeps it.
-  static tools::DllTransformFactory *module = [] {
-    auto *loaded = new tools::DllTransformFactory(test_module::BuiltModulePath());
-    EXPECT_TRUE(loaded->Load()) << loaded->Error();
-    return loaded;
-  }();
-  return *module;
-}
-
 ComPtr<IMFDeviceTransform> CreateFromDll(const sim::CameraConfig &camera) {
   ComPtr<IMFDeviceTransform> device;
-  EXPECT_EQ(S_OK, Module().CreateTransform(camera, &device));
+  EXPECT_EQ(S_OK, test_module::KeptModule().CreateTransform(camera, &device));
   return device;
 }
 
@@ -61,7 +52,7 @@ sim::ReplayReport ReplayThroughDll(const std::vector<uint8_t> &bytes, const std:
     GUID clsid = GUID_NULL;
     if (!tools::DllTransformFactory::ClassOfTransform(header.transformName, clsid)) return CLASS_E_CLASSNOTAVAILABLE;
     EXPECT_TRUE(IsEqualGUID(clsid, mft_core::FromRecorded(header.transformClass)));
-    return Module().CreateClass(mft_core::FromRecorded(header.transformClass), transform);
+    return test_module::KeptModule().CreateClass(mft_core::FromRecorded(header.transformClass), transform);
   }, options);
 }
 
@@ -136,16 +127,11 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<ProductCase> &info) { return std::string(info.param.label); });
 
 // A DWORD tuning value of the depth exposure control for the test's lifetime.
-class DepthTuning {
- public:
-  DepthTuning(const wchar_t *name, DWORD value) : name(name) {
-    EXPECT_EQ(ERROR_SUCCESS, RegSetKeyValueW(HKEY_LOCAL_MACHINE, mft_core::WQ400DepthExtendedExposureControl::kRegistryKey,
-                                             name, REG_DWORD, &value, sizeof(value)));
+struct DepthTuning : test_support::RegistryValueGuard {
+  DepthTuning(const wchar_t *name, DWORD value)
+      : RegistryValueGuard(mft_core::WQ400DepthExtendedExposureControl::kRegistryKey, name) {
+    SetDword(value);
   }
-  ~DepthTuning() { RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, mft_core::WQ400DepthExtendedExposureControl::kRegistryKey, name); }
-
- private:
-  const wchar_t *name;
 };
 
 class DepthLockReplay : public ::testing::Test {

@@ -32,20 +32,9 @@ std::wstring TemporaryRecordingPath(const wchar_t *name) {
 }
 
 Recording ReadRecording(const std::wstring &path) {
-  Recording recording;
   std::vector<uint8_t> bytes;
-  HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
-                            nullptr);
-  if (file == INVALID_HANDLE_VALUE) {
-    recording.error = "cannot open the recording";
-    return recording;
-  }
-  LARGE_INTEGER size{};
-  GetFileSizeEx(file, &size);
-  bytes.resize(static_cast<size_t>(size.QuadPart));
-  DWORD read = 0;
-  if (!bytes.empty()) ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
-  CloseHandle(file);
+  Recording recording;
+  if (!device_events::ReadFileBytes(std::string(path.begin(), path.end()), bytes, recording.error)) return recording;
   return ParseRecording(bytes);
 }
 
@@ -106,14 +95,6 @@ namespace recorder_tests {
 
 using Microsoft::WRL::ComPtr;
 
-bool WaitFor(const std::function<bool()> &predicate) {
-  for (int i = 0; i < 500; ++i) {
-    if (predicate()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return predicate();
-}
-
 ComPtr<IMFDeviceTransform> CreatePassThrough() {
   const mft_core::DeviceExtensionUnits units{sim::kDepthXuSet, 1, 7};
   auto object = user_space_frameworks::MakeComObject<mft_core::PassThroughDeviceMft>("Recorded MFT", units);
@@ -134,12 +115,7 @@ void RunSession(ComPtr<IMFDeviceTransform> device, const SessionPlan &plan) {
     ASSERT_EQ(S_OK, host.FindOutputType(stream, plan.width, plan.height, plan.fps, type.GetAddressOf()));
     ASSERT_EQ(S_OK, host.StartStream(stream, type.Get()));
   }
-  auto framesOut = [&] {
-    for (const auto &stats : host.Stats()) {
-      if (stats.outputStreamId == plan.streams.front()) return stats.framesOut;
-    }
-    return uint64_t{0};
-  };
+  auto framesOut = [&] { return test_waiting::FramesOut(host, plan.streams.front()); };
   ASSERT_TRUE(WaitFor([&] { return framesOut() >= plan.framesBefore; }));
   if (plan.during) plan.during(host);
   const uint64_t target = framesOut() + plan.framesAfter;

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/Waiting.h"
 #include "device_events/EventsReader.h"
 #include "platform/WindowsSdk.h"
 #include "sim/FrameServerHost.h"
@@ -67,6 +68,6 @@ void RunShortSession(Microsoft::WRL::ComPtr<IMFDeviceTransform> device);
 // the recording is closed.
 std::vector<uint8_t> RecordSession(const wchar_t *name, const std::function<void()> &session, DWORD pixelData = 0);
 // Polls `predicate` for up to five seconds.
-bool WaitFor(const std::function<bool()> &predicate);
+inline bool WaitFor(const std::function<bool()> &predicate) { return test_waiting::WaitFor(predicate, 5000); }
 
 }  // namespace recorder_tests

@@ -28,18 +28,7 @@ sim::CameraConfig Camera(const std::string &name) {
 }
 
 HRESULT CreateThroughDll(const sim::CameraConfig &camera, ComPtr<IMFDeviceTransform> &device) {
-  // Loaded once and kept for the whole program, as the frame server's process keeps it.
-  static tools::DllTransformFactory *module = [] {
-    auto *factory = new tools::DllTransformFactory(test_module::BuiltModulePath());
-    if (!factory->Load()) {
-      std::fprintf(stderr, "%s\n", factory->Error().c_str());
-      delete factory;
-      return static_cast<tools::DllTransformFactory *>(nullptr);
-    }
-    return factory;
-  }();
-  if (module == nullptr) return E_UNEXPECTED;
-  return module->CreateTransform(camera, device.ReleaseAndGetAddressOf());
+  return test_module::KeptModule().CreateTransform(camera, device.ReleaseAndGetAddressOf());
 }
 
 TransformOnCamera::TransformOnCamera(const std::string &cameraName) : camera(Camera(cameraName)) {

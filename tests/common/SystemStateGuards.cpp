@@ -1,4 +1,4 @@
-#include "SystemStateGuards.h"
+#include "common/SystemStateGuards.h"
 
 #include <gtest/gtest.h>
 
