@@ -143,18 +143,6 @@ TEST_F(KsControlsDispatcherTest, UnclaimedRequestsWithoutDefaultAreSetNotFoundAn
   }
 }
 
-TEST_F(KsControlsDispatcherTest, PlainHandlersBlockTheirControl) {
-  ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(std::make_shared<KsPropHandler>(kSetS, 4, "blocked", nullptr)));
-  ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyDefaultHandler(std::make_shared<PassthroughKsPropsHandler>(driver.Get())));
-  KSPROPERTY property = Property(kSetS, 4, KSPROPERTY_TYPE_SET);
-  ULONG value = 0x5a5a5a5a;
-  ULONG bytes = 77;
-  EXPECT_EQ(kSetNotFound, ksControl->KsProperty(&property, sizeof(property), &value, sizeof(value), &bytes));
-  EXPECT_EQ(0x5a5a5a5au, value);
-  EXPECT_EQ(77u, bytes);
-  EXPECT_TRUE(driver->Requests().empty());
-}
-
 // Which code each kind of exception becomes is the guard's own concern; here: requests run guarded.
 TEST_F(KsControlsDispatcherTest, AnExceptionFromAHandlerBecomesACode) {
   ASSERT_EQ(S_OK, dispatcher->RegisterKsPropertyHandler(std::make_shared<ThrowingHandler>([] { throw std::bad_alloc(); })));

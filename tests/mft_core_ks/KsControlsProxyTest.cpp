@@ -71,19 +71,6 @@ const RetryCase kRetryCases[] = {
 INSTANTIATE_TEST_SUITE_P(Cases, ProxyRetryTest, ::testing::ValuesIn(kRetryCases),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST_F(KsControlsProxyTest, ForwardsArgumentsUnchanged) {
-  KSPROPERTY property{};
-  property.Id = 11;
-  BYTE data[12];
-  ULONG bytes = 0;
-  ASSERT_EQ(S_OK, proxy->KsProperty(&property, sizeof(property), data, sizeof(data), &bytes));
-  const auto request = driver->Requests().at(0);
-  EXPECT_EQ(&property, request.identifier);
-  EXPECT_EQ(data, request.data);
-  EXPECT_EQ(sizeof(data), request.dataLength);
-  EXPECT_EQ(&bytes, request.bytesReturned);
-}
-
 // A driver describing a stepped range (delta, reserved, min, max) and a default, as VT_I4 values.
 struct ProcAmpDriver {
   ULONG descriptionSize = 40 + 16 + 16;

@@ -159,17 +159,6 @@ TEST_F(KsEventListenerTest, StartsAndStopsAreCountedAndAFailingEnableStillStops)
   EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
 }
 
-TEST(KsEventListenerInitTest, StartBeforeInitIsRefused) {
-  auto sink = std::make_shared<user_space_frameworks::CapturingTraceSink>();
-  user_space_frameworks::trace::ScopedSink scoped(sink, user_space_frameworks::TraceLevel::Error);
-  auto listener = KsEventListener::Create("auto update", KSEVENTSETID_VIDCAPTOSTI, KSEVENT_VIDCAP_AUTO_UPDATE);
-  EXPECT_EQ(E_OUTOFMEMORY, listener->Start());
-  EXPECT_TRUE(sink->Contains("stopCompletedEvent is nullptr"));
-  EXPECT_EQ(KsEventListener::Stopped, listener->GetState());
-  listener->Uninit();
-  EXPECT_EQ(E_OUTOFMEMORY, listener->Start());
-}
-
 TEST_F(KsEventListenerTest, ObserversAreCalledOutsideTheLockAndIsolated) {
   auto throwing = std::make_shared<ThrowingObserver>();
   auto oneTime = std::make_shared<OneTimeObserver>(listener.get());

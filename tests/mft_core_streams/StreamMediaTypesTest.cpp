@@ -19,32 +19,6 @@ std::shared_ptr<OutputStream> MakeStream(std::vector<ComPtr<IMFMediaType>> types
   return stream;
 }
 
-UINT32 Width(IMFMediaType *type) {
-  UINT32 width = 0, height = 0;
-  MFGetAttributeSize(type, MF_MT_FRAME_SIZE, &width, &height);
-  return width;
-}
-
-TEST(StreamMediaTypesTest, IndexAndCurrentTypeCodes) {
-  auto empty = MakeStream({});
-  ComPtr<IMFMediaType> type;
-  EXPECT_EQ(E_NOTIMPL, empty->GetMediaTypeAt(0, type.GetAddressOf()));
-  EXPECT_EQ(E_POINTER, empty->GetMediaTypeAt(0, nullptr));
-
-  auto stream = MakeStream({MakeVideoType(MFVideoFormat_YUY2, 640, 480, 30), MakeVideoType(MFVideoFormat_YUY2, 320, 240, 30)});
-  ASSERT_EQ(S_OK, stream->GetMediaTypeAt(1, type.GetAddressOf()));
-  EXPECT_EQ(320u, Width(type.Get()));
-  EXPECT_EQ(MF_E_NO_MORE_TYPES, stream->GetMediaTypeAt(2, type.ReleaseAndGetAddressOf()));
-
-  EXPECT_EQ(MF_E_TRANSFORM_TYPE_NOT_SET, stream->GetCurrentMediaType(type.ReleaseAndGetAddressOf()));
-  auto current = MakeVideoType(MFVideoFormat_NV12, 1, 1, 1);
-  ASSERT_EQ(S_OK, stream->SetCurrentMediaType(current.Get()));
-  ASSERT_EQ(S_OK, stream->GetCurrentMediaType(type.ReleaseAndGetAddressOf()));
-  EXPECT_EQ(current.Get(), type.Get());
-  ASSERT_EQ(S_OK, stream->SetCurrentMediaType(nullptr));
-  EXPECT_EQ(MF_E_TRANSFORM_TYPE_NOT_SET, stream->GetCurrentMediaType(type.ReleaseAndGetAddressOf()));
-}
-
 struct SupportCase {
   const char *name;
   GUID subtype;

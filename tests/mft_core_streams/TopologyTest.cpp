@@ -5,8 +5,6 @@
 #include "common/MediaTypes.h"
 #include "mft_core/streams/Topology.h"
 #include "mft_core_streams/StreamTestSupport.h"
-#include "user_space_frameworks/ExceptionGuard.h"
-#include "user_space_frameworks/Trace.h"
 
 namespace {
 
@@ -74,17 +72,6 @@ const PropagateCase kPropagateCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Orders, PropagateTest, ::testing::ValuesIn(kPropagateCases),
                          [](const auto &info) { return std::string(info.param.name); });
-
-TEST(PropagateGuardTest, UnknownOrderIsAStandardExceptionThroughTheGuard) {
-  auto sink = std::make_shared<user_space_frameworks::CapturingTraceSink>();
-  user_space_frameworks::trace::ScopedSink scoped(sink, user_space_frameworks::TraceLevel::Error);
-  Graph graph;
-  const HRESULT hr = WQ_GUARDED([&]() -> HRESULT {
-    return graph.a->Propagate(static_cast<PropagateOrder>(2), [](ITopologyNode *) { return S_OK; });
-  });
-  EXPECT_EQ(E_FAIL, hr);
-  EXPECT_TRUE(sink->Contains("unsupported order"));
-}
 
 class SeenBy : public mft_core::SampleObserver {
  public:

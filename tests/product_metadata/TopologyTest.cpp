@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <memory>
-#include <stdexcept>
 #include <vector>
 
 #include "common/CaptureMetadataSamples.h"
@@ -129,11 +128,6 @@ TEST(WQ400TimestampAdjustTopologyNode, WritesAnActivityStartAndStopToTheListenin
   EXPECT_EQ(platformEvents[2].activity, platformEvents[3].activity);
   EXPECT_NE(platformEvents[0].activity, platformEvents[2].activity) << "each sample gets its own activity";
   EXPECT_NE(GUID_NULL, platformEvents[0].activity);
-}
-
-TEST(WQ400TimestampAdjustTopologyNode, WithoutANextNodeIsAProgrammingError) {
-  WQ400TimestampAdjustTopologyNode node({});
-  EXPECT_THROW(node.ProcessSample(test_samples::MakeSample().Get()), std::out_of_range);
 }
 
 struct TopologyCase {
