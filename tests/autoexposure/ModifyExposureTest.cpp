@@ -77,17 +77,6 @@ INSTANTIATE_TEST_SUITE_P(
         AntiFlickerCase{7.0f, 140.0f, 14.0f, 10.0f},    // 14 and 20 exact: 14 wins
         AntiFlickerCase{25.0f, 100.0f, 25.0f, 4.0f})); // period above maxExposure
 
-TEST(AntiFlickerSplitTest, OnlyWholePeriodsWithinLimitsAreChosen) {
-    AutoExposureAntiFlicker engine(10.0f);
-    for (float total = 0.5f; total < 400.0f; total *= 1.03f) {
-        float e = 0.0f, g = 0.0f;
-        engine.IncreaseExposureGain(total, e, g);
-        EXPECT_TRUE(e == 10.0f || e == 20.0f) << "total " << total << " exposure " << e;
-        EXPECT_GE(g, 2.0f);
-        EXPECT_LE(g, 15.0f);
-    }
-}
-
 TEST(ModifyExposureTest, TwiceTheTotalIsReachedInStepsOfFivePercent) {
     // 1.05^14 = 1.98: fourteen full steps, each 5 % up to the rounding to lines.
     for (float factor : {2.0f, 0.5f}) {

@@ -2,10 +2,6 @@
 // camera; and its writer under a full queue and a full file.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <map>
-#include <thread>
-
 #include "RecordingSupport.h"
 #include "device_events/AttributeStore.h"
 #include "device_events/Timeline.h"
@@ -34,7 +30,9 @@ TEST(DeviceEventsRecorder, IsOffUnlessTheRegistrySwitchesItOn) {
   }
 }
 
-TEST(DeviceEventsRecorder, RecordsCallsRequestsDriverEventsAndMediaEventsOfASession) {
+// The calls, media events, driver requests and driver events of this session are matched one by one
+// by its replay (ReplayTest); here, what the replay does not look at.
+TEST(DeviceEventsRecorder, RecordsTheFilterTheSamplesMetadataAndTheApplicationsRequestOfASession) {
   const std::wstring path = TemporaryRecordingPath(L"session");
   {
     RecordingSwitch on(path);
@@ -59,27 +57,6 @@ TEST(DeviceEventsRecorder, RecordsCallsRequestsDriverEventsAndMediaEventsOfASess
   ASSERT_EQ(1u, filters.size());
   EXPECT_EQ(sim::DepthCamera().streams.size(), filters[0]->values[1].number);
 
-  // Every call returns on the thread it entered, with a result.
-  std::map<uint32_t, std::vector<std::string>> open;
-  for (const Record &record : recording.records) {
-    if (record.Kind() == RecordKind::CallEntry) open[record.threadId].push_back(device_events::CallName(record));
-    if (record.Kind() == RecordKind::CallExit) {
-      ASSERT_FALSE(open[record.threadId].empty()) << device_events::CallName(record);
-      EXPECT_EQ(open[record.threadId].back(), device_events::CallName(record));
-      open[record.threadId].pop_back();
-    }
-  }
-  for (const auto &thread : open) EXPECT_TRUE(thread.second.empty()) << thread.second.front();
-
-  const auto initialize = Calls(recording, RecordKind::CallExit, "InitializeTransform");
-  ASSERT_EQ(1u, initialize.size());
-  EXPECT_EQ(0u, initialize[0]->result);
-
-  const auto start = Calls(recording, RecordKind::CallEntry, "SetOutputStreamState");
-  ASSERT_FALSE(start.empty());
-  EXPECT_EQ(ValueTag::MediaType, start[0]->values[2].tag);
-  EXPECT_EQ(2u, start[0]->values[3].number);  // running
-
   // Input samples keep their time and the camera's raw metadata, not their pixels.
   const auto inputs = Calls(recording, RecordKind::CallEntry, "ProcessInput");
   ASSERT_GE(inputs.size(), 5u);
@@ -91,41 +68,6 @@ TEST(DeviceEventsRecorder, RecordsCallsRequestsDriverEventsAndMediaEventsOfASess
   EXPECT_GT(sample.rawMetadata.bytes.size(), 16u);
   EXPECT_TRUE(sample.pixels.IsNull());
 
-  // Delivered samples appear with the stream that delivered them.
-  size_t delivered = 0;
-  for (const Record *output : Calls(recording, RecordKind::CallExit, "ProcessOutput")) {
-    if (output->result != 0) continue;
-    ASSERT_GE(output->values.size(), 4u);
-    EXPECT_EQ(0u, output->values[1].number);
-    if (output->values[3].tag == ValueTag::Sample) ++delivered;
-  }
-  EXPECT_GE(delivered, 5u);
-
-  // Media events: the input-stream state request and one have-output per queued sample.
-  size_t haveOutput = 0, stateChanges = 0;
-  for (const Record *event : OfKind(recording, RecordKind::MediaEvent)) {
-    if (event->values[0].number == METransformHaveOutput) ++haveOutput;
-    if (event->values[0].number == METransformInputStreamStateChanged) {
-      ++stateChanges;
-      EXPECT_EQ(ValueTag::U32, event->values[3].tag);  // the input stream
-    }
-  }
-  EXPECT_GE(haveOutput, 5u);
-  EXPECT_GE(stateChanges, 1u);
-
-  // The listener's subscription went to the driver; the driver's event came back through it.
-  bool enabled = false;
-  for (const Record *request : OfKind(recording, RecordKind::DriverKsRequest)) {
-    if (request->values[0].number != 0 || request->values[1].bytes.size() < 24) continue;
-    GUID set;
-    std::memcpy(&set, request->values[1].bytes.data(), sizeof(set));
-    if (set == sim::kAutoUpdateEventSet) enabled = true;
-  }
-  EXPECT_TRUE(enabled);
-  const auto driverEvents = OfKind(recording, RecordKind::DriverEvent);
-  ASSERT_EQ(1u, driverEvents.size());
-  EXPECT_EQ(sim::kAutoUpdateEventId, driverEvents[0]->values[1].number);
-
   // The application's request, with its identifier, buffer and answer.
   const auto application = OfKind(recording, RecordKind::ApplicationKsRequest);
   ASSERT_EQ(1u, application.size());
@@ -135,8 +77,9 @@ TEST(DeviceEventsRecorder, RecordsCallsRequestsDriverEventsAndMediaEventsOfASess
 }
 
 TEST(DeviceEventsRecorder, RecordingChangesNoResultOfTheTransform) {
-  // The same calls against a transform with and without recording; results and handed-out types match.
-  auto run = [](std::vector<HRESULT> &results, std::vector<std::string> &types) {
+  // The same calls against a transform with and without recording, failing ones above all (the types
+  // handed out in a session are matched by its replay): the results match.
+  auto run = [](std::vector<HRESULT> &results) {
     auto filter = sim::SimulatedCameraFilter::Create(sim::DepthCamera());
     ComPtr<IMFDeviceTransform> device = CreatePassThrough();
     ComPtr<IMFAttributes> filterAttributes;
@@ -147,19 +90,9 @@ TEST(DeviceEventsRecorder, RecordingChangesNoResultOfTheTransform) {
     std::vector<DWORD> ids(outputs);
     results.push_back(device->GetStreamIDs(0, nullptr, outputs, ids.data()));
     results.push_back(device->GetStreamIDs(0, ids.data(), 0, nullptr));
-    for (DWORD id : ids) {
-      for (DWORD index = 0;; ++index) {
-        ComPtr<IMFMediaType> type;
-        const HRESULT hr = device->GetOutputAvailableType(id, index, &type);
-        results.push_back(hr);
-        if (FAILED(hr)) break;
-        UINT32 size = 0;
-        MFGetAttributesAsBlobSize(type.Get(), &size);
-        std::string blob(size, '\0');
-        MFGetAttributesAsBlob(type.Get(), reinterpret_cast<UINT8 *>(&blob[0]), size);
-        types.push_back(blob);
-      }
-    }
+    ComPtr<IMFMediaType> type;
+    results.push_back(device->GetOutputAvailableType(0, 0, &type));
+    results.push_back(device->GetOutputAvailableType(0, 999, &type));
     DeviceStreamState state = DeviceStreamState_Disabled;
     results.push_back(device->GetOutputStreamState(0, &state));
     results.push_back(device->GetOutputStreamState(0, nullptr));
@@ -186,15 +119,13 @@ TEST(DeviceEventsRecorder, RecordingChangesNoResultOfTheTransform) {
     results.push_back(device->GetStreamCount(&inputs, &outputs));
   };
   std::vector<HRESULT> plainResults, recordedResults;
-  std::vector<std::string> plainTypes, recordedTypes;
-  run(plainResults, plainTypes);
+  run(plainResults);
   const std::wstring path = TemporaryRecordingPath(L"unchanged");
   {
     RecordingSwitch on(path);
-    run(recordedResults, recordedTypes);
+    run(recordedResults);
   }
   EXPECT_EQ(plainResults, recordedResults);
-  EXPECT_EQ(plainTypes, recordedTypes);
   // And the recording holds those results.
   const Recording recording = ReadRecording(path);
   DeleteFileW(path.c_str());
