@@ -1,10 +1,11 @@
-// The color transform over the simulated color camera: calibration on the output stream. (Its metadata on
-// the samples: the parsers' tests and the metadata fuzz through the DLL.)
+// The color transform over the simulated color camera: calibration on the output stream, the color
+// metadata on every sample, and streaming through its node chain.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "ProductHarness.h"
+#include "product/metadata/WQ400MetadataRecords.h"
 #include "product/transforms/WQ400ColorDeviceMFT.h"
 #include "sim/CalibrationReplies.h"
 
@@ -67,6 +68,28 @@ TEST_F(ColorTransform, MissingOrMalformedCalibrationLeavesTheStreamWithoutItButW
   EXPECT_TRUE(StreamBlob(0, MFStreamExtension_CameraExtrinsics).empty());
   ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
   EXPECT_TRUE(WaitForFrames(5));
+}
+
+TEST_F(ColorTransform, StreamsWithTheColorMetadataOnEverySample) {
+  Connect<mft_core::WQ400ColorDeviceMFT>(sim::ColorCamera());
+  std::mutex mutex;
+  size_t withColorControl = 0, withDepthControl = 0, withIntrinsics = 0;
+  extraObserver = [&](IMFSample *sample) {
+    UINT32 size = 0;
+    std::lock_guard<std::mutex> hold(mutex);
+    if (SUCCEEDED(sample->GetBlobSize(mft_core::VELDARA_SAMPLE_WQ400_COLOR_CONTROL, &size)) && size == 64) ++withColorControl;
+    if (SUCCEEDED(sample->GetBlobSize(mft_core::VELDARA_SAMPLE_WQ400_DEPTH_CONTROL, &size))) ++withDepthControl;
+    if (SUCCEEDED(sample->GetBlobSize(MFSampleExtension_PinholeCameraIntrinsics, &size)) && size == 48) ++withIntrinsics;
+  };
+  ASSERT_EQ(S_OK, host->Initialize());
+  // The driver's subtypes other than "Z16 " and "Y8  " are published.
+  ASSERT_EQ(S_OK, Start(0, 640, 480, 60));
+  ASSERT_TRUE(WaitForFrames(10));
+  ASSERT_EQ(S_OK, host->StopStream(0));
+  std::lock_guard<std::mutex> hold(mutex);
+  EXPECT_EQ(FrameCount(), withColorControl);
+  EXPECT_EQ(FrameCount(), withIntrinsics);
+  EXPECT_EQ(0u, withDepthControl);
 }
 
 }  // namespace
