@@ -113,10 +113,6 @@ void EventsFileWriter::EncodeDropped(std::vector<uint8_t> &out, uint64_t count, 
 
 void EventsFileWriter::Keep(const uint8_t *record, size_t size, bool keepAside) {
   user_space_frameworks::AutoLock lock(section);
-  KeepLocked(record, size, keepAside);
-}
-
-void EventsFileWriter::KeepLocked(const uint8_t *record, size_t size, bool keepAside) {
   if (stopping || !open.load(std::memory_order_relaxed)) return;
   ring.Append(record, size);
   if (!keepAside || !setUp.complete) return;
@@ -133,10 +129,6 @@ void EventsFileWriter::KeepLocked(const uint8_t *record, size_t size, bool keepA
 void EventsFileWriter::Push(std::vector<uint8_t> &&record) {
   user_space_frameworks::AutoLock lock(section);
   if (stopping || !open.load(std::memory_order_relaxed)) return;
-  if (IsFlightRecorder()) {
-    KeepLocked(record.data(), record.size(), false);
-    return;
-  }
   // The drop record goes where the records went missing, ahead of the next one that fits.
   const size_t needed = queueDrops != 0 ? 2 : 1;
   if (queue.size() + needed > options.queueRecords) {

@@ -111,7 +111,6 @@ class EventsFileWriter {
   void PollRequestEvent();
   void Write(std::deque<std::vector<uint8_t>> &batch, bool final);
   std::vector<uint8_t> SpareBuffer();  // with the lock held
-  void KeepLocked(const uint8_t *record, size_t size, bool setUp);
   size_t WakeRecords() const;          // queued records that wake the writer before its time
   void EncodeDropped(std::vector<uint8_t> &out, uint64_t count, device_events::DropReason reason) const;
 
