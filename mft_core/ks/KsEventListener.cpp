@@ -38,9 +38,11 @@ class KsEventListener::CallbackRelay : public user_space_frameworks::ComObject<I
 };
 
 std::shared_ptr<KsEventListener> KsEventListener::Own(KsEventListener *listener) {
-  std::shared_ptr<KsEventListener> owned(listener, [](KsEventListener *released) {
-    released->Uninit();
-    released->Release();
+  std::shared_ptr<KsEventListener> owned(listener, [](KsEventListener *unowned) {
+    // No completion reaches a listener no owner holds (the relay finds it gone): its stop cannot wait for one.
+    unowned->ownersGone = true;
+    unowned->Uninit();
+    unowned->Release();
   });
   listener->relay = user_space_frameworks::MakeComObject<CallbackRelay>(owned);
   return owned;
@@ -191,8 +193,9 @@ void KsEventListener::Stop() {
 
   // Where cancelling invokes the callback, Invoke completes the stop at once; where it does not, the
   // wait runs out and the event is disabled here instead. Uninit, the only closer of this handle, is
-  // excluded by startStopLock.
-  const DWORD waitResult = WaitForSingleObject(stopCompleted.Get(), kStopTimeoutMs);
+  // excluded by startStopLock. A released listener is past every Invoke (the relay lets none in), so it
+  // disables at once; its last owner may be a work-queue thread leaving Invoke.
+  const DWORD waitResult = ownersGone ? WAIT_OBJECT_0 : WaitForSingleObject(stopCompleted.Get(), kStopTimeoutMs);
   if (waitResult == WAIT_TIMEOUT) {
     WQ_TRACE(Error, name << ": stop did not complete within " << kStopTimeoutMs << " ms");
   } else if (waitResult != WAIT_OBJECT_0) {

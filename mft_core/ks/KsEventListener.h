@@ -92,6 +92,7 @@ class KsEventListener : public user_space_frameworks::ComObject<IMFAsyncCallback
   std::shared_ptr<mft_utils::WaitWorkItemWrapper> workItemWrapper;
   LONG startCount = 0;
   bool stopCompletionPending = false;
+  bool ownersGone = false;  // set by the last owner, before the final Uninit
   DWORD failedWaits = 0;  // consecutive waits that completed with a failure while Active
   std::shared_ptr<const WorkQueueAssignment> workQueue;
   // The callback of every work item: it reaches the listener only while an owner still holds it.
