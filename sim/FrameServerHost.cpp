@@ -200,6 +200,18 @@ HRESULT FrameServerHost::Shutdown() {
   return hr;
 }
 
+void FrameServerHost::Abandon() {
+  if (shutDown) return;
+  shutDown = true;
+  source.StopAll();
+  stopping = true;
+  if (pump.joinable()) {
+    if (events) events->QueueEvent(MEUnknown, kHostWakeUp, S_OK, nullptr);
+    pump.join();
+  }
+  source.StopAll();
+}
+
 ComPtr<IKsControl> FrameServerHost::ApplicationKsControl() {
   ComPtr<IKsControl> ksControl;
   transform.As(&ksControl);
