@@ -210,6 +210,11 @@ void FrameServerHost::Abandon() {
     pump.join();
   }
   source.StopAll();
+  // The camera's pins stop; the transform is never told.
+  DWORD inputs = 0, pins = 0;
+  if (SUCCEEDED(camera->GetStreamCount(&inputs, &pins))) {
+    for (DWORD pin = 0; pin < pins; ++pin) camera->SetOutputType(pin, nullptr, 0);
+  }
 }
 
 ComPtr<IKsControl> FrameServerHost::ApplicationKsControl() {

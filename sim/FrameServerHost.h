@@ -50,8 +50,8 @@ class FrameServerHost {
   // Stops running streams, then IMFShutdown::Shutdown and the end of the event pump. Returns the
   // transform's Shutdown result.
   HRESULT Shutdown();
-  // Lets go of the transform as a host that never shuts it down would: the camera stops sending and
-  // the event pump ends, the streams are left running and IMFShutdown is never called.
+  // Lets go of the transform as a host that never shuts it down would: the camera stops and the event
+  // pump ends, while the transform's streams are left running and IMFShutdown is never called.
   void Abandon();
 
   // The transform as applications reach it for KS requests.

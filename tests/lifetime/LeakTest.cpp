@@ -1,7 +1,7 @@
-// After the frame server releases a transform, nothing it was handed stays referenced: the driver
-// filter, what the filter handed out (attribute stores, media types), the samples the camera sent and
-// the media types the frame server set. A thousand start and stop cycles leave the process's handles
-// and private memory where the first ten left them.
+// After the frame server releases a transform, shut down or not, nothing it was handed stays
+// referenced: the driver filter, what the filter handed out (attribute stores, media types), the samples
+// the camera sent and the media types the frame server set. A thousand start and stop cycles leave the
+// process's handles and private memory where the first ten left them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,11 +28,21 @@ ComPtr<IMFMediaType> HandedType(IMFDeviceTransform *device, DWORD streamId, cons
   return copy;
 }
 
-class Release : public ::testing::TestWithParam<std::tuple<Subject, bool>> {};
+// Idle, streaming then shut down, or streaming and let go without a shutdown (a host that loads the DLL
+// itself may do that).
+enum class Ending { Idle, ShutDown, Abandoned };
+
+class Release : public ::testing::TestWithParam<std::tuple<Subject, Ending>> {};
+
+std::string ReleaseName(const ::testing::TestParamInfo<std::tuple<Subject, Ending>> &info) {
+  static const char *const endings[] = {"_idle", "_streaming", "_abandoned"};
+  return SubjectName(std::get<0>(info.param)) + endings[static_cast<int>(std::get<1>(info.param))];
+}
 
 TEST_P(Release, LetsGoOfTheFilterAndOfEverySampleAndMediaTypeItWasHanded) {
   const Subject &subject = std::get<0>(GetParam());
-  const bool streaming = std::get<1>(GetParam());
+  const Ending ending = std::get<1>(GetParam());
+  const bool streaming = ending != Ending::Idle;
   const sim::CameraConfig camera = subject.camera();
   ComPtr<sim::SimulatedCameraFilter> filter = sim::SimulatedCameraFilter::Create(camera);
   ASSERT_TRUE(filter);
@@ -67,15 +77,21 @@ TEST_P(Release, LetsGoOfTheFilterAndOfEverySampleAndMediaTypeItWasHanded) {
       for (const auto &stream : camera.streams) {
         EXPECT_TRUE(WaitFor([&] { return FramesOut(host, stream.id) >= 5; })) << stream.name << " delivers nothing";
       }
-      // One stream stopped before Shutdown, the others left for Shutdown to stop.
-      ASSERT_EQ(S_OK, host.StopStream(0));
+      // One stream stopped before a shutdown, the others left for it to stop; let go, all running.
+      if (ending == Ending::ShutDown) ASSERT_EQ(S_OK, host.StopStream(0));
     }
-    ASSERT_EQ(S_OK, host.Shutdown());
+    if (ending == Ending::Abandoned) {
+      host.Abandon();
+    } else {
+      ASSERT_EQ(S_OK, host.Shutdown());
+    }
   }
   // The transform's work items may still be unwinding on the platform's threads for a moment.
   EXPECT_TRUE(WaitFor([&] { return References(filter.Get()) == filterAlone; }, 5000))
       << References(filter.Get()) - filterAlone << " reference(s) to the filter kept";
   EXPECT_EQ(0u, filter->ReferencesHeldOutside()) << "attribute stores or media types of the filter kept";
+  EXPECT_EQ(0u, filter->ActiveEventSubscriptions(sim::kAutoUpdateEventSet, sim::kAutoUpdateEventId))
+      << "still subscribed to the driver's event";
   for (size_t i = 0; i < handedTypes.size(); ++i) {
     EXPECT_EQ(1u, References(handedTypes[i].Get())) << "media type set on stream " << i << " kept";
   }
@@ -89,11 +105,10 @@ TEST_P(Release, LetsGoOfTheFilterAndOfEverySampleAndMediaTypeItWasHanded) {
   if (streaming) EXPECT_GE(samples, 5 * camera.streams.size());
 }
 
-INSTANTIATE_TEST_SUITE_P(EachTransform, Release, ::testing::Combine(::testing::ValuesIn(Subjects()), ::testing::Bool()),
-                         [](const ::testing::TestParamInfo<std::tuple<Subject, bool>> &info) {
-                           return SubjectName(std::get<0>(info.param)) +
-                                  (std::get<1>(info.param) ? "_streaming" : "_idle");
-                         });
+INSTANTIATE_TEST_SUITE_P(EachTransform, Release,
+                         ::testing::Combine(::testing::ValuesIn(Subjects()),
+                                            ::testing::Values(Ending::Idle, Ending::ShutDown, Ending::Abandoned)),
+                         ReleaseName);
 
 class StartStopCycles : public ::testing::TestWithParam<Subject> {};
 
