@@ -28,10 +28,6 @@ ComPtr<IMFMediaType> HandedType(IMFDeviceTransform *device, DWORD streamId, cons
   return copy;
 }
 
-// Idle, streaming then shut down, or streaming and let go without a shutdown (a host that loads the DLL
-// itself may do that).
-enum class Ending { Idle, ShutDown, Abandoned };
-
 class Release : public ::testing::TestWithParam<std::tuple<Subject, Ending>> {};
 
 std::string ReleaseName(const ::testing::TestParamInfo<std::tuple<Subject, Ending>> &info) {

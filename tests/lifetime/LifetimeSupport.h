@@ -29,6 +29,10 @@ const std::vector<Subject> &Subjects();
 inline void PrintTo(const Subject &subject, std::ostream *out) { *out << subject.name; }
 std::string SubjectName(const Subject &subject);
 
+// How the frame server ends with a transform: idle, streaming then shut down, or streaming and let go
+// without a shutdown (a host that loads the DLL itself may do that).
+enum class Ending { Idle, ShutDown, Abandoned };
+
 // A new transform of the subject's class, through DllGetClassObject and IClassFactory.
 Microsoft::WRL::ComPtr<IMFDeviceTransform> CreateThroughDll(const Subject &subject);
 

@@ -83,8 +83,9 @@ struct Counts {
 // One round: load, create through the class object, initialise (and stream), then the
 // last release racing the unloading thread; then the camera's driver event and time for the platform's
 // queues, which is when a callback the platform kept would run.
-void RunRound(const std::wstring &path, const Subject &subject, uint64_t round, bool streaming,
+void RunRound(const std::wstring &path, const Subject &subject, uint64_t round, Ending ending,
               RoundWatchdog &watchdog, Counts &counts) {
+  const bool streaming = ending != Ending::Idle;
   const std::string name = subject.name + " round " + std::to_string(round);
   watchdog.Phase("loading");
   LoadedModule module(path);
@@ -107,7 +108,11 @@ void RunRound(const std::wstring &path, const Subject &subject, uint64_t round, 
     filter->SignalAutoUpdate();
   }
   watchdog.Phase("shutting down");
-  host->Shutdown();
+  if (ending == Ending::Abandoned) {
+    host->Abandon();
+  } else {
+    host->Shutdown();
+  }
   host.reset();
   if (module.CanUnloadNow() == S_OK) ++counts.earlyAnswers;
 
@@ -164,16 +169,19 @@ TEST(UnloadStress, TheModuleIsUnloadedTheMomentItAllowsItWhileItsLastObjectGoes)
   for (uint64_t round = 0; round < rounds && !HasFailure(); ++round) {
     const Subject &subject = Subjects()[round % Subjects().size()];
     watchdog.BeginRound(subject.name + " round " + std::to_string(round / Subjects().size()));
-    RunRound(path, subject, round / Subjects().size(), false, watchdog, counts);
+    RunRound(path, subject, round / Subjects().size(), Ending::Idle, watchdog, counts);
   }
   const uint64_t initialised = counts.unloaded;
   // Streamed last: once the platform keeps a cancelled wait's callback, the module stays for good.
-  for (const Subject &subject : Subjects()) {
-    if (HasFailure()) break;
-    watchdog.BeginRound(subject.name + " streaming round");
-    RunRound(path, subject, 0, true, watchdog, counts);
+  for (const Ending ending : {Ending::ShutDown, Ending::Abandoned}) {
+    for (const Subject &subject : Subjects()) {
+      if (HasFailure()) break;
+      watchdog.BeginRound(subject.name + (ending == Ending::Abandoned ? " abandoned" : " streaming") + " round");
+      RunRound(path, subject, 0, ending, watchdog, counts);
+    }
   }
-  std::printf("%llu rounds initialised, unloaded after %llu; %llu streamed, unloaded after %llu\n",
+  std::printf("%llu rounds initialised, unloaded after %llu; %llu streamed (shut down or let go), "
+              "unloaded after %llu\n",
               static_cast<unsigned long long>(rounds), static_cast<unsigned long long>(initialised),
               static_cast<unsigned long long>(counts.streamed),
               static_cast<unsigned long long>(counts.unloaded - initialised));
