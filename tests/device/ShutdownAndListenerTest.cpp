@@ -305,30 +305,4 @@ TEST(HealthySessionTest, TracesNoErrors) {
   }
 }
 
-// A host that loads the transform itself may let it go while it streams, without a shutdown: the last
-// release unsubscribes from the driver's event and lets go of the filter, without waiting for the
-// cancelled wait's completion that can no longer reach the listener.
-TEST(ReleaseWithoutShutdownTest, WhileStreamingUnsubscribesAndLetsGoOfTheFilter) {
-  auto sink = std::make_shared<user_space_frameworks::CapturingTraceSink>();
-  user_space_frameworks::trace::ScopedSink scoped(sink, user_space_frameworks::TraceLevel::Error);
-  ComPtr<sim::SimulatedCameraFilter> filter = sim::SimulatedCameraFilter::Create(sim::DepthCamera());
-  const ULONG filterAlone = test_waiting::References(filter.Get());
-  {
-    auto transform = user_space_frameworks::MakeComObject<PassThroughDeviceMft>("Abandoned", kDepthUnits);
-    ComPtr<IMFDeviceTransform> device;
-    ASSERT_EQ(S_OK, transform.As(&device));
-    sim::FrameServerHost host(device, filter);
-    ASSERT_EQ(S_OK, host.Initialize());
-    ComPtr<IMFMediaType> type;
-    ASSERT_EQ(S_OK, device->GetOutputAvailableType(0, 0, type.GetAddressOf()));
-    ASSERT_EQ(S_OK, host.StartStream(0, type.Get()));
-    ASSERT_TRUE(WaitFor([&] { return host.Stats()[0].framesOut >= 3; }));
-    EXPECT_EQ(1u, filter->ActiveEventSubscriptions(sim::kAutoUpdateEventSet, sim::kAutoUpdateEventId));
-    host.Abandon();
-  }
-  EXPECT_TRUE(WaitFor([&] { return test_waiting::References(filter.Get()) == filterAlone; }));
-  EXPECT_EQ(0u, filter->ActiveEventSubscriptions(sim::kAutoUpdateEventSet, sim::kAutoUpdateEventId));
-  for (const auto &line : sink->Lines()) ADD_FAILURE() << line.function << ": " << line.message;
-}
-
 }  // namespace
