@@ -189,14 +189,8 @@ HRESULT FrameServerHost::Shutdown() {
   ComPtr<IMFShutdown> shutdown;
   HRESULT hr = transform.As(&shutdown);
   if (SUCCEEDED(hr)) hr = shutdown->Shutdown();
-  stopping = true;
-  if (pump.joinable()) {
-    // A transform whose queue is still open needs a nudge for the pump to notice the end.
-    if (FAILED(hr) && events) events->QueueEvent(MEUnknown, kHostWakeUp, S_OK, nullptr);
-    pump.join();
-  }
-  // A start the pump answered while the streams were being stopped.
-  source.StopAll();
+  // A transform whose queue is still open needs a nudge for the pump to notice the end.
+  EndPump(FAILED(hr));
   return hr;
 }
 
@@ -204,17 +198,22 @@ void FrameServerHost::Abandon() {
   if (shutDown) return;
   shutDown = true;
   source.StopAll();
-  stopping = true;
-  if (pump.joinable()) {
-    if (events) events->QueueEvent(MEUnknown, kHostWakeUp, S_OK, nullptr);
-    pump.join();
-  }
-  source.StopAll();
+  EndPump(true);
   // The camera's pins stop; the transform is never told.
   DWORD inputs = 0, pins = 0;
   if (SUCCEEDED(camera->GetStreamCount(&inputs, &pins))) {
     for (DWORD pin = 0; pin < pins; ++pin) camera->SetOutputType(pin, nullptr, 0);
   }
+}
+
+void FrameServerHost::EndPump(bool nudge) {
+  stopping = true;
+  if (pump.joinable()) {
+    if (nudge && events) events->QueueEvent(MEUnknown, kHostWakeUp, S_OK, nullptr);
+    pump.join();
+  }
+  // A start the pump answered while the streams were being stopped.
+  source.StopAll();
 }
 
 ComPtr<IKsControl> FrameServerHost::ApplicationKsControl() {

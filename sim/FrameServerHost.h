@@ -95,6 +95,8 @@ class FrameServerHost {
 
   HRESULT Deliver(DWORD streamId, IMFSample *sample);
   void Pump();
+  // Ends the event pump (woken by a host event when `nudge`), then stops any source it started.
+  void EndPump(bool nudge);
   void AnswerStateChange(DWORD inputStreamId);
   void PullOutput();
   void NoteError(HRESULT hr);
